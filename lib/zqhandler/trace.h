@@ -1,0 +1,23 @@
+// The library's diagnostics on standard error: messages, warnings, fatal errors, assertion reports
+// and a trace filtered by a process-wide numeric limit.
+#pragma once
+
+#define VLM_PRINTF(fmt_index, first_arg) __attribute__((format(printf, fmt_index, first_arg)))
+
+// Trace level of the library's transport failures; written while the limit is above it.
+inline constexpr unsigned VLMLIB_TRACE_TRANSPORT = 200;
+// The limit a process starts with.
+inline constexpr unsigned VLMLIB_TRACE_DEFAULT_LIMIT = 500;
+
+void vlmlibmessage(const char* format, ...) VLM_PRINTF(1, 2);
+void vlmlibwarning(const char* format, ...) VLM_PRINTF(1, 2);
+// Writes the message, then aborts the process.
+[[noreturn]] void vlmliberror(const char* format, ...) VLM_PRINTF(1, 2);
+// Written only when level < the trace limit (unsigned comparison).
+void vlmlibtrace(unsigned level, const char* format, ...) VLM_PRINTF(2, 3);
+
+void _vlmlib_set_trace_level(unsigned limit);
+unsigned _vlmlib_get_trace_level();
+
+// Reports "file:line: FXASSERT(expression) failed." and returns; it never stops the process.
+void vlmlibassert(const char* expression, const char* file, int line);
