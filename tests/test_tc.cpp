@@ -26,7 +26,7 @@ TEST(Tc, fix_format_reads_from_the_end_and_leaves_the_result_alone_on_leftover_t
         const char* expected;
     };
     const Case cases[] = {
-        {"1:2:3", 0, "00:01:02:03"}, {"1234", 0, "00:00:12:34"},      {"", 0, ""},
+        {"1:2:3", 0, "00:01:02:03"},          {"1234", 0, "00:00:12:34"},       {"", 0, ""},
         {"1:2:3:4:5", -1, "<never written>"}, {"12 34", -1, "<never written>"},
     };
     for (const Case& c : cases) {
@@ -46,12 +46,12 @@ TEST(Tc, fix_reads_up_to_four_numbers_from_the_start_and_carries_seconds_and_min
         const char* expected;
     };
     const Case cases[] = {
-        {"1:2:3:4", 0, "01:02:03:04"},   {"0:90:00", 0, "00:01:30:00"},
-        {"123", 0, "00:00:12:03"},       {"12::34", 0, "00:00:12:34"},
-        {"12:34xyz", 0, "00:00:12:34"},  {"90", 0, "00:00:00:90"},
-        {"1:2:3:4:5", 0, "01:02:03:04"}, {"10 20 30 15", 0, "10:20:30:15"},
+        {"1:2:3:4", 0, "01:02:03:04"},    {"0:90:00", 0, "00:01:30:00"},
+        {"123", 0, "00:00:12:03"},        {"12::34", 0, "00:00:12:34"},
+        {"12:34xyz", 0, "00:00:12:34"},   {"90", 0, "00:00:00:90"},
+        {"1:2:3:4:5", 0, "01:02:03:04"},  {"10 20 30 15", 0, "10:20:30:15"},
         {"0:59:60:00", 0, "01:00:00:00"}, {"12345678", 0, "12:34:56:78"},
-        {":12", -1, "00:00:00:00"},      {"", -1, "00:00:00:00"},
+        {":12", -1, "00:00:00:00"},       {"", -1, "00:00:00:00"},
         {"x1", -1, "00:00:00:00"},
     };
     for (const Case& c : cases) {
@@ -70,8 +70,7 @@ TEST(Tc, bcd_bytes_become_digits_with_device_flags_ignored_and_bit_6_marking_dro
         const char* expected;
     };
     const Case cases[] = {
-        {{0x45, 0x30, 0x59, 0x23}, "23:59:30;05"},
-        {{0x15, 0x30, 0x20, 0x10}, "10:20:30:15"},
+        {{0x45, 0x30, 0x59, 0x23}, "23:59:30;05"}, {{0x15, 0x30, 0x20, 0x10}, "10:20:30:15"},
         {{0xC5, 0xB0, 0x59, 0xE3}, "23:59:30;05"}, // bits 7 of frames, seconds, hours; 6 of hours
         {{0x00, 0x00, 0xA0, 0x00}, "00::0:00:00"}, // the minutes' tens are not masked
         {{0x0F, 0x00, 0x00, 0x00}, "00:00:00:0?"}, // a nibble above 9 is '0' plus its value
@@ -89,9 +88,12 @@ TEST(Tc, strings_become_bcd_through_the_loose_reading_with_drop_frame_from_posit
         Bcd expected;
     };
     const Case cases[] = {
-        {"10:20:30:15", {0x15, 0x30, 0x20, 0x10}}, {"00:01:00;02", {0x42, 0x00, 0x01, 0x00}},
-        {"1:2:3:4", {0x04, 0x03, 0x02, 0x01}},     {"0:90:00", {0x00, 0x30, 0x01, 0x00}},
-        {"", {0, 0, 0, 0}},                        {":junk", {0, 0, 0, 0}},
+        {"10:20:30:15", {0x15, 0x30, 0x20, 0x10}},
+        {"00:01:00;02", {0x42, 0x00, 0x01, 0x00}},
+        {"1:2:3:4", {0x04, 0x03, 0x02, 0x01}},
+        {"0:90:00", {0x00, 0x30, 0x01, 0x00}},
+        {"", {0, 0, 0, 0}},
+        {":junk", {0, 0, 0, 0}},
         {"1:2;3", {0x03, 0x02, 0x01, 0x00}}, // ";" elsewhere than position 8 is no drop mark
     };
     for (const Case& c : cases) {
@@ -127,12 +129,12 @@ TEST(Tc, records_count_frames_and_skipped_drop_frame_labels_move_to_frame_2) {
         int32_t frames_after;
     };
     const Case cases[] = {
-        {{0, 1, 0, 2}, 30, 1, 1800, 2},    {{0, 1, 0, 0}, 30, 1, 1800, 2},
-        {{0, 1, 0, 1}, 30, 1, 1800, 2},    {{0, 10, 0, 0}, 30, 1, 17982, 0},
-        {{1, 0, 0, 0}, 30, 1, 107892, 0},  {{0, 1, 0, 0}, 30, 0, 1800, 0},
-        {{0, 1, 0, 0}, 60, 1, 3600, 2},    {{0, 0, 1, 0}, 50, 0, 50, 0},
-        {{1, 0, 0, 0}, 25, 0, 90000, 0},   {{23, 59, 59, 23}, 24, 0, 2073599, 23},
-        {{0, 0, 0, 99}, 25, 0, 99, 99},    // fields are not range-checked
+        {{0, 1, 0, 2}, 30, 1, 1800, 2},   {{0, 1, 0, 0}, 30, 1, 1800, 2},
+        {{0, 1, 0, 1}, 30, 1, 1800, 2},   {{0, 10, 0, 0}, 30, 1, 17982, 0},
+        {{1, 0, 0, 0}, 30, 1, 107892, 0}, {{0, 1, 0, 0}, 30, 0, 1800, 0},
+        {{0, 1, 0, 0}, 60, 1, 3600, 2},   {{0, 0, 1, 0}, 50, 0, 50, 0},
+        {{1, 0, 0, 0}, 25, 0, 90000, 0},  {{23, 59, 59, 23}, 24, 0, 2073599, 23},
+        {{0, 0, 0, 99}, 25, 0, 99, 99}, // fields are not range-checked
     };
     for (const Case& c : cases) {
         t_tc_struct record = c.record;
@@ -145,8 +147,10 @@ TEST(Tc, records_count_frames_and_skipped_drop_frame_labels_move_to_frame_2) {
 
 TEST(Tc, counts_that_are_negative_or_too_large_and_bad_rates_are_refused) {
     const t_tc_struct refused[] = {
-        {0, 0, 0, -1},      {INT32_MAX, INT32_MAX, INT32_MAX, INT32_MAX},
-        {INT32_MIN, 0, 0, 0}, {19885, 0, 0, 0}, // over 2^31 - 1 frames at 30
+        {0, 0, 0, -1},
+        {INT32_MAX, INT32_MAX, INT32_MAX, INT32_MAX},
+        {INT32_MIN, 0, 0, 0},
+        {19885, 0, 0, 0}, // over 2^31 - 1 frames at 30
     };
     for (t_tc_struct record : refused) {
         EXPECT_EQ(tc_struct2frames(&record, 30, 0), -1) << record.hours << " " << record.frames;
@@ -169,11 +173,16 @@ TEST(Tc, strings_count_frames_by_position) {
         int32_t count;
     };
     const Case cases[] = {
-        {"00:01:00;02", 30, 1, 1800},    {"00:10:00;00", 30, 1, 17982},
-        {"01:00:00;00", 30, 1, 107892},  {"00:01:00:00", 30, 1, 1800},
-        {"00:00:01:00", 50, 0, 50},      {"00:00:01:00", 60, 1, 60},
-        {"24:00:00:00", 25, 0, 2160000}, {"01:00", 25, 0, 90000}, // a short string reads as zeros
-        {"", 25, 0, 0},                  {"99:99:99:99", 25, 0, 9061074},
+        {"00:01:00;02", 30, 1, 1800},
+        {"00:10:00;00", 30, 1, 17982},
+        {"01:00:00;00", 30, 1, 107892},
+        {"00:01:00:00", 30, 1, 1800},
+        {"00:00:01:00", 50, 0, 50},
+        {"00:00:01:00", 60, 1, 60},
+        {"24:00:00:00", 25, 0, 2160000},
+        {"01:00", 25, 0, 90000}, // a short string reads as zeros
+        {"", 25, 0, 0},
+        {"99:99:99:99", 25, 0, 9061074},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(tc_tcstr2frames(HeapText(c.text).get(), c.rate, c.drop), c.count) << c.text;
@@ -293,10 +302,10 @@ TEST(Tc, hours_of_100_or_more_are_cut_to_two_digits_within_12_bytes) {
          "23:00:00:00"},
         {"largest count", [](char* r) { return tc_frames2tcstr(UINT32_MAX, 25, 0, r); }, 0,
          "21:51:31:20"}, // 47721:51:31:20
-        {"largest count at 30 drop",
-         [](char* r) { return tc_frames2tcstr(UINT32_MAX, 30, 1, r); }, 0, "08:01:25;11"}, // 39808:01:25;11
-        {"largest count clipped", [](char* r) { return tc_frames2tcstr_clip24(UINT32_MAX, 25, 0, r); },
-         0, "09:51:31:20"},
+        {"largest count at 30 drop", [](char* r) { return tc_frames2tcstr(UINT32_MAX, 30, 1, r); },
+         0, "08:01:25;11"}, // 39808:01:25;11
+        {"largest count clipped",
+         [](char* r) { return tc_frames2tcstr_clip24(UINT32_MAX, 25, 0, r); }, 0, "09:51:31:20"},
         {"sum", [](char* r) { return tc_tcstradd(r, "99:00:00:00", "02:00:00:00", 25, 0); }, 0,
          "01:00:00:00"},
         {"product", [](char* r) { return tcstr_multiply(r, "50:00:00:00", 3, 25, 0, 0, 1000); }, 0,
@@ -304,11 +313,14 @@ TEST(Tc, hours_of_100_or_more_are_cut_to_two_digits_within_12_bytes) {
         {"end of material",
          [](char* r) { return tcstr_compute_eom(r, "60:00:00:00", "60:00:00:01", 25, 0, 0, 1000); },
          0, "20:00:00:00"},
-        {"increment", [](char* r) {
+        {"increment",
+         [](char* r) {
              std::strcpy(r, "99:59:59:24");
              return tcstr_incremente(r, 25, 0, 0, 0);
-         }, 0, "00:00:00:00"},
-        {"duration", [](char* r) { return tcstr_compute_duration(r, "00:00:00:00", "99:59:59:24", 25, 0, 0); },
+         },
+         0, "00:00:00:00"},
+        {"duration",
+         [](char* r) { return tcstr_compute_duration(r, "00:00:00:00", "99:59:59:24", 25, 0, 0); },
          0, "00:00:00:00"},
         {"loose text", [](char* r) { return tc_fix_tcstr(r, "99:99:99:99"); }, 0, "00:40:39:99"},
     };
@@ -326,9 +338,21 @@ TEST(Tc, hours_of_100_or_more_are_cut_to_two_digits_within_12_bytes) {
 // empty or in the normal form, and nothing is read or written out of bounds (ASan checks).
 TEST(Tc, garbage_short_and_long_text_gives_normal_form_or_empty_results) {
     const std::string inputs[] = {
-        "", "1", "12", "12:3", ";", ":::::::::::", "\xff\xfe\x80", "aa:bb:cc:dd",
-        "  :  :  :  ", "99:99:99:99", "00:00:00;", std::string(5000, '9'), std::string(5000, ':'),
-        "1" + std::string(4000, ' '), "12:34:56:78:90:12:34",
+        "",
+        "1",
+        "12",
+        "12:3",
+        ";",
+        ":::::::::::",
+        "\xff\xfe\x80",
+        "aa:bb:cc:dd",
+        "  :  :  :  ",
+        "99:99:99:99",
+        "00:00:00;",
+        std::string(5000, '9'),
+        std::string(5000, ':'),
+        "1" + std::string(4000, ' '),
+        "12:34:56:78:90:12:34",
     };
     for (const std::string& input : inputs) {
         const HeapText text(input);
@@ -385,7 +409,8 @@ class LabelCounter {
                 }
             }
         }
-        if (drop_ && seconds_ == 0 && frames_ < 2 && minutes_ % 10 != 0) frames_ = 2;
+        if (drop_ && seconds_ == 0 && frames_ < 2 && minutes_ % 10 != 0)
+            frames_ = 2;
     }
 
     const char* label() {
@@ -393,7 +418,8 @@ class LabelCounter {
         for (int i = 0; i < 4; ++i) {
             text_[3 * i] = static_cast<char>('0' + fields[i] / 10);
             text_[3 * i + 1] = static_cast<char>('0' + fields[i] % 10);
-            if (i < 3) text_[3 * i + 2] = (i == 2 && drop_) ? ';' : ':';
+            if (i < 3)
+                text_[3 * i + 2] = (i == 2 && drop_) ? ';' : ':';
         }
         text_[11] = '\0';
         return text_;
@@ -441,12 +467,26 @@ void sweep_day(int32_t rate, int32_t drop) {
     EXPECT_STREQ(label, counter.label()) << rate;
 }
 
-TEST(TcDay, drop_frame_at_30_labels_and_counts_every_frame_of_a_day) { sweep_day(30, 1); }
-TEST(TcDay, drop_frame_at_60_fields_labels_and_counts_every_frame_of_a_day) { sweep_day(60, 1); }
-TEST(TcDay, non_drop_24_labels_and_counts_every_frame_of_a_day) { sweep_day(24, 0); }
-TEST(TcDay, non_drop_25_labels_and_counts_every_frame_of_a_day) { sweep_day(25, 0); }
-TEST(TcDay, non_drop_30_labels_and_counts_every_frame_of_a_day) { sweep_day(30, 0); }
-TEST(TcDay, fields_at_50_label_both_fields_of_every_frame_of_a_day) { sweep_day(50, 0); }
-TEST(TcDay, fields_at_60_label_both_fields_of_every_frame_of_a_day) { sweep_day(60, 0); }
+TEST(TcDay, drop_frame_at_30_labels_and_counts_every_frame_of_a_day) {
+    sweep_day(30, 1);
+}
+TEST(TcDay, drop_frame_at_60_fields_labels_and_counts_every_frame_of_a_day) {
+    sweep_day(60, 1);
+}
+TEST(TcDay, non_drop_24_labels_and_counts_every_frame_of_a_day) {
+    sweep_day(24, 0);
+}
+TEST(TcDay, non_drop_25_labels_and_counts_every_frame_of_a_day) {
+    sweep_day(25, 0);
+}
+TEST(TcDay, non_drop_30_labels_and_counts_every_frame_of_a_day) {
+    sweep_day(30, 0);
+}
+TEST(TcDay, fields_at_50_label_both_fields_of_every_frame_of_a_day) {
+    sweep_day(50, 0);
+}
+TEST(TcDay, fields_at_60_label_both_fields_of_every_frame_of_a_day) {
+    sweep_day(60, 0);
+}
 
 } // namespace

@@ -18,7 +18,8 @@ constexpr uint8_t kBcdDropFrame = 0x40;
 // The label of frame `n` (of field `n` at a field rate), hours modulo 24 with `clip24`.
 int write_label(uint32_t n, int32_t rate, int32_t drop, char* result, bool clip24) {
     const int64_t fps = zq_tc::frame_rate(rate);
-    if (result == nullptr || fps == 0) return -1;
+    if (result == nullptr || fps == 0)
+        return -1;
     int64_t left = rate >= 31 ? n >> 1 : n; // an odd field belongs to the frame of the even one
     const bool drop_frame = zq_tc::drop_counting(fps, drop);
     const int64_t hour = drop_frame ? kDropFrameHour : fps * 3600;
@@ -32,12 +33,14 @@ int write_label(uint32_t n, int32_t rate, int32_t drop, char* result, bool clip2
     // At most 9 turns: what is left is less than ten minutes.
     while (left >= minute) {
         left -= minute;
-        if (drop_frame) left += 2; // this minute's labels start at frame 2
+        if (drop_frame)
+            left += 2; // this minute's labels start at frame 2
         ++f.minutes;
     }
     f.seconds = left / fps;
     f.frames = left % fps;
-    if (clip24) f.hours %= 24;
+    if (clip24)
+        f.hours %= 24;
     zq_tc::write_fields(result, f, drop_frame);
     return 0;
 }
@@ -45,7 +48,8 @@ int write_label(uint32_t n, int32_t rate, int32_t drop, char* result, bool clip2
 // tc_tcstradd and tc_tcstrsub: `combine` the two strings' counts and write the label.
 int through_counts(char* result, const char* a, const char* b, int32_t rate, int32_t drop,
                    uint32_t (*combine)(uint32_t, uint32_t)) {
-    if (result == nullptr || rate < 1) return -1;
+    if (result == nullptr || rate < 1)
+        return -1;
     const int32_t count_a = tc_tcstr2frames(a, rate, drop);
     const int32_t count_b = tc_tcstr2frames(b, rate, drop);
     if (count_a < 0 || count_b < 0) {
@@ -71,10 +75,12 @@ void write_bcd_digits(char* out, uint8_t byte, uint8_t tens_mask) {
 } // namespace
 
 int tc_tcstrFixFormat(char* result, const char* s) {
-    if (result == nullptr) return -1;
+    if (result == nullptr)
+        return -1;
     Fields f;
     const zq_tc::TypedText typed = zq_tc::read_typed(s, f);
-    if (typed == zq_tc::TypedText::unreadable) return -1;
+    if (typed == zq_tc::TypedText::unreadable)
+        return -1;
     if (typed == zq_tc::TypedText::empty) {
         result[0] = '\0';
     } else {
@@ -84,7 +90,8 @@ int tc_tcstrFixFormat(char* result, const char* s) {
 }
 
 int tc_fix_tcstr(char* result, const char* s) {
-    if (result == nullptr) return -1;
+    if (result == nullptr)
+        return -1;
     if (s == nullptr || !zq_tc::is_digit(s[0])) {
         zq_tc::write_fields(result, {}, false);
         return -1;
@@ -94,25 +101,30 @@ int tc_fix_tcstr(char* result, const char* s) {
     const char* p = s;
     auto read_number = [&] { // one or two digits; *p is a digit
         int64_t value = *p++ - '0';
-        if (zq_tc::is_digit(*p)) value = value * 10 + (*p++ - '0');
+        if (zq_tc::is_digit(*p))
+            value = value * 10 + (*p++ - '0');
         numbers[count++] = value;
     };
     read_number();
     for (int attempt = 0; attempt < 3; ++attempt) {
-        if (*p != '\0' && !zq_tc::is_digit(*p)) ++p; // any one character separates
-        if (zq_tc::is_digit(*p)) read_number();
+        if (*p != '\0' && !zq_tc::is_digit(*p))
+            ++p; // any one character separates
+        if (zq_tc::is_digit(*p))
+            read_number();
     }
     // The last number read is the frames, the one before it the seconds, and so on.
     Fields f;
     int64_t* fields[] = {&f.hours, &f.minutes, &f.seconds, &f.frames};
-    for (size_t i = 0; i < count; ++i) *fields[4 - count + i] = numbers[i];
+    for (size_t i = 0; i < count; ++i)
+        *fields[4 - count + i] = numbers[i];
     zq_tc::carry_seconds_and_minutes(f);
     zq_tc::write_fields(result, f, false);
     return 0;
 }
 
 int tc_bcd2tcstr(char* result, const uint8_t bcd[4]) {
-    if (result == nullptr || bcd == nullptr) return -1;
+    if (result == nullptr || bcd == nullptr)
+        return -1;
     write_bcd_digits(result, bcd[3], 0x3);
     result[2] = ':';
     write_bcd_digits(result + 3, bcd[2], 0xF);
@@ -125,20 +137,23 @@ int tc_bcd2tcstr(char* result, const uint8_t bcd[4]) {
 }
 
 int tc_tcstr2bcd(uint8_t bcd[4], const char* s) {
-    if (bcd == nullptr) return -1;
+    if (bcd == nullptr)
+        return -1;
     std::array<char, 12> fixed;
     tc_fix_tcstr(fixed.data(), s); // text it refuses leaves the zero timecode
     bcd[0] = bcd_at(fixed, 9);
     bcd[1] = bcd_at(fixed, 6);
     bcd[2] = bcd_at(fixed, 3);
     bcd[3] = bcd_at(fixed, 0);
-    if (zq_tc::has_char_at(s, 8) && s[8] == ';') bcd[0] |= kBcdDropFrame;
+    if (zq_tc::has_char_at(s, 8) && s[8] == ';')
+        bcd[0] |= kBcdDropFrame;
     return 0;
 }
 
 int32_t tc_struct2frames(t_tc_struct* tc, int32_t rate, int32_t drop) {
     const int64_t fps = zq_tc::frame_rate(rate);
-    if (tc == nullptr || fps == 0) return -1;
+    if (tc == nullptr || fps == 0)
+        return -1;
     Fields f{tc->hours, tc->minutes, tc->seconds, tc->frames};
     const bool drop_frame = zq_tc::drop_counting(fps, drop);
     if (drop_frame && zq_tc::names_dropped_frame(f)) {
@@ -184,11 +199,13 @@ int tc_tcstrsub(char* result, const char* a, const char* b, int32_t rate, int32_
 }
 
 int tc_set_0(char* result) {
-    if (result != nullptr) zq_tc::write_fields(result, {}, false);
+    if (result != nullptr)
+        zq_tc::write_fields(result, {}, false);
     return -1;
 }
 
 int tc_validstr(const char* s, int32_t rate) {
-    if (!zq_tc::has_char_at(s, 10) || !zq_tc::is_digit(s[9]) || !zq_tc::is_digit(s[10])) return -1;
+    if (!zq_tc::has_char_at(s, 10) || !zq_tc::is_digit(s[9]) || !zq_tc::is_digit(s[10]))
+        return -1;
     return (s[9] - '0') * 10 + (s[10] - '0') < rate ? 0 : -1;
 }

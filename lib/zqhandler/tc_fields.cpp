@@ -7,15 +7,18 @@
 namespace zq_tc {
 
 bool has_char_at(const char* s, size_t pos) {
-    if (s == nullptr) return false;
+    if (s == nullptr)
+        return false;
     for (size_t i = 0; i <= pos; ++i) {
-        if (s[i] == '\0') return false;
+        if (s[i] == '\0')
+            return false;
     }
     return true;
 }
 
 int64_t frame_rate(int32_t rate) {
-    if (rate < 1) return 0;
+    if (rate < 1)
+        return 0;
     return rate >= 31 ? rate / 2 : rate;
 }
 
@@ -64,7 +67,8 @@ void write_fields(char* out, const Fields& f, bool drop_mark) {
 }
 
 TypedText read_typed(const char* s, Fields& out) {
-    if (s == nullptr || *s == '\0') return TypedText::empty;
+    if (s == nullptr || *s == '\0')
+        return TypedText::empty;
     const std::string_view text(s);
     size_t end = text.size(); // everything before `end` is still to be read
     auto take_number = [&text, &end] {
@@ -77,7 +81,8 @@ TypedText read_typed(const char* s, Fields& out) {
     out = {};
     out.frames = take_number();
     for (int64_t* field : {&out.seconds, &out.minutes, &out.hours}) {
-        if (end > 0 && is_separator(text[end - 1])) --end;
+        if (end > 0 && is_separator(text[end - 1]))
+            --end;
         *field = take_number();
     }
     return end == 0 ? TypedText::read : TypedText::unreadable;

@@ -1,6 +1,7 @@
 // The four fields of a timecode, read from and written to strings: shared by every tc operation.
 #pragma once
 
+#include <compare>
 #include <cstddef>
 #include <cstdint>
 
@@ -20,8 +21,12 @@ struct Fields {
     auto operator<=>(const Fields&) const = default;
 };
 
-inline bool is_digit(char c) { return c >= '0' && c <= '9'; }
-inline bool is_separator(char c) { return c == '.' || c == ':' || c == ';'; }
+inline bool is_digit(char c) {
+    return c >= '0' && c <= '9';
+}
+inline bool is_separator(char c) {
+    return c == '.' || c == ':' || c == ';';
+}
 
 // True when `s` is not null and has a character (not its NUL) at `pos`; reads no further.
 bool has_char_at(const char* s, size_t pos);
@@ -31,7 +36,9 @@ bool has_char_at(const char* s, size_t pos);
 int64_t frame_rate(int32_t rate);
 
 // Drop-frame counting applies only at exactly 30 frames per second.
-inline bool drop_counting(int64_t fps, int32_t drop) { return fps == 30 && drop != 0; }
+inline bool drop_counting(int64_t fps, int32_t drop) {
+    return fps == 30 && drop != 0;
+}
 
 // True when drop-frame counting leaves out the frame the fields name: frames 0 and 1 of second 0
 // of a minute that is not a multiple of 10.

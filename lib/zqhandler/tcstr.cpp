@@ -16,11 +16,14 @@ constexpr size_t kLaterGroupDigits = 3;
 
 // One frame forward: frames carry into seconds at the rate, seconds and minutes at 60.
 void step_forward(Fields& f, int64_t fps) {
-    if (++f.frames < fps) return;
+    if (++f.frames < fps)
+        return;
     f.frames = 0;
-    if (++f.seconds < 60) return;
+    if (++f.seconds < 60)
+        return;
     f.seconds = 0;
-    if (++f.minutes < 60) return;
+    if (++f.minutes < 60)
+        return;
     f.minutes = 0;
     ++f.hours;
 }
@@ -28,11 +31,14 @@ void step_forward(Fields& f, int64_t fps) {
 // One frame back: frames borrow from seconds (becoming rate - 1), seconds and minutes borrow
 // from the next field (becoming 59).
 void step_back(Fields& f, int64_t fps) {
-    if (--f.frames >= 0) return;
+    if (--f.frames >= 0)
+        return;
     f.frames = fps - 1;
-    if (--f.seconds >= 0) return;
+    if (--f.seconds >= 0)
+        return;
     f.seconds = 59;
-    if (--f.minutes >= 0) return;
+    if (--f.minutes >= 0)
+        return;
     f.minutes = 59;
     --f.hours;
 }
@@ -41,7 +47,8 @@ void step_back(Fields& f, int64_t fps) {
 // before `restart_hour`.
 void step_back_from(Fields& f, int64_t fps, bool wrap, int64_t restart_hour) {
     if (f == Fields{}) {
-        if (!wrap) return;
+        if (!wrap)
+            return;
         f.hours = restart_hour;
     }
     step_back(f, fps);
@@ -84,7 +91,8 @@ int write_within_limit(char* result, Fields f, bool drop_mark, int32_t wrap, int
         zq_tc::write_fields(result, {}, drop_mark);
         return -1;
     }
-    if (f.hours >= hour_limit) f.hours %= hour_limit;
+    if (f.hours >= hour_limit)
+        f.hours %= hour_limit;
     zq_tc::write_fields(result, f, drop_mark);
     return 0;
 }
@@ -92,22 +100,27 @@ int write_within_limit(char* result, Fields f, bool drop_mark, int32_t wrap, int
 } // namespace
 
 void tcstr_reset(char* tc, int32_t rate, int32_t drop) {
-    if (tc != nullptr) zq_tc::write_fields(tc, {}, rate == 30 && drop != 0);
+    if (tc != nullptr)
+        zq_tc::write_fields(tc, {}, rate == 30 && drop != 0);
 }
 
 int tcstr_isvalid(const char* s) {
-    if (s == nullptr) return 0;
+    if (s == nullptr)
+        return 0;
     size_t digits = 0;
     size_t separators = 0;
     for (const char* p = s; *p != '\0';) {
-        if (!zq_tc::is_digit(*p)) return 0; // a group must begin with a digit
+        if (!zq_tc::is_digit(*p))
+            return 0; // a group must begin with a digit
         // The first group takes every digit in a row; later ones at most three.
         const size_t group_limit = p == s ? SIZE_MAX : kLaterGroupDigits;
         for (size_t n = 0; n < group_limit && zq_tc::is_digit(*p); ++n, ++p) {
-            if (++digits > kMaxTypedDigits) return 0;
+            if (++digits > kMaxTypedDigits)
+                return 0;
         }
         if (zq_tc::is_separator(*p)) {
-            if (++separators > kMaxTypedSeparators) return 0;
+            if (++separators > kMaxTypedSeparators)
+                return 0;
             ++p;
         }
     }
@@ -115,18 +128,21 @@ int tcstr_isvalid(const char* s) {
 }
 
 int tcstr_isnormal(const char* s) {
-    if (s == nullptr) return 0;
+    if (s == nullptr)
+        return 0;
     static constexpr char kShape[] = "dd.dd.dd.dd"; // d: a digit, '.': a separator
     for (size_t i = 0; i < zq_tc::kTcLength; ++i) {
         // A short string fails here at its NUL, which is neither, before anything past it is read.
         const bool fits = kShape[i] == 'd' ? zq_tc::is_digit(s[i]) : zq_tc::is_separator(s[i]);
-        if (!fits) return 0;
+        if (!fits)
+            return 0;
     }
     return s[zq_tc::kTcLength] == '\0';
 }
 
 int tcstr_reformat(char* result, const char* s) {
-    if (result == nullptr) return -1;
+    if (result == nullptr)
+        return -1;
     Fields f;
     const zq_tc::TypedText typed = zq_tc::read_typed(s, f);
     if (typed != zq_tc::TypedText::read) {
@@ -140,10 +156,12 @@ int tcstr_reformat(char* result, const char* s) {
 int tcstr_validate(char* result, const char* s, int32_t hour_limit, int32_t forward, int32_t rate,
                    int32_t drop) {
     const int64_t fps = zq_tc::frame_rate(rate);
-    if (result == nullptr || fps == 0) return -1;
+    if (result == nullptr || fps == 0)
+        return -1;
     Fields f;
     const zq_tc::TypedText typed = zq_tc::read_typed(s, f);
-    if (typed == zq_tc::TypedText::unreadable) return -1;
+    if (typed == zq_tc::TypedText::unreadable)
+        return -1;
     if (typed == zq_tc::TypedText::empty) {
         result[0] = '\0';
         return 0;
@@ -151,7 +169,8 @@ int tcstr_validate(char* result, const char* s, int32_t hour_limit, int32_t forw
     f.frames = std::min(f.frames, fps - 1);
     f.seconds = std::min<int64_t>(f.seconds, 59);
     f.minutes = std::min<int64_t>(f.minutes, 59);
-    if (hour_limit > 0) f.hours %= hour_limit;
+    if (hour_limit > 0)
+        f.hours %= hour_limit;
     const bool drop_frame = zq_tc::drop_counting(fps, drop);
     if (drop_frame && zq_tc::names_dropped_frame(f)) {
         // Only frames 0 and 1 of second 0 are skipped, so the next counted frame is frame 2 of the
@@ -169,20 +188,24 @@ int tcstr_validate(char* result, const char* s, int32_t hour_limit, int32_t forw
 
 int tcstr_incremente(char* tc, int32_t rate, int32_t drop, int32_t wrap, int32_t hour_limit) {
     const int64_t fps = zq_tc::frame_rate(rate);
-    if (tc == nullptr || fps == 0) return -1;
+    if (tc == nullptr || fps == 0)
+        return -1;
     const Fields old = zq_tc::read_fields(tc);
     Fields f = old;
     step_forward(f, fps);
-    if (reaches_limit(f, hour_limit)) f = wrap != 0 ? Fields{} : old;
+    if (reaches_limit(f, hour_limit))
+        f = wrap != 0 ? Fields{} : old;
     zq_tc::write_fields(tc, f, zq_tc::drop_counting(fps, drop));
     return 0;
 }
 
 int tcstr_decremente(char* tc, int32_t rate, int32_t drop, int32_t wrap, int32_t restart_hour) {
     const int64_t fps = zq_tc::frame_rate(rate);
-    if (tc == nullptr || fps == 0) return -1;
+    if (tc == nullptr || fps == 0)
+        return -1;
     Fields f = zq_tc::read_fields(tc);
-    if (f == Fields{} && wrap != 0 && restart_hour < 1) return -1;
+    if (f == Fields{} && wrap != 0 && restart_hour < 1)
+        return -1;
     step_back_from(f, fps, wrap != 0, restart_hour);
     zq_tc::write_fields(tc, f, zq_tc::drop_counting(fps, drop));
     return 0;
@@ -191,15 +214,18 @@ int tcstr_decremente(char* tc, int32_t rate, int32_t drop, int32_t wrap, int32_t
 int tcstr_compute_duration(char* result, const char* start, const char* end, int32_t rate,
                            int32_t wrap, int32_t hour_limit) {
     const int64_t fps = zq_tc::frame_rate(rate);
-    if (result == nullptr || fps == 0) return -1;
+    if (result == nullptr || fps == 0)
+        return -1;
     result[0] = '\0';
     const Fields from = zq_tc::read_fields(start);
     const Fields to = zq_tc::read_fields(end);
-    if (to < from) return 0;
+    if (to < from)
+        return 0;
     const Fields between = difference(to, from, fps);
     Fields inclusive = between; // the end frame counts too
     step_forward(inclusive, fps);
-    if (reaches_limit(inclusive, hour_limit)) inclusive = wrap != 0 ? Fields{} : between;
+    if (reaches_limit(inclusive, hour_limit))
+        inclusive = wrap != 0 ? Fields{} : between;
     zq_tc::write_fields(result, inclusive, false);
     return 0;
 }
@@ -207,7 +233,8 @@ int tcstr_compute_duration(char* result, const char* start, const char* end, int
 int tcstr_compute_eom(char* result, const char* start, const char* duration, int32_t rate,
                       int32_t drop, int32_t wrap, int32_t hour_limit) {
     const int64_t fps = zq_tc::frame_rate(rate);
-    if (result == nullptr || fps == 0) return -1;
+    if (result == nullptr || fps == 0)
+        return -1;
     const Fields a = zq_tc::read_fields(start);
     const Fields b = zq_tc::read_fields(duration);
     Fields last{a.hours + b.hours, a.minutes + b.minutes, a.seconds + b.seconds,
@@ -220,7 +247,8 @@ int tcstr_compute_eom(char* result, const char* start, const char* duration, int
 int tcstr_multiply(char* result, const char* tc, uint32_t factor, int32_t rate, int32_t drop,
                    int32_t wrap, int32_t hour_limit) {
     const int64_t fps = zq_tc::frame_rate(rate);
-    if (result == nullptr || fps == 0) return -1;
+    if (result == nullptr || fps == 0)
+        return -1;
     const Fields f = zq_tc::read_fields(tc);
     const int64_t k = factor;
     Fields product{f.hours * k, f.minutes * k, f.seconds * k, f.frames * k};
