@@ -3,13 +3,19 @@
 
 #include <unistd.h>
 
-int mysocket_init() { return 0; }
+int mysocket_init() {
+    return 0;
+}
 
 void mysocket_free() {}
 
-int mysocket_open(int domain, int type, int protocol) { return socket(domain, type, protocol); }
+int mysocket_open(int domain, int type, int protocol) {
+    return socket(domain, type, protocol);
+}
 
-int mysocket_close(int fd) { return close(fd); }
+int mysocket_close(int fd) {
+    return close(fd);
+}
 
 int mysocket_bind(int fd, const sockaddr* address, socklen_t length) {
     return bind(fd, address, length);
@@ -19,7 +25,9 @@ int mysocket_connect(int fd, const sockaddr* address, socklen_t length) {
     return connect(fd, address, length);
 }
 
-int mysocket_listen(int fd, int backlog) { return listen(fd, backlog); }
+int mysocket_listen(int fd, int backlog) {
+    return listen(fd, backlog);
+}
 
 int mysocket_sendto(int fd, const void* buffer, size_t length, int flags, const sockaddr* to,
                     socklen_t to_length) {

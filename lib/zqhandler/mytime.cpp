@@ -16,7 +16,8 @@ int GetMyTick(MyTick* tick) {
 int ElapsedTicks2ms(const MyTick* start, const MyTick* end) {
     uint32_t elapsed;
     if (end->usec < start->usec)
-        elapsed = (end->sec - start->sec - 1) * 1000u + (1000000u - (start->usec - end->usec)) / 1000u;
+        elapsed =
+            (end->sec - start->sec - 1) * 1000u + (1000000u - (start->usec - end->usec)) / 1000u;
     else
         elapsed = (end->sec - start->sec) * 1000u + (end->usec - start->usec) / 1000u;
     return static_cast<int>(elapsed);
@@ -28,7 +29,9 @@ int ElapsedTime2ms(const MyTick* tick) {
     return ElapsedTicks2ms(tick, &now);
 }
 
-unsigned ExtractMyTickMilliSeconds(const MyTick* tick) { return tick->usec / 1000u; }
+unsigned ExtractMyTickMilliSeconds(const MyTick* tick) {
+    return tick->usec / 1000u;
+}
 
 void dumpTick(const MyTick* tick) {
     printf("tick: %lu.%lu\n", static_cast<unsigned long>(tick->sec),
@@ -44,4 +47,6 @@ void GetTimeNow(uint32_t* seconds, uint32_t* nanoseconds) {
         *nanoseconds = now.usec * 1000u;
 }
 
-int msleep(unsigned milliseconds) { return usleep(static_cast<useconds_t>(milliseconds) * 1000u); }
+int msleep(unsigned milliseconds) {
+    return usleep(static_cast<useconds_t>(milliseconds) * 1000u);
+}

@@ -1,4 +1,5 @@
-// selectin / selectout: select(2) on one descriptor, with millisecond time-outs that survive signals.
+// selectin / selectout: select(2) on one descriptor, with millisecond time-outs that survive
+// signals.
 #include "select.h"
 
 #include "trace.h"
@@ -13,7 +14,9 @@ namespace {
 enum class Direction { in, out };
 
 // FD_SET on a descriptor at or above FD_SETSIZE would write past the set.
-bool usable(int fd) { return fd >= 0 && fd < FD_SETSIZE; }
+bool usable(int fd) {
+    return fd >= 0 && fd < FD_SETSIZE;
+}
 
 // One select(2) call on `fd`; a null `tv` waits without limit.
 int wait_once(int fd, Direction direction, timeval* tv) {
@@ -91,6 +94,10 @@ int wait_ready(int fd, Direction direction, int timeout_ms) {
 
 } // namespace
 
-int selectin(int fd, int timeout_ms) { return wait_ready(fd, Direction::in, timeout_ms); }
+int selectin(int fd, int timeout_ms) {
+    return wait_ready(fd, Direction::in, timeout_ms);
+}
 
-int selectout(int fd, int timeout_ms) { return wait_ready(fd, Direction::out, timeout_ms); }
+int selectout(int fd, int timeout_ms) {
+    return wait_ready(fd, Direction::out, timeout_ms);
+}

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <climits>
+#include <cstring>
 #include <zqhandler/tc.h>
 
 using zq_tc::Fields;
@@ -75,17 +76,10 @@ void write_bcd_digits(char* out, uint8_t byte, uint8_t tens_mask) {
 } // namespace
 
 int tc_tcstrFixFormat(char* result, const char* s) {
-    if (result == nullptr)
+    std::array<char, 12> normal;
+    if (result == nullptr || tcstr_reformat(normal.data(), s) != 0)
         return -1;
-    Fields f;
-    const zq_tc::TypedText typed = zq_tc::read_typed(s, f);
-    if (typed == zq_tc::TypedText::unreadable)
-        return -1;
-    if (typed == zq_tc::TypedText::empty) {
-        result[0] = '\0';
-    } else {
-        zq_tc::write_fields(result, f, false);
-    }
+    std::strcpy(result, normal.data()); // at most 11 characters and the NUL
     return 0;
 }
 

@@ -2,7 +2,6 @@
 #include "tc_fields.h"
 
 #include <array>
-#include <string_view>
 
 namespace zq_tc {
 
@@ -64,28 +63,6 @@ void write_fields(char* out, const Fields& f, bool drop_mark) {
     out[8] = drop_mark ? ';' : ':';
     write_two_digits(out + 9, f.frames);
     out[kTcLength] = '\0';
-}
-
-TypedText read_typed(const char* s, Fields& out) {
-    if (s == nullptr || *s == '\0')
-        return TypedText::empty;
-    const std::string_view text(s);
-    size_t end = text.size(); // everything before `end` is still to be read
-    auto take_number = [&text, &end] {
-        int64_t value = 0;
-        for (int64_t place = 1; place <= 10 && end > 0 && is_digit(text[end - 1]); place *= 10) {
-            value += place * (text[--end] - '0');
-        }
-        return value;
-    };
-    out = {};
-    out.frames = take_number();
-    for (int64_t* field : {&out.seconds, &out.minutes, &out.hours}) {
-        if (end > 0 && is_separator(text[end - 1]))
-            --end;
-        *field = take_number();
-    }
-    return end == 0 ? TypedText::read : TypedText::unreadable;
 }
 
 } // namespace zq_tc

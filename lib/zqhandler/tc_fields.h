@@ -55,11 +55,4 @@ Fields read_fields(const char* s);
 // Each field is cut to its last two digits (value modulo 100, between 0 and 99).
 void write_fields(char* out, const Fields& f, bool drop_mark);
 
-enum class TypedText { empty, unreadable, read };
-
-// A loosely typed timecode read from its end, so that the last number is the frames: up to two
-// digits per field, one optional separator before each field but the frames. `empty` for a null
-// or empty `s`, `unreadable` when characters remain after the hours, `read` with `out` filled.
-TypedText read_typed(const char* s, Fields& out);
-
 } // namespace zq_tc

@@ -2,6 +2,8 @@
 #include "tc_fields.h"
 
 #include <algorithm>
+#include <array>
+#include <string_view>
 #include <zqhandler/tc.h>
 
 using zq_tc::Fields;
@@ -13,6 +15,29 @@ namespace {
 constexpr size_t kMaxTypedDigits = 8;
 constexpr size_t kMaxTypedSeparators = 3;
 constexpr size_t kLaterGroupDigits = 3;
+
+// A loosely typed timecode read from its end, so that the last number is the frames: up to two
+// digits per field, one optional separator before each field but the frames. False when
+// characters remain after the hours.
+bool read_from_end(std::string_view text, Fields& out) {
+    size_t end = text.size(); // everything before `end` is still to be read
+    auto take_number = [&text, &end] {
+        int64_t value = 0;
+        for (int64_t place = 1; place <= 10 && end > 0 && zq_tc::is_digit(text[end - 1]);
+             place *= 10) {
+            value += place * (text[--end] - '0');
+        }
+        return value;
+    };
+    out = {};
+    out.frames = take_number();
+    for (int64_t* field : {&out.seconds, &out.minutes, &out.hours}) {
+        if (end > 0 && zq_tc::is_separator(text[end - 1]))
+            --end;
+        *field = take_number();
+    }
+    return end == 0;
+}
 
 // One frame forward: frames carry into seconds at the rate, seconds and minutes at 60.
 void step_forward(Fields& f, int64_t fps) {
@@ -143,12 +168,12 @@ int tcstr_isnormal(const char* s) {
 int tcstr_reformat(char* result, const char* s) {
     if (result == nullptr)
         return -1;
+    result[0] = '\0';
+    if (s == nullptr || *s == '\0')
+        return 0;
     Fields f;
-    const zq_tc::TypedText typed = zq_tc::read_typed(s, f);
-    if (typed != zq_tc::TypedText::read) {
-        result[0] = '\0';
-        return typed == zq_tc::TypedText::empty ? 0 : -1;
-    }
+    if (!read_from_end(s, f))
+        return -1;
     zq_tc::write_fields(result, f, false);
     return 0;
 }
@@ -156,16 +181,14 @@ int tcstr_reformat(char* result, const char* s) {
 int tcstr_validate(char* result, const char* s, int32_t hour_limit, int32_t forward, int32_t rate,
                    int32_t drop) {
     const int64_t fps = zq_tc::frame_rate(rate);
-    if (result == nullptr || fps == 0)
+    std::array<char, 12> typed;
+    if (result == nullptr || fps == 0 || tcstr_reformat(typed.data(), s) != 0)
         return -1;
-    Fields f;
-    const zq_tc::TypedText typed = zq_tc::read_typed(s, f);
-    if (typed == zq_tc::TypedText::unreadable)
-        return -1;
-    if (typed == zq_tc::TypedText::empty) {
+    if (typed[0] == '\0') {
         result[0] = '\0';
         return 0;
     }
+    Fields f = zq_tc::read_fields(typed.data());
     f.frames = std::min(f.frames, fps - 1);
     f.seconds = std::min<int64_t>(f.seconds, 59);
     f.minutes = std::min<int64_t>(f.minutes, 59);

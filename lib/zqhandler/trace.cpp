@@ -1,4 +1,5 @@
-// The library's diagnostics: everything goes to standard error unchanged, no time stamp, no newline.
+// The library's diagnostics: everything goes to standard error unchanged, no time stamp, no
+// newline.
 #include "trace.h"
 
 #include <cstdarg>
@@ -40,9 +41,13 @@ void vlmlibtrace(unsigned level, const char* format, ...) {
     va_end(args);
 }
 
-void _vlmlib_set_trace_level(unsigned limit) { vlmlib_limitTrace = limit; }
+void _vlmlib_set_trace_level(unsigned limit) {
+    vlmlib_limitTrace = limit;
+}
 
-unsigned _vlmlib_get_trace_level() { return vlmlib_limitTrace; }
+unsigned _vlmlib_get_trace_level() {
+    return vlmlib_limitTrace;
+}
 
 void vlmlibassert(const char* expression, const char* file, int line) {
     fprintf(stderr, "%s:%d: FXASSERT(%s) failed.\n", file, line, expression);
