@@ -1,4 +1,6 @@
 /* Every public header of the library, compiled by a C compiler. */
 #include <zqhandler/zq_api.h>
+#include <zqhandler/sony9p.h>
+#include <zqhandler/cnxn.h>
 
 int c_headers_compiled(void) { return 1; }
