@@ -2,5 +2,6 @@
 #include <zqhandler/zq_api.h>
 #include <zqhandler/sony9p.h>
 #include <zqhandler/cnxn.h>
+#include <zqhandler/zqhandler.h>
 
 int c_headers_compiled(void) { return 1; }
