@@ -66,6 +66,42 @@ int send_within(int fd, const uint8_t* bytes, uint32_t count, unsigned timeout_m
     return static_cast<int>(sent);
 }
 
+enum class Outcome { complete, timed_out, wait_failed, recv_failed };
+
+// Where a sliced receive stands: bytes in hand, the last recv's result, when it began.
+struct Progress {
+    size_t got = 0;
+    int last_recv = 0;
+    MyTick start{};
+};
+
+// Receives `count` bytes in waits of `wait_ms`, running `on_idle` after each wait that saw
+// nothing. A closed peer reads as 0 bytes and does not end the wait: only the time-out does.
+template <typename OnIdle>
+Outcome receive_sliced(int fd, uint8_t* buffer, size_t count, int wait_ms, unsigned slice_ms,
+                       unsigned timeout_ms, Progress& progress, OnIdle&& on_idle) {
+    unsigned passes = 0;
+    GetMyTick(&progress.start);
+    while (progress.got < count) {
+        if (expired(passes, slice_ms, progress.start, timeout_ms))
+            return Outcome::timed_out;
+        int ready = selectin(fd, wait_ms);
+        if (ready < 0)
+            return Outcome::wait_failed;
+        ++passes;
+        if (ready == 0) {
+            on_idle();
+            continue;
+        }
+        ssize_t n = recv(fd, buffer + progress.got, count - progress.got, 0);
+        if (n < 0)
+            return Outcome::recv_failed;
+        progress.last_recv = static_cast<int>(n);
+        progress.got += static_cast<size_t>(n);
+    }
+    return Outcome::complete;
+}
+
 } // namespace
 
 int cnxn_version_command(t_cnxn_command* msg) {
@@ -164,38 +200,26 @@ int cnxn_rcv_cmd(t_s9p_handle* hdl, t_cnxn_command* ans, unsigned timeout_ms) {
         return -1;
     }
     *ans = t_cnxn_command{};
-    const int slice_ms = static_cast<int>(std::min(timeout_ms, kHeaderSliceMs));
+    const int wait_ms = static_cast<int>(std::min(timeout_ms, kHeaderSliceMs));
     uint8_t header[CNXN_HEADER_SIZE];
-    size_t got = 0;
-    unsigned passes = 0;
-    MyTick start;
-    GetMyTick(&start);
-    // A closed peer reads as 0 bytes and does not end the wait: only the time-out does.
-    while (got < CNXN_HEADER_SIZE) {
-        if (expired(passes, kHeaderSliceMs, start, timeout_ms)) {
-            ans->err_status = S9P_RCV_TIMEOUT;
-            return -1;
-        }
-        int ready = selectin(hdl->fd, slice_ms);
-        if (ready < 0) {
-            vlmlibtrace(VLMLIB_TRACE_TRANSPORT,
-                        "cnxn_rcv_cmd: selectin(%d) failed: got %d/%d bytes\n", slice_ms,
-                        static_cast<int>(got), static_cast<int>(CNXN_HEADER_SIZE));
-            ans->err_status = S9P_ERR_COMM;
-            return -1;
-        }
-        ++passes;
-        if (ready == 0)
-            continue;
-        ssize_t n = recv(hdl->fd, header + got, CNXN_HEADER_SIZE - got, 0);
-        if (n < 0) {
-            ans->err_status = S9P_ERR_COMM;
-            return -1;
-        }
-        got += static_cast<size_t>(n);
+    Progress progress;
+    switch (receive_sliced(hdl->fd, header, CNXN_HEADER_SIZE, wait_ms, kHeaderSliceMs, timeout_ms,
+                           progress, [] {})) {
+    case Outcome::complete:
+        std::copy_n(header, CNXN_HEADER_SIZE, ans->data);
+        return 0;
+    case Outcome::timed_out:
+        ans->err_status = S9P_RCV_TIMEOUT; // the partial header is dropped
+        return -1;
+    case Outcome::wait_failed:
+        vlmlibtrace(VLMLIB_TRACE_TRANSPORT, "cnxn_rcv_cmd: selectin(%d) failed: got %d/%d bytes\n",
+                    wait_ms, static_cast<int>(progress.got), static_cast<int>(CNXN_HEADER_SIZE));
+        break;
+    case Outcome::recv_failed:
+        break;
     }
-    std::copy_n(header, CNXN_HEADER_SIZE, ans->data);
-    return 0;
+    ans->err_status = S9P_ERR_COMM;
+    return -1;
 }
 
 int cnxn_rcv_data(t_s9p_handle* hdl, uint8_t* buffer, int count, unsigned timeout_ms) {
@@ -203,40 +227,31 @@ int cnxn_rcv_data(t_s9p_handle* hdl, uint8_t* buffer, int count, unsigned timeou
         return -S9P_ERR_NOT_CONNECTED;
     if (count <= 0)
         return 0;
-    int got = 0;
-    int last_recv = 0;
-    unsigned passes = 0;
-    MyTick start;
-    GetMyTick(&start);
-    while (got < count) {
-        if (expired(passes, kDataSliceMs, start, timeout_ms)) {
-            vlmlibtrace(VLMLIB_TRACE_TRANSPORT,
-                        "cnxn_rcv_data: timeout: got %d/%d bytes in %lu msec\n", got, count,
-                        static_cast<unsigned long>(ElapsedTime2ms(&start)));
-            return -S9P_RCV_TIMEOUT;
-        }
-        int ready = selectin(hdl->fd, kDataSliceMs);
-        if (ready < 0)
-            return -S9P_ERR_COMM;
-        ++passes;
-        if (ready > 0) {
-            ssize_t n = recv(hdl->fd, buffer + got, static_cast<size_t>(count - got), 0);
-            if (n < 0)
-                return -S9P_ERR_COMM;
-            last_recv = static_cast<int>(n);
-            got += last_recv;
-            continue;
-        }
+    Progress progress;
+    auto keep_alive = [&] {
         vlmlibtrace(VLMLIB_TRACE_TRANSPORT,
                     "%s:%d> send alive ret: %d ret2: %d size: %d tm2: %lu tm: %lu\n", "cnxn",
-                    __LINE__, got, last_recv, count,
-                    static_cast<unsigned long>(ElapsedTime2ms(&start)),
+                    __LINE__, static_cast<int>(progress.got), progress.last_recv, count,
+                    static_cast<unsigned long>(ElapsedTime2ms(&progress.start)),
                     static_cast<unsigned long>(timeout_ms));
         t_cnxn_command alive{};
         cnxn_alive_command(&alive);
         cnxn_send_cmd(hdl, &alive, 0); // one attempt, no retry: the next idle slice sends another
+    };
+    switch (receive_sliced(hdl->fd, buffer, static_cast<size_t>(count), kDataSliceMs, kDataSliceMs,
+                           timeout_ms, progress, keep_alive)) {
+    case Outcome::complete:
+        return count;
+    case Outcome::timed_out:
+        vlmlibtrace(VLMLIB_TRACE_TRANSPORT, "cnxn_rcv_data: timeout: got %d/%d bytes in %lu msec\n",
+                    static_cast<int>(progress.got), count,
+                    static_cast<unsigned long>(ElapsedTime2ms(&progress.start)));
+        return -S9P_RCV_TIMEOUT;
+    case Outcome::wait_failed:
+    case Outcome::recv_failed:
+        break;
     }
-    return got;
+    return -S9P_ERR_COMM;
 }
 
 void cnxn_flush_input(t_s9p_handle* hdl) {

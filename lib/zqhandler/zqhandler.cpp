@@ -65,11 +65,27 @@ std::optional<sockaddr_in> peer_address(const char* address, const char* port) {
     return peer;
 }
 
-// Hands a ready transport to the handle: its kind, socket and peer, and the default time-out.
-int adopt(t_zqhandler* zqh, e_s9p_link link, UniqueFd socket, const sockaddr_in& peer) {
+// The two socket connects: drop the current link, read the peer, open the socket (connected to
+// the peer for a stream; a datagram socket is neither bound nor connected, every send names the
+// peer) and hand it to the handle with the default time-out.
+int connect_socket(t_zqhandler* zqh, const char* address, const char* port, e_s9p_link link) {
+    if (!zqh)
+        return -1;
+    zqhandler_disconnect(zqh);
+    auto peer = peer_address(address, port);
+    if (!peer)
+        return refuse(zqh, S9P_INVAL_ARG);
+    const bool stream = link == S9P_LINK_STREAM;
+    UniqueFd socket(
+        mysocket_open(AF_INET, stream ? SOCK_STREAM : SOCK_DGRAM, stream ? 0 : IPPROTO_UDP));
+    if (!socket.valid())
+        return refuse(zqh, S9P_INVAL_ARG);
+    if (stream && mysocket_connect(socket.get(), reinterpret_cast<const sockaddr*>(&*peer),
+                                   sizeof *peer) != 0)
+        return refuse(zqh, S9P_INVAL_ARG);
     zqh->comm_handle.fd = socket.release();
-    zqh->comm_handle.sockadd = peer;
-    zqh->comm_handle.socklen = sizeof peer;
+    zqh->comm_handle.sockadd = *peer;
+    zqh->comm_handle.socklen = sizeof *peer;
     zqh->comm_handle.connected = link;
     zqh->timeout = kDefaultTimeoutMs;
     return 0;
@@ -135,30 +151,11 @@ void zqhandler_disconnect(t_zqhandler* zqh) {
 }
 
 int zqhandler_connect_eth(t_zqhandler* zqh, const char* address, const char* port) {
-    if (!zqh)
-        return -1;
-    zqhandler_disconnect(zqh);
-    auto peer = peer_address(address, port);
-    if (!peer)
-        return refuse(zqh, S9P_INVAL_ARG);
-    UniqueFd socket(mysocket_open(AF_INET, SOCK_DGRAM, IPPROTO_UDP));
-    if (!socket.valid())
-        return refuse(zqh, S9P_INVAL_ARG);
-    return adopt(zqh, S9P_LINK_DATAGRAM, std::move(socket), *peer);
+    return connect_socket(zqh, address, port, S9P_LINK_DATAGRAM);
 }
 
 int zqhandler_connect_tcp(t_zqhandler* zqh, const char* address, const char* port) {
-    if (!zqh)
-        return -1;
-    zqhandler_disconnect(zqh);
-    auto peer = peer_address(address, port);
-    if (!peer)
-        return refuse(zqh, S9P_INVAL_ARG);
-    UniqueFd socket(mysocket_open(AF_INET, SOCK_STREAM, 0));
-    if (!socket.valid() || mysocket_connect(socket.get(), reinterpret_cast<const sockaddr*>(&*peer),
-                                            sizeof *peer) != 0)
-        return refuse(zqh, S9P_INVAL_ARG);
-    return adopt(zqh, S9P_LINK_STREAM, std::move(socket), *peer);
+    return connect_socket(zqh, address, port, S9P_LINK_STREAM);
 }
 
 int zqhandler_connect_serial(t_zqhandler* zqh, const char* device) {
