@@ -44,15 +44,3 @@ struct SimHandle {
 
     static std::string port(uint16_t number) { return std::to_string(number); }
 };
-
-inline const char* link_name(devsim::Link link) {
-    switch (link) {
-    case devsim::Link::udp:
-        return "udp";
-    case devsim::Link::tcp:
-        return "tcp";
-    case devsim::Link::serial:
-        return "serial";
-    }
-    return "?";
-}
