@@ -1,5 +1,8 @@
 /* Every public header of the library, compiled by a C compiler. */
 #include <zqhandler/zq_api.h>
 #include <zqhandler/tc.h>
+#include <zqhandler/sony9p.h>
+#include <zqhandler/cnxn.h>
+#include <zqhandler/zqhandler.h>
 
 int c_headers_compiled(void) { return 1; }

@@ -1,0 +1,40 @@
+// The Sony exchange every Sony-family handle operation shares: build, send, read one answer,
+// keep both in the handle, turn a NAK into an error code, check the answer, give the result.
+#pragma once
+
+#include <zqhandler/zqhandler.h>
+
+// Sends `cmd` (already built) on the handle's transport and reads one answer into the same
+// record, keeping the command, the answer and their completion times in zqh->data.s9p. A failed
+// send or read, or a NAK, stores its code in lasterr and returns -1; any other answer returns 0.
+int s9p_transact(t_zqhandler* zqh, t_s9p_command* cmd);
+
+// One complete operation:
+//   build(t_s9p_command&) -> int        fills the command; non-zero refuses it (nothing is sent,
+//                                        lasterr untouched)
+//   check(const t_s9p_command&) -> e_s9p_err
+//                                        S9P_ERR_NONE accepts the answer; any other code is
+//                                        stored in lasterr and the operation returns -1
+//   result(const t_s9p_command&) -> int the operation's result for an accepted answer
+// The record lives on this stack frame: the exchange allocates nothing.
+template <typename Build, typename Check, typename Result>
+int s9p_exchange(t_zqhandler* zqh, Build&& build, Check&& check, Result&& result) {
+    if (!zqh)
+        return -1;
+    t_s9p_command cmd{};
+    if (build(cmd) != 0)
+        return -1;
+    if (s9p_transact(zqh, &cmd) != 0)
+        return -1;
+    e_s9p_err verdict = check(static_cast<const t_s9p_command&>(cmd));
+    if (verdict != S9P_ERR_NONE) {
+        zqh->lasterr = verdict;
+        return -1;
+    }
+    return result(static_cast<const t_s9p_command&>(cmd));
+}
+
+// Answer checks shared by many operations.
+inline e_s9p_err s9p_accept_any(const t_s9p_command&) {
+    return S9P_ERR_NONE;
+}

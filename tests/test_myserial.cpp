@@ -1,0 +1,98 @@
+// Serial port on a pty pair: the 9-pin line settings, the old settings back on disconnect.
+#include "myserial.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <string>
+#include <unistd.h>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// A pty pair: the test keeps the master, the port opens the other end by its path.
+struct Pty {
+    int master = posix_openpt(O_RDWR | O_NOCTTY);
+    std::string path;
+    Pty() {
+        grantpt(master);
+        unlockpt(master);
+        path = ptsname(master);
+    }
+    ~Pty() { close(master); }
+    // The line's settings as the pty holds them (the master reports the other end's); zeroed
+    // first, so two of them compare as bytes.
+    termios settings() const {
+        termios t{};
+        tcgetattr(master, &t);
+        return t;
+    }
+};
+
+struct Port {
+    s_serial_handle* port = serial_create_handle();
+    ~Port() {
+        serial_disconnect(port);
+        serial_delete_handle(port);
+    }
+};
+
+TEST(MySerial, missing_device_is_refused_and_disconnect_without_a_line_is_harmless) {
+    Port p;
+    ASSERT_NE(p.port, nullptr);
+    EXPECT_EQ(p.port->fd, -1);
+    serial_disconnect(p.port);
+    EXPECT_EQ(serial_connect(p.port, "/nonexistent/tty"), -1);
+    EXPECT_EQ(p.port->fd, -1);
+}
+
+TEST(MySerial, connect_sets_the_nine_pin_line_and_disconnect_restores_it) {
+    Pty pty;
+    // A line as another program might leave it: 9600 baud, canonical, echo, CR translation.
+    termios before = pty.settings();
+    before.c_iflag = ICRNL | IXON;
+    before.c_oflag = OPOST | ONLCR;
+    before.c_lflag = ICANON | ECHO;
+    before.c_cc[VMIN] = 1;
+    cfsetispeed(&before, B9600);
+    cfsetospeed(&before, B9600);
+    ASSERT_EQ(tcsetattr(pty.master, TCSANOW, &before), 0);
+    const termios kept = pty.settings(); // what the pty actually kept
+
+    Port p;
+    ASSERT_EQ(serial_connect(p.port, pty.path.c_str()), 0);
+    EXPECT_EQ(p.port->tm_in, 60u);
+    EXPECT_EQ(p.port->tm_out, 60u);
+    termios line = pty.settings();
+    EXPECT_EQ(line.c_iflag, static_cast<tcflag_t>(IGNBRK | INPCK | IXANY));
+    EXPECT_EQ(line.c_oflag, 0u);
+    EXPECT_EQ(line.c_lflag, 0u);
+    // A pty keeps no parity (PARENB is dropped); everything else of the control flags holds.
+    EXPECT_EQ(line.c_cflag & ~static_cast<tcflag_t>(PARENB | CBAUD),
+              static_cast<tcflag_t>(CS8 | CREAD | PARODD | CLOCAL));
+    EXPECT_EQ(line.c_cc[VMIN], 0);
+    EXPECT_EQ(line.c_cc[VTIME], 1);
+    EXPECT_EQ(cfgetospeed(&line), static_cast<speed_t>(B38400));
+
+    serial_disconnect(p.port);
+    EXPECT_EQ(p.port->fd, -1);
+    const termios after = pty.settings();
+    EXPECT_EQ(std::memcmp(&after, &kept, sizeof kept), 0);
+}
+
+TEST(MySerial, silent_line_reads_empty_after_a_tenth_of_a_second) {
+    Pty pty;
+    Port p;
+    ASSERT_EQ(serial_connect(p.port, pty.path.c_str()), 0);
+    uint8_t seen[8];
+    auto start = Clock::now();
+    EXPECT_EQ(serial_read(p.port, seen, sizeof seen), 0);
+    auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
+    EXPECT_GE(waited.count(), 80);
+    EXPECT_LT(waited.count(), 2000);
+}
+
+} // namespace

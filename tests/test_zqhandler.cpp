@@ -1,0 +1,354 @@
+// The handle: defaults, connections, last error, and the Sony exchange against the emulator on
+// each of the three links.
+#include "capture.h"
+#include "loopback.h"
+#include "sim_handle.h"
+
+#include <arpa/inet.h>
+#include <chrono>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using devsim::Link;
+using devsim::Reply;
+using Clock = std::chrono::steady_clock;
+
+long elapsed_ms(Clock::time_point since) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count();
+}
+
+std::vector<uint8_t> frame_of(const t_s9p_command& cmd) {
+    return {cmd.data, cmd.data + cmd.len};
+}
+
+const std::vector<uint8_t> kGpiCommand = {0x43, 0xBF, 0xF0, 0x04, 0x0C};
+
+// --- the handle --------------------------------------------------------------------------------
+
+TEST(Handle, new_handle_is_unconnected_and_reports_that_once) {
+    t_zqhandler* h = zqhandler_create();
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(zqhandler_get_timeout(h), 60);
+    EXPECT_EQ(h->proto_ver, 1);
+    EXPECT_EQ(h->comm_handle.connected, S9P_LINK_NONE);
+    EXPECT_EQ(h->comm_handle.fd, -1);
+    EXPECT_EQ(zqhandler_get_last_err(h), S9P_ERR_NONE);
+    EXPECT_EQ(zqhandler_cmd_misc(h, kGpiCommand.data(), 5), -1);
+    EXPECT_EQ(zqhandler_get_last_err(h), S9P_ERR_NOT_CONNECTED);
+    EXPECT_EQ(zqhandler_get_last_err(h), S9P_ERR_NONE);
+    zqhandler_delete(h);
+    zqhandler_delete(nullptr);
+}
+
+TEST(Handle, datagram_connect_reads_address_and_port_as_numbers) {
+    struct Case {
+        const char* address;
+        const char* port;
+        const char* peer;
+        uint16_t peer_port;
+    };
+    const Case cases[] = {
+        {"127.0.0.1", "32896", "127.0.0.1", 32896},
+        {"127.0.0.1", "32896x", "127.0.0.1", 32896},
+        {"127.0.0.1", "70000", "127.0.0.1", 4464},
+        {"10.0.256.5", "1", "10.0.0.5", 1}, // the low 8 bits of each number
+        {"192.168.1.2 trailing", "0", "192.168.1.2", 0},
+    };
+    t_zqhandler* h = zqhandler_create();
+    for (const Case& c : cases) {
+        zqhandler_set_timeout(h, 500);
+        ASSERT_EQ(zqhandler_connect_eth(h, c.address, c.port), 0) << c.address;
+        EXPECT_EQ(h->comm_handle.connected, S9P_LINK_DATAGRAM);
+        EXPECT_EQ(zqhandler_get_timeout(h), 60) << "a connect resets the time-out";
+        char text[INET_ADDRSTRLEN];
+        inet_ntop(AF_INET, &h->comm_handle.sockadd.sin_addr, text, sizeof text);
+        EXPECT_STREQ(text, c.peer);
+        EXPECT_EQ(ntohs(h->comm_handle.sockadd.sin_port), c.peer_port) << c.port;
+        EXPECT_EQ(h->comm_handle.socklen, 16);
+    }
+    EXPECT_EQ(zqhandler_set_timeout(h, 500), 500);
+    EXPECT_EQ(zqhandler_get_timeout(h), 500);
+    zqhandler_delete(h);
+}
+
+TEST(Handle, address_that_is_not_four_numbers_is_refused) {
+    t_zqhandler* h = zqhandler_create();
+    for (const char* address : {"localhost", "1.2.3", "", "1..2.3.4"}) {
+        ASSERT_EQ(zqhandler_connect_eth(h, "127.0.0.1", "1"), 0);
+        EXPECT_EQ(zqhandler_connect_eth(h, address, "32896"), -1) << address;
+        EXPECT_EQ(zqhandler_get_last_err(h), S9P_INVAL_ARG) << address;
+        EXPECT_EQ(h->comm_handle.connected, S9P_LINK_NONE) << address;
+        EXPECT_EQ(zqhandler_connect_tcp(h, address, "32896"), -1) << address;
+        EXPECT_EQ(zqhandler_get_last_err(h), S9P_INVAL_ARG) << address;
+    }
+    zqhandler_delete(h);
+}
+
+TEST(Handle, tcp_connect_where_nothing_listens_fails_and_leaves_no_connection) {
+    // A bound socket that does not listen: connecting to it is refused, and its port stays ours.
+    int bound = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = loopback_address(0);
+    ASSERT_EQ(bind(bound, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    socklen_t length = sizeof address;
+    getsockname(bound, reinterpret_cast<sockaddr*>(&address), &length);
+
+    t_zqhandler* h = zqhandler_create();
+    ASSERT_EQ(zqhandler_connect_eth(h, "127.0.0.1", "1"), 0);
+    EXPECT_EQ(
+        zqhandler_connect_tcp(h, "127.0.0.1", std::to_string(ntohs(address.sin_port)).c_str()), -1);
+    EXPECT_EQ(zqhandler_get_last_err(h), S9P_INVAL_ARG);
+    EXPECT_EQ(h->comm_handle.connected, S9P_LINK_NONE);
+    EXPECT_EQ(h->comm_handle.fd, -1);
+    zqhandler_delete(h);
+    close(bound);
+}
+
+TEST(Handle, every_connect_drops_the_previous_transport) {
+    SimHandle serial(Link::serial);
+    ASSERT_EQ(serial.connected, 0);
+    t_zqhandler* h = serial.zqh;
+    ASSERT_NE(h->comm_handle.shdl, nullptr);
+    ASSERT_EQ(zqhandler_connect_eth(h, "127.0.0.1", "1"), 0);
+    EXPECT_EQ(h->comm_handle.shdl, nullptr);
+    int udp_fd = h->comm_handle.fd;
+    EXPECT_GE(udp_fd, 0);
+    ASSERT_EQ(zqhandler_connect_serial(h, serial.sim.pty_path().c_str()), 0);
+    EXPECT_EQ(h->comm_handle.connected, S9P_LINK_SERIAL);
+    struct stat st {};
+    EXPECT_FALSE(fstat(udp_fd, &st) == 0 && S_ISSOCK(st.st_mode)) << "the socket was closed";
+    EXPECT_EQ(zqhandler_connect_serial(h, "/nonexistent/tty"), -1);
+    EXPECT_EQ(zqhandler_get_last_err(h), S9P_INVAL_ARG);
+    EXPECT_EQ(h->comm_handle.connected, S9P_LINK_NONE);
+    EXPECT_EQ(h->comm_handle.shdl, nullptr);
+}
+
+// --- the exchange on every link ------------------------------------------------------------------
+
+class Exchange : public testing::TestWithParam<Link> {};
+
+TEST_P(Exchange, answer_decides_the_result_and_the_last_error) {
+    struct Case {
+        const char* name;
+        Reply reply;
+        int result;
+        e_s9p_err code;
+    };
+    Reply corrupt;
+    corrupt.corrupt_checksum = true;
+    const Case cases[] = {
+        {"ack", Reply::ack(), 0, S9P_ERR_NONE},
+        {"sense answer", Reply::answer({0x70, 0x20}), 0, S9P_ERR_NONE},
+        {"nak unknown command", Reply::nak(0x01), -1, S9P_NOT_IMPLEMENTED},
+        {"nak checksum", Reply::nak(0x04), -1, S9P_ERR_CHECKSUM},
+        {"nak checksum and unknown", Reply::nak(0x05), -1, S9P_ERR_CHECKSUM},
+        {"nak line error", Reply::nak(0x80), -1, S9P_ERR_COMM},
+        {"nak other bits", Reply::nak(0x02), -1, S9P_ERR_COMM},
+        {"wrong checksum", corrupt, -1, S9P_ERR_CHECKSUM},
+    };
+    SimHandle s(GetParam());
+    ASSERT_EQ(s.connected, 0);
+    zqhandler_set_timeout(s.zqh, 2000);
+    for (const Case& c : cases) {
+        s.sim.script(c.reply);
+        EXPECT_EQ(s.misc(kGpiCommand), c.result) << c.name;
+        EXPECT_EQ(zqhandler_get_last_err(s.zqh), c.code) << c.name;
+    }
+    auto received = s.sim.received();
+    ASSERT_EQ(received.size(), std::size(cases));
+    for (const auto& r : received)
+        EXPECT_EQ(hex(r.frame), "43 BF F0 04 0C 02");
+    EXPECT_EQ(hex(frame_of(s.zqh->data.s9p.last_sent)), "43 BF F0 04 0C 02");
+    EXPECT_EQ(hex(frame_of(s.zqh->data.s9p.last_rcv)), "11 12 02 25") << "the last good answer";
+}
+
+TEST_P(Exchange, silent_device_times_out_after_the_handle_time_out) {
+    SimHandle s(GetParam());
+    zqhandler_set_timeout(s.zqh, 200);
+    s.sim.script(Reply::silence());
+    auto start = Clock::now();
+    EXPECT_EQ(s.misc(kGpiCommand), -1);
+    EXPECT_EQ(zqhandler_get_last_err(s.zqh), S9P_RCV_TIMEOUT);
+    EXPECT_GE(elapsed_ms(start), 190);
+    EXPECT_LT(elapsed_ms(start), 3000);
+    EXPECT_GE(s.zqh->data.s9p.rcv_completion_time, 190u);
+}
+
+TEST(Datagram, refused_frame_is_not_sent_and_keeps_the_last_error) {
+    SimHandle s(Link::udp);
+    s.zqh->lasterr = S9P_ERR_COMM;
+    CapturedStdout out;
+    EXPECT_EQ(s.misc({0x61, 0x20}), -1);
+    EXPECT_EQ(out.text(), "s9p_misc: invalid arg\n");
+    EXPECT_EQ(zqhandler_get_last_err(s.zqh), S9P_ERR_COMM);
+    EXPECT_FALSE(s.sim.wait_received(1, 100));
+}
+
+const char* const kLinkNames[] = {"udp", "tcp", "serial"};
+INSTANTIATE_TEST_SUITE_P(Links, Exchange, testing::Values(Link::udp, Link::tcp, Link::serial),
+                         [](const auto& info) { return kLinkNames[info.index]; });
+
+// --- datagrams -----------------------------------------------------------------------------------
+
+// A datagram whose `size` low byte is `size`, followed by `frame_bytes` bytes of a frame.
+std::vector<uint8_t> datagram(uint8_t size, size_t frame_bytes, uint8_t size_high = 0) {
+    std::vector<uint8_t> d = {0, 1, size_high, size, 0, 0, 0, 0, 0, 0, 0x10, 0x01, 0x11};
+    d.resize(10 + frame_bytes, 0x11);
+    return d;
+}
+
+TEST(Datagram, malformed_answers_are_protocol_errors) {
+    struct Case {
+        const char* name;
+        std::vector<uint8_t> datagram;
+        e_s9p_err code;
+    };
+    const Case cases[] = {
+        {"12 bytes", datagram(2, 2), S9P_ERR_PROTOCOL},
+        {"size above what came", datagram(5, 4), S9P_ERR_PROTOCOL},
+        {"size below a frame", datagram(2, 3), S9P_ERR_PROTOCOL},
+        {"size 19", datagram(19, 19), S9P_ERR_PROTOCOL},
+        {"size 255, 600 bytes", datagram(0xFF, 590), S9P_ERR_PROTOCOL},
+        {"13 bytes, size 3", datagram(3, 3), S9P_ERR_NONE},
+        {"size's high byte ignored", datagram(3, 3, 9), S9P_ERR_NONE},
+    };
+    SimHandle s(Link::udp);
+    zqhandler_set_timeout(s.zqh, 2000);
+    for (const Case& c : cases) {
+        s.sim.script(Reply::bytes(c.datagram));
+        EXPECT_EQ(s.misc(kGpiCommand), c.code == S9P_ERR_NONE ? 0 : -1) << c.name;
+        EXPECT_EQ(zqhandler_get_last_err(s.zqh), c.code) << c.name;
+    }
+}
+
+TEST(Datagram, late_answers_are_drained_before_the_next_command) {
+    SimHandle s(Link::udp);
+    std::vector<uint8_t> two_acks = datagram(3, 3);
+    two_acks.resize(26);
+    std::copy_n(two_acks.begin(), 13, two_acks.begin() + 13);
+    Reply late = Reply::bytes(two_acks); // two datagrams, both after the command gave up
+    late.pieces = {13};
+    late.delay_ms = 150;
+    s.sim.script(late);
+    EXPECT_EQ(s.misc(kGpiCommand), -1);
+    EXPECT_EQ(zqhandler_get_last_err(s.zqh), S9P_RCV_TIMEOUT);
+    ASSERT_TRUE(s.sim.wait_replies_sent(1, 3000));
+
+    s.sim.script(Reply::nak(0x01));
+    zqhandler_set_timeout(s.zqh, 2000);
+    EXPECT_EQ(s.misc(kGpiCommand), -1) << "a stale ACK was taken for the answer";
+    EXPECT_EQ(zqhandler_get_last_err(s.zqh), S9P_NOT_IMPLEMENTED);
+}
+
+TEST(Datagram, answer_from_another_address_becomes_the_destination) {
+    SimHandle s(Link::udp);
+    Reply elsewhere;
+    elsewhere.from_other_address = true;
+    s.sim.script(elsewhere);
+    EXPECT_EQ(s.misc(kGpiCommand), 0);
+    EXPECT_EQ(s.misc(kGpiCommand), 0);
+    ASSERT_TRUE(s.sim.wait_received(2, 1000));
+    auto received = s.sim.received();
+    EXPECT_EQ(hex(received[0].wire), "00 01 00 06 00 00 00 00 00 00 43 BF F0 04 0C 02");
+    EXPECT_EQ(received[0].local_port, s.sim.udp_port());
+    EXPECT_EQ(received[1].local_port, s.sim.udp_other_port());
+}
+
+// --- the connection-protocol stream --------------------------------------------------------------
+
+// A stream answer: a header with `tag` and `len` in byte 7 (`high` above it), then an ACK.
+std::vector<uint8_t> message(const char* tag, uint8_t len, uint8_t high = 0) {
+    return {uint8_t(tag[0]),
+            uint8_t(tag[1]),
+            uint8_t(tag[2]),
+            uint8_t(tag[3]),
+            high,
+            high,
+            high,
+            len,
+            0,
+            0,
+            0,
+            0,
+            0x10,
+            0x01,
+            0x11};
+}
+
+TEST(Stream, answer_header_is_checked_before_the_frame_is_read) {
+    struct Case {
+        const char* name;
+        std::vector<uint8_t> bytes;
+        std::vector<size_t> pieces;
+        e_s9p_err code;
+    };
+    const Case cases[] = {
+        {"header in pieces", message("s9p ", 3), {5, 4}, S9P_ERR_NONE},
+        {"upper bytes of arg1 ignored", message("s9p ", 3, 0xFF), {}, S9P_ERR_NONE},
+        {"wrong tag", message("ver ", 3), {}, S9P_ERR_COMM},
+        {"frame length 19", message("s9p ", 19), {}, S9P_ERR_COMM},
+        {"frame length 2", message("s9p ", 2), {}, S9P_ERR_COMM},
+    };
+    SimHandle s(Link::tcp);
+    zqhandler_set_timeout(s.zqh, 2000);
+    for (const Case& c : cases) {
+        Reply reply = Reply::bytes(c.bytes);
+        reply.pieces = c.pieces;
+        reply.piece_gap_ms = 30;
+        s.sim.script(reply);
+        EXPECT_EQ(s.misc({0x20, 0x01}), c.code == S9P_ERR_NONE ? 0 : -1) << c.name;
+        EXPECT_EQ(zqhandler_get_last_err(s.zqh), c.code) << c.name;
+    }
+    EXPECT_EQ(hex(s.sim.received().at(0).wire), "73 39 70 20 00 00 00 03 00 00 00 00 20 01 21");
+}
+
+TEST(Stream, silent_server_after_the_header_gets_keep_alives_then_a_time_out) {
+    SimHandle s(Link::tcp);
+    zqhandler_set_timeout(s.zqh, 300);
+    std::vector<uint8_t> header_only = message("s9p ", 3);
+    header_only.resize(12);
+    s.sim.script(Reply::bytes(header_only));
+    CapturedStderr err;
+    EXPECT_EQ(s.misc({0x20, 0x01}), -1);
+    std::string trace = err.text();
+    EXPECT_NE(trace.find("> send alive ret: 0 ret2: 0 size: 3 tm2: "), std::string::npos);
+    EXPECT_NE(trace.find("cnxn_rcv_data: timeout: got 0/3 bytes in "), std::string::npos);
+    EXPECT_EQ(zqhandler_get_last_err(s.zqh), S9P_RCV_TIMEOUT);
+    ASSERT_TRUE(s.sim.wait_received(1 + 8, 2000));
+    size_t alive = s.sim.count_tag("aliv");
+    EXPECT_GE(alive, 8u); // 300 ms in 20 ms slices is 15
+    EXPECT_LE(alive, 30u);
+}
+
+// --- the serial line -----------------------------------------------------------------------------
+
+TEST(Serial, command_bytes_are_written_and_an_answer_trickling_in_is_assembled) {
+    SimHandle s(Link::serial);
+    zqhandler_set_timeout(s.zqh, 2000);
+    Reply trickle = Reply::answer({0x71, 0x20, 0x05});
+    trickle.pieces = {1, 1, 1};
+    trickle.piece_gap_ms = 20;
+    s.sim.script(trickle);
+    uint8_t answer[S9P_MAX_FRAME];
+    const uint8_t sense[] = {0x61, 0x20, 0x0A};
+    EXPECT_EQ(zqhandler_cmd_sense_misc(s.zqh, sense, 3, answer), 4);
+    EXPECT_EQ(hex({answer, answer + 4}), "71 20 05 96");
+    EXPECT_EQ(hex(s.sim.received().at(0).wire), "61 20 0A 8B");
+}
+
+TEST(Serial, answer_cut_after_cmd2_times_out) {
+    SimHandle s(Link::serial);
+    zqhandler_set_timeout(s.zqh, 200);
+    s.sim.script(Reply::bytes({0x10, 0x01}));
+    auto start = Clock::now();
+    EXPECT_EQ(s.misc({0x20, 0x01}), -1);
+    EXPECT_EQ(zqhandler_get_last_err(s.zqh), S9P_RCV_TIMEOUT);
+    EXPECT_GE(elapsed_ms(start), 190);
+    EXPECT_LT(elapsed_ms(start), 3000);
+}
+
+} // namespace

@@ -1,0 +1,462 @@
+// The video server emulator's serving thread: reads each link, records what came, and answers
+// each Sony command with the next scripted reply, framed for its link and sent when it is due.
+#include "devsim.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <termios.h>
+#include <unistd.h>
+
+namespace devsim {
+
+namespace {
+
+constexpr size_t kHeader = 12; // connection protocol header
+constexpr size_t kComHdr = 10; // datagram header
+constexpr size_t kMaxFrame = 18;
+
+[[noreturn]] void fail(const std::string& what) {
+    throw std::runtime_error(what + ": " + strerror(errno));
+}
+
+sockaddr_in ipv4(const char* address, uint16_t port) {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(port);
+    if (inet_pton(AF_INET, address, &a.sin_addr) != 1) {
+        errno = EINVAL;
+        fail(std::string("address ") + address);
+    }
+    return a;
+}
+
+uint16_t bound_port(int fd) {
+    sockaddr_in a{};
+    socklen_t length = sizeof a;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &length);
+    return ntohs(a.sin_port);
+}
+
+int bound_socket(int type, const sockaddr_in& address) {
+    int fd = socket(AF_INET, type, 0);
+    if (fd < 0)
+        fail("socket");
+    int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        int error = errno;
+        close(fd);
+        errno = error;
+        fail("bind");
+    }
+    return fd;
+}
+
+void close_fd(int& fd) {
+    if (fd >= 0)
+        close(fd);
+    fd = -1;
+}
+
+uint32_t be32(const uint8_t* p) {
+    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
+           static_cast<uint32_t>(p[2]) << 8 | p[3];
+}
+
+void append_be32(Bytes& out, uint32_t value) {
+    for (int shift = 24; shift >= 0; shift -= 8)
+        out.push_back(static_cast<uint8_t>(value >> shift));
+}
+
+// The answer frame as it goes on `link`.
+Bytes framed(Link link, const Bytes& frame) {
+    Bytes out;
+    switch (link) {
+    case Link::udp:
+        out = {0x00,
+               0x01,
+               static_cast<uint8_t>(frame.size() >> 8),
+               static_cast<uint8_t>(frame.size()),
+               0,
+               0,
+               0,
+               0,
+               0,
+               0};
+        break;
+    case Link::tcp:
+        out = {'s', '9', 'p', ' '};
+        append_be32(out, static_cast<uint32_t>(frame.size()));
+        append_be32(out, 0);
+        break;
+    case Link::serial:
+        break;
+    }
+    out.insert(out.end(), frame.begin(), frame.end());
+    return out;
+}
+
+// `bytes` cut into the sizes asked for, the rest in a last piece.
+std::vector<Bytes> split(const Bytes& bytes, const std::vector<size_t>& sizes) {
+    std::vector<Bytes> pieces;
+    size_t at = 0;
+    for (size_t size : sizes) {
+        size_t n = std::min(size, bytes.size() - at);
+        pieces.emplace_back(bytes.begin() + static_cast<long>(at),
+                            bytes.begin() + static_cast<long>(at + n));
+        at += n;
+    }
+    if (at < bytes.size() || pieces.empty())
+        pieces.emplace_back(bytes.begin() + static_cast<long>(at), bytes.end());
+    return pieces;
+}
+
+} // namespace
+
+Bytes with_checksum(Bytes bytes) {
+    unsigned sum = 0;
+    for (uint8_t b : bytes)
+        sum += b;
+    bytes.push_back(static_cast<uint8_t>(sum));
+    return bytes;
+}
+
+Reply Reply::answer(Bytes frame_without_checksum) {
+    Reply r;
+    r.frame = with_checksum(std::move(frame_without_checksum));
+    return r;
+}
+
+Reply Reply::silence() {
+    Reply r;
+    r.silent = true;
+    return r;
+}
+
+Reply Reply::late(int ms) {
+    Reply r;
+    r.delay_ms = ms;
+    return r;
+}
+
+Reply Reply::bytes(Bytes raw) {
+    Reply r;
+    r.raw = std::move(raw);
+    return r;
+}
+
+std::string hex(const Bytes& bytes) {
+    std::string text;
+    char digits[4];
+    for (uint8_t byte : bytes) {
+        snprintf(digits, sizeof digits, "%02X", byte);
+        if (!text.empty())
+            text += ' ';
+        text += digits;
+    }
+    return text;
+}
+
+DevSim::DevSim() {
+    if (pipe(wake_) != 0)
+        fail("pipe");
+}
+
+DevSim::~DevSim() {
+    stop();
+    for (int* fd : {&udp_, &udp_other_, &tcp_listener_, &tcp_client_, &pty_master_, &pty_slave_,
+                    &wake_[0], &wake_[1]})
+        close_fd(*fd);
+}
+
+uint16_t DevSim::listen_udp(const char* address, uint16_t port) {
+    udp_ = bound_socket(SOCK_DGRAM, ipv4(address, port));
+    udp_other_ = bound_socket(SOCK_DGRAM, ipv4(address, 0));
+    udp_port_ = bound_port(udp_);
+    udp_other_port_ = bound_port(udp_other_);
+    return udp_port_;
+}
+
+uint16_t DevSim::listen_tcp(const char* address, uint16_t port) {
+    tcp_listener_ = bound_socket(SOCK_STREAM, ipv4(address, port));
+    if (listen(tcp_listener_, 4) != 0)
+        fail("listen");
+    tcp_port_ = bound_port(tcp_listener_);
+    return tcp_port_;
+}
+
+std::string DevSim::open_pty() {
+    pty_master_ = posix_openpt(O_RDWR | O_NOCTTY);
+    if (pty_master_ < 0 || grantpt(pty_master_) != 0 || unlockpt(pty_master_) != 0)
+        fail("posix_openpt");
+    pty_path_ = ptsname(pty_master_);
+    // Holding the controller's end open keeps the master from reading as hung up while no
+    // controller is connected; raw mode keeps the line discipline from echoing or translating.
+    pty_slave_ = open(pty_path_.c_str(), O_RDWR | O_NOCTTY);
+    if (pty_slave_ < 0)
+        fail("open " + pty_path_);
+    termios raw{};
+    tcgetattr(pty_slave_, &raw);
+    cfmakeraw(&raw);
+    tcsetattr(pty_slave_, TCSANOW, &raw);
+    return pty_path_;
+}
+
+void DevSim::start() {
+    thread_ = std::thread([this] { serve(); });
+}
+
+void DevSim::stop() {
+    if (!thread_.joinable())
+        return;
+    const char stop = 'q';
+    (void)!write(wake_[1], &stop, 1);
+    thread_.join();
+}
+
+void DevSim::script(Reply reply) {
+    std::lock_guard lock(mutex_);
+    script_.push_back(std::move(reply));
+}
+
+void DevSim::set_default(Reply reply) {
+    std::lock_guard lock(mutex_);
+    default_ = std::move(reply);
+}
+
+void DevSim::on_receive(std::function<void(const Received&)> observer) {
+    std::lock_guard lock(mutex_);
+    observer_ = std::move(observer);
+}
+
+std::vector<Received> DevSim::received() const {
+    std::lock_guard lock(mutex_);
+    return received_;
+}
+
+size_t DevSim::count_tag(const std::string& tag) const {
+    std::lock_guard lock(mutex_);
+    return static_cast<size_t>(std::count_if(received_.begin(), received_.end(),
+                                             [&](const Received& r) { return r.tag == tag; }));
+}
+
+bool DevSim::wait_received(size_t count, int timeout_ms) const {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
+                             [&] { return received_.size() >= count; });
+}
+
+bool DevSim::wait_replies_sent(size_t count, int timeout_ms) const {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
+                             [&] { return replies_sent_ >= count; });
+}
+
+int DevSim::poll_timeout_ms() const {
+    if (outbox_.empty())
+        return -1;
+    auto next =
+        std::min_element(outbox_.begin(), outbox_.end(),
+                         [](const Outgoing& a, const Outgoing& b) { return a.due < b.due; });
+    auto wait = std::chrono::ceil<std::chrono::milliseconds>(next->due - Clock::now());
+    return static_cast<int>(std::max<long>(0, wait.count()));
+}
+
+void DevSim::serve() {
+    for (;;) {
+        pollfd fds[] = {{wake_[0], POLLIN, 0},    {udp_, POLLIN, 0},
+                        {udp_other_, POLLIN, 0},  {tcp_listener_, POLLIN, 0},
+                        {tcp_client_, POLLIN, 0}, {pty_master_, POLLIN, 0}};
+        // poll() ignores negative descriptors, so links that are not set up cost nothing.
+        if (poll(fds, std::size(fds), poll_timeout_ms()) < 0 && errno != EINTR)
+            return;
+        if (fds[0].revents)
+            return;
+        if (fds[1].revents)
+            receive_udp(udp_, udp_port_);
+        if (fds[2].revents)
+            receive_udp(udp_other_, udp_other_port_);
+        if (fds[3].revents)
+            accept_tcp();
+        if (fds[4].revents)
+            receive_tcp();
+        if (fds[5].revents)
+            receive_serial();
+        send_due();
+    }
+}
+
+void DevSim::record(Received message) {
+    std::function<void(const Received&)> observer;
+    {
+        std::lock_guard lock(mutex_);
+        received_.push_back(message);
+        observer = observer_;
+    }
+    changed_.notify_all();
+    if (observer)
+        observer(message);
+}
+
+Reply DevSim::next_reply() {
+    std::lock_guard lock(mutex_);
+    if (script_.empty())
+        return default_;
+    Reply reply = std::move(script_.front());
+    script_.pop_front();
+    return reply;
+}
+
+void DevSim::receive_udp(int fd, uint16_t local_port) {
+    uint8_t datagram[2048];
+    sockaddr_in from{};
+    socklen_t length = sizeof from;
+    ssize_t n =
+        recvfrom(fd, datagram, sizeof datagram, 0, reinterpret_cast<sockaddr*>(&from), &length);
+    if (n < 0)
+        return;
+    Received message{Link::udp, Bytes(datagram, datagram + n), {}, "", local_port, from};
+    if (static_cast<size_t>(n) > kComHdr)
+        message.frame.assign(datagram + kComHdr, datagram + n);
+    record(message);
+    answer(Link::udp, fd, from);
+}
+
+void DevSim::accept_tcp() {
+    sockaddr_in peer{};
+    socklen_t length = sizeof peer;
+    int client = accept(tcp_listener_, reinterpret_cast<sockaddr*>(&peer), &length);
+    if (client < 0)
+        return;
+    close_tcp_client();
+    tcp_client_ = client;
+    tcp_peer_ = peer;
+    ++tcp_generation_;
+}
+
+void DevSim::close_tcp_client() {
+    close_fd(tcp_client_);
+    tcp_buffer_.clear();
+}
+
+void DevSim::receive_tcp() {
+    uint8_t chunk[2048];
+    ssize_t n = recv(tcp_client_, chunk, sizeof chunk, 0);
+    if (n <= 0) {
+        close_tcp_client();
+        return;
+    }
+    tcp_buffer_.insert(tcp_buffer_.end(), chunk, chunk + n);
+    // Messages: a 12-byte header; "s9p " carries arg1 frame bytes after it, the others nothing.
+    while (tcp_buffer_.size() >= kHeader) {
+        std::string tag(tcp_buffer_.begin(), tcp_buffer_.begin() + 4);
+        size_t body = tag == "s9p " ? be32(tcp_buffer_.data() + 4) : 0;
+        if (body > kMaxFrame) {
+            // No Sony frame is that long: record the header and drop the client as a server would.
+            record({Link::tcp,
+                    Bytes(tcp_buffer_.begin(), tcp_buffer_.begin() + kHeader),
+                    {},
+                    tag,
+                    tcp_port_,
+                    tcp_peer_});
+            close_tcp_client();
+            return;
+        }
+        if (tcp_buffer_.size() < kHeader + body)
+            return;
+        Bytes wire(tcp_buffer_.begin(), tcp_buffer_.begin() + static_cast<long>(kHeader + body));
+        tcp_buffer_.erase(tcp_buffer_.begin(),
+                          tcp_buffer_.begin() + static_cast<long>(wire.size()));
+        Bytes frame(wire.begin() + kHeader, wire.end());
+        record({Link::tcp, wire, frame, tag, tcp_port_, tcp_peer_});
+        if (tag == "s9p ")
+            answer(Link::tcp, tcp_client_, tcp_peer_);
+    }
+}
+
+void DevSim::receive_serial() {
+    uint8_t chunk[256];
+    ssize_t n = read(pty_master_, chunk, sizeof chunk);
+    if (n <= 0)
+        return;
+    serial_buffer_.insert(serial_buffer_.end(), chunk, chunk + n);
+    // A frame is (CMD1 & 0x0F) + 3 bytes long.
+    while (!serial_buffer_.empty()) {
+        size_t length = (serial_buffer_[0] & 0x0Fu) + 3;
+        if (serial_buffer_.size() < length)
+            return;
+        Bytes frame(serial_buffer_.begin(), serial_buffer_.begin() + static_cast<long>(length));
+        serial_buffer_.erase(serial_buffer_.begin(),
+                             serial_buffer_.begin() + static_cast<long>(length));
+        record({Link::serial, frame, frame, "", 0, {}});
+        answer(Link::serial, pty_master_, {});
+    }
+}
+
+void DevSim::answer(Link link, int fd, const sockaddr_in& to) {
+    Reply reply = next_reply();
+    if (reply.silent)
+        return;
+    Bytes frame = reply.frame;
+    if (reply.corrupt_checksum && !frame.empty())
+        ++frame.back();
+    Bytes bytes = reply.raw.empty() ? framed(link, frame) : reply.raw;
+    if (link == Link::udp && reply.from_other_address)
+        fd = udp_other_;
+    auto due = Clock::now() + std::chrono::milliseconds(reply.delay_ms);
+    std::vector<Bytes> pieces = split(bytes, reply.pieces);
+    for (size_t i = 0; i < pieces.size(); ++i) {
+        outbox_.push_back(
+            {due, link, fd, to, tcp_generation_, std::move(pieces[i]), i + 1 == pieces.size()});
+        due += std::chrono::milliseconds(reply.piece_gap_ms);
+    }
+    send_due();
+}
+
+void DevSim::send_due() {
+    auto now = Clock::now();
+    // In queue order, so the pieces of one answer keep theirs; a late answer does not hold up
+    // one that is due before it.
+    for (auto it = outbox_.begin(); it != outbox_.end();) {
+        if (it->due > now) {
+            ++it;
+            continue;
+        }
+        send_now(*it);
+        it = outbox_.erase(it);
+    }
+}
+
+void DevSim::send_now(const Outgoing& out) {
+    switch (out.link) {
+    case Link::udp:
+        sendto(out.fd, out.bytes.data(), out.bytes.size(), 0,
+               reinterpret_cast<const sockaddr*>(&out.to), sizeof out.to);
+        break;
+    case Link::tcp:
+        if (out.tcp_client != tcp_generation_ || tcp_client_ < 0)
+            return;
+        send(tcp_client_, out.bytes.data(), out.bytes.size(), MSG_NOSIGNAL);
+        break;
+    case Link::serial:
+        (void)!write(pty_master_, out.bytes.data(), out.bytes.size());
+        break;
+    }
+    if (!out.last_piece)
+        return;
+    {
+        std::lock_guard lock(mutex_);
+        ++replies_sent_;
+    }
+    changed_.notify_all();
+}
+
+} // namespace devsim

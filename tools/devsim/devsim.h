@@ -1,0 +1,141 @@
+// The video server emulator: answers Sony frames in UDP datagrams, through the TCP connection
+// protocol and on a pty serial line, with scriptable faults, and records every message it gets.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <netinet/in.h>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace devsim {
+
+using Bytes = std::vector<uint8_t>;
+
+enum class Link { udp, tcp, serial };
+
+// A Sony frame from CMD1, CMD2 and data, with its checksum appended.
+Bytes with_checksum(Bytes bytes);
+
+// How the emulator answers one command. The default answer is an ACK (10 01 11), framed for the
+// link the command came on: a ComHdr datagram, a "s9p " message, or the bare frame.
+struct Reply {
+    Bytes frame = {0x10, 0x01, 0x11}; // the answer frame, checksum included
+    bool silent = false;              // answer nothing
+    int delay_ms = 0;                 // answer this late
+    bool corrupt_checksum = false;    // the frame's last byte plus one
+    bool from_other_address = false;  // UDP: answer from the emulator's second socket
+    Bytes raw;                        // when not empty, exactly these bytes go on the link
+    std::vector<size_t> pieces;       // send in pieces of these sizes, the rest in a last one...
+    int piece_gap_ms = 0;             // ...this far apart
+
+    static Reply ack() { return {}; }
+    static Reply nak(uint8_t error_bits) { return answer({0x11, 0x12, error_bits}); }
+    // An answer frame given without its checksum.
+    static Reply answer(Bytes frame_without_checksum);
+    static Reply silence();
+    static Reply late(int ms);
+    static Reply bytes(Bytes raw);
+};
+
+// One message received, with its exact bytes.
+struct Received {
+    Link link;
+    Bytes wire;            // the whole datagram, TCP message (header and frame) or serial frame
+    Bytes frame;           // the Sony frame it carries; empty for other TCP messages
+    std::string tag;       // TCP: the message's four-character tag
+    uint16_t local_port{}; // UDP and TCP: the emulator's port it arrived on
+    sockaddr_in peer{};    // UDP and TCP: the sender
+};
+
+// One emulator serving any of its links from one thread. Set the links up, then start().
+// Set-up failures throw std::runtime_error. Every other member may be called from any thread.
+class DevSim {
+  public:
+    DevSim();
+    ~DevSim();
+    DevSim(const DevSim&) = delete;
+    DevSim& operator=(const DevSim&) = delete;
+
+    // Binds UDP `port` (0: the system chooses) and a second socket on another port for answers
+    // "from another address". Returns the bound port.
+    uint16_t listen_udp(const char* address, uint16_t port);
+    // Listens for one TCP client at a time (a new one replaces the old). Returns the bound port.
+    uint16_t listen_tcp(const char* address, uint16_t port);
+    // Opens a pty pair in raw mode; returns the path of the end a controller opens.
+    std::string open_pty();
+
+    void start();
+    void stop();
+
+    // Answers to the next commands, in order; once used up, the default answers.
+    void script(Reply reply);
+    void set_default(Reply reply);
+    // Called on the serving thread for every message received, after it is recorded.
+    void on_receive(std::function<void(const Received&)> observer);
+
+    std::vector<Received> received() const;
+    size_t count_tag(const std::string& tag) const;
+    // Wait until that many messages were received / answers fully sent; false on time-out.
+    bool wait_received(size_t count, int timeout_ms) const;
+    bool wait_replies_sent(size_t count, int timeout_ms) const;
+
+    uint16_t udp_port() const { return udp_port_; }
+    uint16_t udp_other_port() const { return udp_other_port_; }
+    uint16_t tcp_port() const { return tcp_port_; }
+    const std::string& pty_path() const { return pty_path_; }
+
+  private:
+    using Clock = std::chrono::steady_clock;
+    struct Outgoing {
+        Clock::time_point due;
+        Link link;
+        int fd;              // UDP: the socket to send from
+        sockaddr_in to;      // UDP: the destination
+        unsigned tcp_client; // TCP: the client it is for; dropped if that one went away
+        Bytes bytes;
+        bool last_piece;
+    };
+
+    void serve();
+    int poll_timeout_ms() const;
+    void receive_udp(int fd, uint16_t local_port);
+    void accept_tcp();
+    void receive_tcp();
+    void receive_serial();
+    void close_tcp_client();
+    void record(Received message);
+    void answer(Link link, int fd, const sockaddr_in& to);
+    Reply next_reply();
+    void send_due();
+    void send_now(const Outgoing& out);
+
+    int wake_[2] = {-1, -1};
+    int udp_ = -1, udp_other_ = -1, tcp_listener_ = -1, tcp_client_ = -1;
+    int pty_master_ = -1, pty_slave_ = -1;
+    uint16_t udp_port_ = 0, udp_other_port_ = 0, tcp_port_ = 0;
+    unsigned tcp_generation_ = 0;
+    sockaddr_in tcp_peer_{};
+    std::string pty_path_;
+    Bytes tcp_buffer_, serial_buffer_;
+    std::deque<Outgoing> outbox_; // serving thread only
+    std::thread thread_;
+
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    std::deque<Reply> script_;
+    Reply default_;
+    std::vector<Received> received_;
+    size_t replies_sent_ = 0;
+    std::function<void(const Received&)> observer_;
+};
+
+// "43 BF F0 04 0C 02"
+std::string hex(const Bytes& bytes);
+
+} // namespace devsim

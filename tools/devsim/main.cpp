@@ -1,0 +1,141 @@
+// devsim: a video server for a controller to talk to; prints every message it receives.
+#include "devsim.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <string>
+#include <unistd.h>
+
+namespace {
+
+const char kUsage[] =
+    "usage: devsim udp ADDRESS PORT [OPTION...]\n"
+    "       devsim tcp ADDRESS PORT [OPTION...]\n"
+    "       devsim serial [LINK] [OPTION...]\n"
+    "Answers Sony 9-pin commands (ACK by default) and prints each one as hex bytes.\n"
+    "options:\n"
+    "  --nak BITS     answer every command with a NAK carrying these error bits\n"
+    "  --silent       never answer\n"
+    "  --delay MS     answer MS milliseconds late\n"
+    "  --corrupt      answer with a wrong checksum\n";
+
+struct Options {
+    std::string link;
+    std::string address = "127.0.0.1";
+    uint16_t port = 0;
+    std::string pty_link; // serial: a symbolic link to the pty, for controllers given a path
+    devsim::Reply reply;
+};
+
+[[noreturn]] void usage() {
+    fputs(kUsage, stderr);
+    exit(2);
+}
+
+long number(const char* text) {
+    char* end = nullptr;
+    long value = strtol(text, &end, 0);
+    if (!*text || *end)
+        usage();
+    return value;
+}
+
+Options parse(int argc, char** argv) {
+    Options o;
+    int i = 1;
+    if (i >= argc)
+        usage();
+    o.link = argv[i++];
+    if (o.link == "udp" || o.link == "tcp") {
+        if (i + 2 > argc)
+            usage();
+        o.address = argv[i++];
+        long port = number(argv[i++]);
+        if (port < 0 || port > 65535)
+            usage();
+        o.port = static_cast<uint16_t>(port);
+    } else if (o.link == "serial") {
+        if (i < argc && strncmp(argv[i], "--", 2) != 0)
+            o.pty_link = argv[i++];
+    } else {
+        usage();
+    }
+    for (; i < argc; ++i) {
+        std::string option = argv[i];
+        bool has_value = i + 1 < argc;
+        if (option == "--nak" && has_value)
+            o.reply = devsim::Reply::nak(static_cast<uint8_t>(number(argv[++i])));
+        else if (option == "--delay" && has_value)
+            o.reply.delay_ms = static_cast<int>(number(argv[++i]));
+        else if (option == "--silent")
+            o.reply.silent = true;
+        else if (option == "--corrupt")
+            o.reply.corrupt_checksum = true;
+        else
+            usage();
+    }
+    return o;
+}
+
+void print(const devsim::Received& message) {
+    if (message.link == devsim::Link::tcp && message.tag != "s9p ") {
+        printf("%s %s\n", message.tag.c_str(), devsim::hex(message.wire).c_str());
+    } else {
+        printf("%s\n", devsim::hex(message.frame).c_str());
+    }
+}
+
+// Sets up the link and prints where it listens; the caller waits for that line.
+std::string open_link(devsim::DevSim& sim, const Options& o) {
+    if (o.link == "udp")
+        return "udp " + o.address + ":" + std::to_string(sim.listen_udp(o.address.c_str(), o.port));
+    if (o.link == "tcp")
+        return "tcp " + o.address + ":" + std::to_string(sim.listen_tcp(o.address.c_str(), o.port));
+    std::string path = sim.open_pty();
+    if (!o.pty_link.empty()) {
+        unlink(o.pty_link.c_str());
+        if (symlink(path.c_str(), o.pty_link.c_str()) != 0) {
+            perror(o.pty_link.c_str());
+            exit(1);
+        }
+        return "serial " + o.pty_link + " -> " + path;
+    }
+    return "serial " + path;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    Options options = parse(argc, argv);
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+
+    // The serving thread inherits this mask, so the signals reach sigwait below.
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+
+    devsim::DevSim sim;
+    std::string where;
+    try {
+        where = open_link(sim, options);
+    } catch (const std::exception& e) {
+        fprintf(stderr, "devsim: %s\n", e.what());
+        return 1;
+    }
+    sim.set_default(options.reply);
+    sim.on_receive(print);
+    sim.start();
+    printf("listening on %s\n", where.c_str());
+
+    int signal = 0;
+    sigwait(&stop_signals, &signal);
+    sim.stop();
+    if (!options.pty_link.empty())
+        unlink(options.pty_link.c_str());
+    return 0;
+}
