@@ -56,6 +56,15 @@ class AlarmAfter {
     struct sigaction previous_ {};
 };
 
+// Sleeps until `usec` microseconds past a whole second of the wall clock. The waits read that clock
+// in whole seconds, so where an interruption falls against a second boundary decides the rest.
+void align_to_second(long usec) {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    long delay = usec - now.tv_usec;
+    usleep(static_cast<useconds_t>(delay >= 0 ? delay : delay + 1000000));
+}
+
 TEST(Select, zero_timeout_polls_readiness_at_once) {
     UdpEndpoint idle, busy, sender;
     sender.send_to(busy.address(), {1, 2, 3}); // loopback delivery is done when sendto returns
@@ -117,6 +126,7 @@ TEST(Select, closed_descriptor_fails_with_the_select_message) {
 TEST(Select, signal_during_timed_wait_is_reported_and_the_wait_goes_on) {
     UdpEndpoint idle;
     CapturedStdout out;
+    align_to_second(100000);
     auto start = Clock::now();
     int ready;
     {
@@ -134,6 +144,7 @@ TEST(Select, signal_during_timed_write_wait_is_reported_on_stdout) {
     FullPipe pipe;
     CapturedStdout out;
     CapturedStderr err;
+    align_to_second(100000);
     int ready;
     {
         AlarmAfter alarm(30);
@@ -142,6 +153,42 @@ TEST(Select, signal_during_timed_write_wait_is_reported_on_stdout) {
     EXPECT_EQ(ready, 0);
     EXPECT_EQ(out.text(), "selout2 errno: 4\n");
     EXPECT_EQ(err.text(), "select:187> not selout2\n");
+}
+
+TEST(Select, interruption_after_a_second_boundary_shortens_the_wait_by_that_second) {
+    UdpEndpoint idle;
+    CapturedStdout out;
+    align_to_second(850000);
+    auto start = Clock::now();
+    int ready;
+    {
+        AlarmAfter alarm(300); // falls in the next second: 1000 ms come off the 1500
+        ready = selectin(idle.fd(), 1500);
+    }
+    long waited = elapsed_ms(start);
+    EXPECT_EQ(ready, 0);
+    EXPECT_GE(waited, 700);
+    EXPECT_LT(waited, 1400);
+    EXPECT_EQ(out.text(), "selin2 errno: 4\r\n");
+}
+
+TEST(Select, interruption_that_uses_up_the_time_out_fails_or_gives_up) {
+    UdpEndpoint idle;
+    FullPipe pipe;
+    CapturedStdout out;
+    CapturedStderr err;
+    align_to_second(850000);
+    {
+        AlarmAfter alarm(300);
+        EXPECT_EQ(selectin(idle.fd(), 400), -1);
+    }
+    align_to_second(850000);
+    {
+        AlarmAfter alarm(300);
+        EXPECT_EQ(selectout(pipe.ends[0], 400), 0);
+    }
+    EXPECT_EQ(out.text(), "selin2 errno: 4\r\nselout2 errno: 4\n");
+    EXPECT_EQ(err.text(), std::string("select: ") + strerror(EINTR) + "\nselect:180> not selout1\n");
 }
 
 TEST(Select, unlimited_wait_survives_a_signal_and_returns_when_readable) {
