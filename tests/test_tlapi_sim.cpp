@@ -1,0 +1,129 @@
+// The tlapi sim's wire: one datagram per transfer, answers within 20 ms, a floating bus otherwise.
+#include "sdiboard.h"
+#include "tlapi.h"
+
+#include <array>
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using Bytes = std::array<unsigned char, 3>;
+
+std::string boardPath(const char* name) {
+    std::string path = "/tmp/vlm-tlapi-" + std::to_string(getpid()) + "-" + name + ".sock";
+    setenv("TLAPI_SIM_SOCKET", path.c_str(), 1);
+    return path;
+}
+
+Bytes readRegister(unsigned char reg) {
+    Bytes frame = {0x42, reg, 0x00};
+    SPIRead(0, frame.data(), 3);
+    return frame;
+}
+
+// A board peer the test drives by hand: it sees each frame and answers what and when it is told.
+class HandBoard {
+  public:
+    explicit HandBoard(const std::string& path) : fd_(socket(AF_UNIX, SOCK_DGRAM, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        unlink(path.c_str());
+        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    }
+    ~HandBoard() { close(fd_); }
+    // Takes the next frame; remembers who sent it.
+    std::string takeFrame() {
+        unsigned char frame[8];
+        client_length_ = sizeof client_;
+        ssize_t n = recvfrom(fd_, frame, sizeof frame, 0, reinterpret_cast<sockaddr*>(&client_),
+                             &client_length_);
+        return std::string(reinterpret_cast<char*>(frame), n > 0 ? static_cast<size_t>(n) : 0);
+    }
+    void answer(const std::string& bytes) {
+        sendto(fd_, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&client_),
+               client_length_);
+    }
+
+  private:
+    int fd_;
+    sockaddr_un client_{};
+    socklen_t client_length_ = 0;
+};
+
+TEST(TlapiSim, write_then_read_reach_the_board_as_one_frame_each) {
+    sdiboard::Board board(boardPath("roundtrip"));
+    ASSERT_EQ(SPIInit(), 0);
+    Bytes write = {0x42, 0x31 | 0x80, 0xA5};
+    EXPECT_EQ(SPIWrite(0, write.data(), 3), 0);
+    EXPECT_EQ(write, (Bytes{0x42, 0xB1, 0xA5})) << "a write leaves the caller's bytes alone";
+    EXPECT_EQ(readRegister(0x31), (Bytes{0x42, 0x31, 0xA5}));
+    auto transfers = board.transfers();
+    ASSERT_EQ(transfers.size(), 2u);
+    EXPECT_TRUE(transfers[0].write);
+    EXPECT_FALSE(transfers[1].write);
+    EXPECT_EQ(transfers[1].value, 0xA5);
+}
+
+TEST(TlapiSim, no_board_listening_reads_a_floating_bus) {
+    boardPath("nobody");
+    EXPECT_EQ(readRegister(0x30), (Bytes{0xFF, 0xFF, 0xFF}));
+}
+
+TEST(TlapiSim, answer_of_another_size_reads_a_floating_bus) {
+    HandBoard board(boardPath("sizes"));
+    for (std::string reply : {std::string("\x01\x02", 2), std::string("\x01\x02\x03\x04", 4),
+                              std::string()}) {
+        Bytes got{};
+        std::thread client([&] { got = readRegister(0x30); });
+        EXPECT_EQ(board.takeFrame(), std::string("\x42\x30\x00", 3));
+        board.answer(reply);
+        client.join();
+        EXPECT_EQ(got, (Bytes{0xFF, 0xFF, 0xFF})) << reply.size() << " bytes";
+    }
+}
+
+TEST(TlapiSim, late_answer_is_not_taken_for_the_next_transfer) {
+    HandBoard board(boardPath("late"));
+    Bytes first{}, second{};
+    std::thread missed([&] { first = readRegister(0x30); });
+    board.takeFrame();
+    missed.join(); // the window has closed
+    board.answer("\xAA\xAA\xAA");
+    std::thread next([&] { second = readRegister(0x32); });
+    EXPECT_EQ(board.takeFrame(), std::string("\x42\x32\x00", 3));
+    board.answer("\x42\x32\x05");
+    next.join();
+    EXPECT_EQ(first, (Bytes{0xFF, 0xFF, 0xFF}));
+    EXPECT_EQ(second, (Bytes{0x42, 0x32, 0x05}));
+}
+
+TEST(Sdiboard, gpi_changes_latch_at_the_transition_read_which_clears_them) {
+    sdiboard::Board board(boardPath("latch"));
+    struct Step {
+        const char* what;
+        std::function<void()> drive;
+        unsigned char levelsBefore, transitions, levels;
+    };
+    const Step steps[] = {
+        {"levels 0x05", [&] { board.setGpi(0x05); }, 0x00, 0x05, 0x05},
+        {"nothing", [] {}, 0x05, 0x00, 0x05},
+        {"pulse on line 3", [&] { board.pulse(3); }, 0x05, 0x08, 0x05},
+        {"line 0 down and up", [&] { board.setGpi(0x04), board.setGpi(0x05); }, 0x05, 0x01, 0x05},
+        {"all down", [&] { board.setGpi(0x00); }, 0x05, 0x05, 0x00},
+    };
+    for (const Step& step : steps) {
+        step.drive();
+        EXPECT_EQ(readRegister(0x30)[2], step.levelsBefore) << step.what << ": before the poll";
+        EXPECT_EQ(readRegister(0x32)[2], step.transitions) << step.what;
+        EXPECT_EQ(readRegister(0x30)[2], step.levels) << step.what;
+    }
+}
+
+} // namespace
