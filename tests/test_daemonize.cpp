@@ -1,4 +1,4 @@
-// Detaching into a daemon, checked in forked processes; allocation and Gpio records.
+// Detaching into a daemon, checked in forked processes; allocation; the Gpio datagram.
 #include "daemonize.h"
 #include "gpio.h"
 
@@ -6,8 +6,8 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
-#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sstream>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -22,69 +22,56 @@ std::string linkTarget(const std::string& path) {
     return std::string(target, n > 0 ? static_cast<size_t>(n) : 0);
 }
 
-// What a daemonized process says about itself, written by it to a pipe.
-struct Report {
-    std::string text;
-    pid_t starter = 0;
-    // The number after "key=" in the text, -1 if none.
-    long number(const std::string& key) const {
-        size_t at = text.find(" " + key + "=");
-        return at == std::string::npos ? -1 : atol(text.c_str() + at + key.size() + 2);
-    }
+// What the process that survives daemonize says of itself: directory, descriptors 0 to 2.
+struct Survivor {
+    pid_t starter = 0, pid = 0, session = 0;
+    std::string where;
 };
 
-// Forks a starter that calls daemonize(nochdir, noclose); the surviving process writes its
-// state through descriptor 3 (it stays open: daemonize only closes 0 to 2) and leaves.
-Report daemonizeAndReport(int nochdir, int noclose) {
-    int pipeEnds[2];
-    EXPECT_EQ(pipe(pipeEnds), 0);
-    Report report;
-    report.starter = fork();
-    if (report.starter == 0) {
-        dup2(pipeEnds[1], 3);
-        close(pipeEnds[0]);
+// A starter process calls daemonize from /tmp; the survivor reports through descriptor 3, which
+// daemonize leaves open, and leaves.
+Survivor daemonizeFromTmp(int nochdir, int noclose) {
+    int ends[2];
+    EXPECT_EQ(pipe(ends), 0);
+    Survivor survivor;
+    survivor.starter = fork();
+    if (survivor.starter == 0) {
+        dup2(ends[1], 3);
         if (chdir("/tmp") != 0 || daemonize(nochdir, noclose) != 0)
             _exit(1);
-        std::string state = "cwd=" + linkTarget("/proc/self/cwd");
-        for (int fd = 0; fd < 3; ++fd)
-            state += " " + std::to_string(fd) + "=" + linkTarget("/proc/self/fd/" + std::to_string(fd));
-        state += " leader=" + std::to_string(getsid(0) == getpid());
-        state += " session=" + std::to_string(getsid(0));
-        state += " pid=" + std::to_string(getpid());
-        (void)!write(3, state.data(), state.size());
+        std::string report = std::to_string(getpid()) + " " + std::to_string(getsid(0));
+        for (const char* link : {"cwd", "fd/0", "fd/1", "fd/2"})
+            report += " " + linkTarget(std::string("/proc/self/") + link);
+        (void)!write(3, report.data(), report.size());
         _exit(0);
     }
-    close(pipeEnds[1]);
+    close(ends[1]);
     int status = 0;
-    EXPECT_EQ(waitpid(report.starter, &status, 0), report.starter);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the starter leaves with 0";
-    char buffer[1024];
-    ssize_t n;
-    while ((n = read(pipeEnds[0], buffer, sizeof buffer)) > 0)
-        report.text.append(buffer, static_cast<size_t>(n));
-    close(pipeEnds[0]);
-    return report;
+    EXPECT_EQ(waitpid(survivor.starter, &status, 0), survivor.starter);
+    EXPECT_EQ(status, 0) << "the starter leaves with _exit(0)";
+    char text[1024] = {};
+    (void)!read(ends[0], text, sizeof text - 1); // the survivor's one write, or nothing
+    close(ends[0]);
+    std::istringstream fields(text);
+    fields >> survivor.pid >> survivor.session >> std::ws;
+    std::getline(fields, survivor.where);
+    return survivor;
 }
 
-TEST(Daemonize, grandchild_runs_in_root_on_dev_null_in_a_session_it_does_not_lead) {
-    Report report = daemonizeAndReport(0, 0);
-    EXPECT_NE(report.text.find("cwd=/ 0=/dev/null 1=/dev/null 2=/dev/null leader=0"),
-              std::string::npos)
-        << report.text;
-    long session = report.number("session"), pid = report.number("pid");
-    EXPECT_GT(pid, 0);
-    EXPECT_NE(session, getsid(0)) << "a session of its own";
-    EXPECT_NE(session, report.starter) << "started by the starter's child";
-    EXPECT_NE(pid, report.starter) << "a grandchild, not the starter";
-    EXPECT_NE(pid, session) << "no session leader";
+TEST(Daemonize, survivor_is_a_grandchild_in_root_on_dev_null_leading_no_session) {
+    Survivor survivor = daemonizeFromTmp(0, 0);
+    EXPECT_EQ(survivor.where, "/ /dev/null /dev/null /dev/null");
+    EXPECT_GT(survivor.pid, 0);
+    EXPECT_NE(survivor.pid, survivor.starter);
+    EXPECT_NE(survivor.session, getsid(0)) << "a session of its own";
+    EXPECT_NE(survivor.session, survivor.pid) << "whose leader has left";
 }
 
 TEST(Daemonize, nochdir_and_noclose_keep_directory_and_descriptors) {
-    Report report = daemonizeAndReport(1, 1);
-    std::string expected = "cwd=/tmp 0=" + linkTarget("/proc/self/fd/0") +
-                           " 1=" + linkTarget("/proc/self/fd/1") +
-                           " 2=" + linkTarget("/proc/self/fd/2") + " leader=0";
-    EXPECT_NE(report.text.find(expected), std::string::npos) << report.text;
+    std::string ours;
+    for (const char* fd : {"0", "1", "2"})
+        ours += " " + linkTarget(std::string("/proc/self/fd/") + fd);
+    EXPECT_EQ(daemonizeFromTmp(1, 1).where, "/tmp" + ours);
 }
 
 TEST(Alloc, free_of_null_stops_on_the_assertion) {
@@ -97,25 +84,12 @@ TEST(Alloc, allocation_failure_ends_the_process_with_its_error_number) {
 }
 
 TEST(Gpio, datagram_is_lines_then_status_big_endian) {
-    struct Case {
-        Gpio gpio;
-        GpioDatagram bytes;
-    };
-    const Case cases[] = {
-        {{7, 1}, {0, 0, 0, 7, 0, 0, 0, 1}},
-        {{255, 0x1F3}, {0, 0, 0, 0xFF, 0, 0, 1, 0xF3}},
-        {{-1, INT32_MIN}, {0xFF, 0xFF, 0xFF, 0xFF, 0x80, 0, 0, 0}},
-    };
-    for (const Case& c : cases) {
-        EXPECT_EQ(gpioEncode(c.gpio), c.bytes) << c.gpio.lines;
-        Gpio back = gpioDecode(c.bytes);
-        EXPECT_EQ(back.lines, c.gpio.lines);
-        EXPECT_EQ(back.status, c.gpio.status);
-    }
-    Gpio* created = gpioCreate(3, 2);
-    EXPECT_EQ(created->lines, 3);
-    EXPECT_EQ(created->status, 2);
-    gpioDestroy(created);
+    Gpio* gpio = gpioCreate(255, 0x1F3);
+    EXPECT_EQ(gpioEncode(*gpio), (GpioDatagram{0, 0, 0, 0xFF, 0, 0, 1, 0xF3}));
+    gpioDestroy(gpio);
+    Gpio back = gpioDecode({0xFF, 0xFF, 0xFF, 0xFE, 0x80, 0, 0, 0});
+    EXPECT_EQ(back.lines, -2);
+    EXPECT_EQ(back.status, INT32_MIN);
 }
 
 } // namespace

@@ -104,26 +104,4 @@ TEST(TlapiSim, late_answer_is_not_taken_for_the_next_transfer) {
     EXPECT_EQ(second, (Bytes{0x42, 0x32, 0x05}));
 }
 
-TEST(Sdiboard, gpi_changes_latch_at_the_transition_read_which_clears_them) {
-    sdiboard::Board board(boardPath("latch"));
-    struct Step {
-        const char* what;
-        std::function<void()> drive;
-        unsigned char levelsBefore, transitions, levels;
-    };
-    const Step steps[] = {
-        {"levels 0x05", [&] { board.setGpi(0x05); }, 0x00, 0x05, 0x05},
-        {"nothing", [] {}, 0x05, 0x00, 0x05},
-        {"pulse on line 3", [&] { board.pulse(3); }, 0x05, 0x08, 0x05},
-        {"line 0 down and up", [&] { board.setGpi(0x04), board.setGpi(0x05); }, 0x05, 0x01, 0x05},
-        {"all down", [&] { board.setGpi(0x00); }, 0x05, 0x05, 0x00},
-    };
-    for (const Step& step : steps) {
-        step.drive();
-        EXPECT_EQ(readRegister(0x30)[2], step.levelsBefore) << step.what << ": before the poll";
-        EXPECT_EQ(readRegister(0x32)[2], step.transitions) << step.what;
-        EXPECT_EQ(readRegister(0x30)[2], step.levels) << step.what;
-    }
-}
-
 } // namespace

@@ -1,29 +1,26 @@
 // Process-level test harness for vlmgpiod.out: fresh network namespaces, a second host joined by a
-// veth pair, the daemon as a child process, and a listener for its GPI events.
+// veth pair, the daemon as a child process, and the port its GPI events arrive on.
 #pragma once
 
 #include "gpio.h"
+#include "loopback.h"
 
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
-#include <optional>
+#include <deque>
 #include <string>
 #include <sys/types.h>
-#include <thread>
 #include <vector>
 
 namespace e2e {
 
-// What a readiness probe carries: no board line has this number.
+// A network event no board line can produce: the daemon relays it, which shows it is serving.
 constexpr Gpio kProbe = {0x7E57, 0};
 
-// Moves the calling thread into a new network namespace with its loopback up.
-// Returns "" on success, else what failed.
+// Moves the calling thread into a new network namespace with its loopback up; "" or what failed.
 std::string enterFreshNetworkNamespace();
 
 // A second host: a network namespace held by a child process, joined to ours by a veth pair
-// (10.200.0.1 here, 10.200.0.2 there) with the multicast routes on both sides.
+// (10.200.0.1 here, 10.200.0.2 there), with a route for 224.0.0.0/4 on each side.
 class PeerHost {
   public:
     static constexpr const char* kOurAddress = "10.200.0.1";
@@ -32,10 +29,9 @@ class PeerHost {
     ~PeerHost();
     PeerHost(const PeerHost&) = delete;
     PeerHost& operator=(const PeerHost&) = delete;
-    // "" when the host is up, else what failed.
-    const std::string& error() const { return error_; }
-    // A UDP socket created in the peer's namespace, bound to `port` on all addresses and, when
-    // `group` is given, joined to it on the veth. The caller owns it.
+    const std::string& error() const { return error_; } // "" when the host is up
+    // A UDP socket made in the peer's namespace, bound to `port` and, when `group` is given,
+    // joined to it on the veth. The caller owns it; -1 on failure.
     int udpSocket(uint16_t port, const char* group = nullptr);
 
   private:
@@ -45,10 +41,8 @@ class PeerHost {
     std::string error_;
 };
 
-enum class Stream { Out, Err };
-
-// vlmgpiod.out started with `options`, its SPI going to `boardSocket`; standard output and
-// standard error come back through pipes. Killed (SIGKILL) and waited for on destruction.
+// vlmgpiod.out started with `options`, its SPI transfers going to `boardSocket`; standard output
+// and standard error go to files. Killed and reaped on destruction if still running.
 class Daemon {
   public:
     Daemon(const std::vector<std::string>& options, const std::string& boardSocket);
@@ -56,57 +50,43 @@ class Daemon {
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;
 
+    static std::string path() { return VLMGPIOD_PATH; }
     pid_t pid() const { return pid_; }
-    static std::string path();
-    // Everything the stream carried so far.
-    std::string output(Stream stream);
-    // Waits until the stream carried `text`, at most `timeoutMs`.
-    bool waitForOutput(Stream stream, const std::string& text, int timeoutMs);
-    // Waits for the end of the process, at most `timeoutMs`: its wait status, or -1.
+    std::string out() const;
+    std::string err() const;
+    // Waits at most `timeoutMs` (0: just looks) for the process to end: its wait status, or -1.
     int waitExit(int timeoutMs);
-    bool running();
-    // Collects what the daemon wrote, waiting at most `timeoutMs` for something to come.
-    void pump(int timeoutMs);
 
   private:
     pid_t pid_ = -1;
+    int pidFd_ = -1;
     int status_ = -1;
-    int pipes_[2] = {-1, -1};
-    std::string text_[2];
+    std::string files_[2];
 };
 
-// Receives every datagram on 127.0.0.1:42000 in a thread of its own, so that a burst cannot
-// overflow the socket. Readiness probes are counted apart.
-class GpiListener {
+// 127.0.0.1:42000, with a buffer big enough for a flood of relayed datagrams. Probes are counted
+// apart from the events.
+class GpiPort {
   public:
-    GpiListener();
-    ~GpiListener();
-    GpiListener(const GpiListener&) = delete;
-    GpiListener& operator=(const GpiListener&) = delete;
-
-    // The next datagram that is not a probe, or nothing within `timeoutMs`.
-    std::optional<GpioDatagram> next(int timeoutMs);
-    // Waits for one more probe than `seen`, at most `timeoutMs`.
+    GpiPort();
+    // The next event as hex text ("00 00 00 07 00 00 00 01"), or "nothing" within `timeoutMs`.
+    std::string next(int timeoutMs);
+    // Waits at most `timeoutMs` for a probe after the `seen` ones.
     bool waitProbe(size_t seen, int timeoutMs);
-    size_t probes();
-    // Datagrams that were not probes, all of them, including those next() returned.
-    std::vector<GpioDatagram> all();
+    size_t probes() const { return probes_; }
 
   private:
-    int fd_ = -1;
-    int wake_[2] = {-1, -1};
-    std::mutex mutex_;
-    std::condition_variable arrived_;
-    std::vector<GpioDatagram> events_;
-    size_t read_ = 0;
+    bool receive(int timeoutMs);
+    UdpEndpoint socket_{42000};
+    std::deque<std::string> events_;
     size_t probes_ = 0;
-    std::thread thread_;
 };
 
-// Sends `bytes` from an unbound UDP socket to 127.0.0.1:`port`.
 void sendLocal(uint16_t port, const std::vector<uint8_t>& bytes);
 std::vector<uint8_t> datagram(const Gpio& gpio);
-// Waits until the daemon serves its sockets: port 42002 bound, then a probe relayed to 42000.
-bool waitServing(Daemon& daemon, GpiListener& listener, int timeoutMs);
+std::string event(int lines, int status);
+// Sends probes to port 42002 until one comes back on 42000; false if none within `timeoutMs`
+// or the daemon failed.
+bool waitServing(Daemon& daemon, GpiPort& gpi, int timeoutMs);
 
 } // namespace e2e

@@ -24,7 +24,7 @@ const char* const kUsage =
     "Commands, one per line on standard input:\n"
     "  gpi HEX     drive the eight GPI lines (bit n = line n), e.g. gpi 05\n"
     "  pulse N     raise and drop GPI line N (0-7) before the next poll\n"
-    "  show        print the GPI, GPO and transition registers\n"
+    "  show        print the GPI and GPO registers\n"
     "  quit        stop (end of input does the same)\n";
 
 std::mutex printing;
@@ -72,10 +72,9 @@ bool command(sdiboard::Board& board, const std::string& line) {
     } else if (verb == "pulse" && parseNumber(words, 10, 0, 7, &value)) {
         board.pulse(value);
     } else if (verb == "show") {
-        printf("GPI 0x%02X  GPO 0x%02X  transitions 0x%02X\n",
+        printf("GPI 0x%02X (as the last poll saw it)  GPO 0x%02X\n",
                board.registerValue(sdiboard::kGpiRegister),
-               board.registerValue(sdiboard::kGpoRegister),
-               board.registerValue(sdiboard::kTransitionRegister));
+               board.registerValue(sdiboard::kGpoRegister));
     } else {
         printf("? %s  (gpi HEX, pulse 0-7, show, quit)\n", line.c_str());
     }
