@@ -43,11 +43,4 @@ TEST(Output, long_message_is_cut_at_1023_characters) {
     }
 }
 
-TEST(Output, ctime_text_loses_only_its_newline) {
-    time_t epoch = 0;
-    std::string text = _ctime(&epoch);
-    EXPECT_EQ(text.size(), 24u);
-    EXPECT_EQ(text.substr(20), "1970");
-}
-
 } // namespace

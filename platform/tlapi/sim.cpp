@@ -2,6 +2,7 @@
 // vendor's libtlapi.so. One transfer is one datagram out and one datagram of the same size back.
 #include "tlapi.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -65,11 +66,11 @@ bool receiveAnswer(int fd, unsigned char* answer, int length) {
     using Clock = std::chrono::steady_clock;
     const auto deadline = Clock::now() + std::chrono::milliseconds(kAnswerWindowMs);
     for (;;) {
+        // Past the deadline one look remains: the answer may have come in time while this
+        // process was not running.
         auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        if (left <= 0)
-            return false;
         pollfd ready{fd, POLLIN, 0};
-        int n = poll(&ready, 1, static_cast<int>(left));
+        int n = poll(&ready, 1, static_cast<int>(std::max<decltype(left)>(left, 0)));
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)

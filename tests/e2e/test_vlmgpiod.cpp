@@ -61,9 +61,8 @@ class Vlmgpiod : public testing::Test {
         gpi.emplace();
     }
 
-    // Starts the daemon (after what ran before it) and waits until it serves its sockets.
+    // Starts the daemon and waits until it serves its sockets.
     void start(const std::vector<std::string>& options) {
-        daemon.reset();
         daemon.emplace(options, path);
         ASSERT_TRUE(waitServing(*daemon, *gpi, kWaitMs)) << daemon->out() << daemon->err();
     }
@@ -79,11 +78,22 @@ class Vlmgpiod : public testing::Test {
             kWaitMs);
     }
 
+    void restart(Fault fault, const std::vector<std::string>& options);
+
     std::string path = scenarioPath();
     std::optional<GpiPort> gpi;
     std::optional<sdiboard::Board> board;
     std::optional<Daemon> daemon;
 };
+
+// Starts the daemon afresh on a new board. The old daemon goes first: a poll of a board that
+// has gone would read a floating bus and announce every line.
+void Vlmgpiod::restart(Fault fault, const std::vector<std::string>& options) {
+    daemon.reset();
+    board.reset();
+    board.emplace(path, fault);
+    start(options);
+}
 
 TEST_F(Vlmgpiod, gpi_transitions_become_events_in_line_order) {
     board.emplace(path);
@@ -138,9 +148,7 @@ TEST_F(Vlmgpiod, without_a_working_board_the_daemon_reports_it_and_runs_on) {
         {Fault::StuckScratch, " [ERROR] Failure to detect tavsdi board - features deactivated\n"},
     };
     for (const Case& c : cases) {
-        daemon.reset();
-        board.emplace(path, c.fault);
-        start({});
+        restart(c.fault, {});
         EXPECT_EQ(daemon->out(), c.message) << "on standard output at once";
         sendLocal(42001, datagram({2, 1}));
         sendLocal(42002, {0xDE, 0xAD, 0xBE, 0xEF, 1, 2, 3, 4}); // served after the request
@@ -165,9 +173,7 @@ TEST_F(Vlmgpiod, multicast_gpo_requests_reach_the_next_host_and_do_not_come_back
     sockaddr_in daemonHost = loopback_address(42002);
     daemonHost.sin_addr.s_addr = inet_addr(PeerHost::kOurAddress);
     for (Fault fault : {Fault::None, Fault::Absent}) {
-        board.reset();
-        board.emplace(path, fault);
-        start({"-m"});
+        restart(fault, {"-m"});
         sendLocal(42001, datagram({255, 0x1F3}));
         pollfd ready{receiver, POLLIN, 0};
         ASSERT_EQ(poll(&ready, 1, kWaitMs), 1);
@@ -194,6 +200,7 @@ TEST_F(Vlmgpiod, debug_lines_appear_time_stamped_with_v_only) {
                                 R"(DEBUG: Raise GPI \(#32343, 0\) to the network\.\n)+)");
     start({});
     EXPECT_EQ(daemon->err(), "");
+    daemon.reset();
     start({"-v"});
     EXPECT_TRUE(std::regex_match(daemon->err(), debugLines)) << daemon->err();
 }
@@ -283,7 +290,10 @@ TEST_F(Vlmgpiod, garbage_floods_lose_no_gpi_change_and_keep_the_cycle) {
     for (std::string next; reported.size() < expected.size() && (next = gpi->next(kWaitMs)) != "nothing";)
         if (next.compare(0, 9, "00 00 00 ") == 0) // not a relayed flood datagram
             reported.push_back(next);
-    EXPECT_EQ(reported, expected);
+    auto differ = std::mismatch(reported.begin(), reported.end(), expected.begin(), expected.end());
+    EXPECT_EQ(reported, expected) << "first difference at event " << differ.first - reported.begin()
+                                  << " of " << expected.size() << ", " << reported.size()
+                                  << " reported";
     EXPECT_GE(expected.size(), static_cast<size_t>(changes)) << "each change flags a line";
 
     std::vector<double> cycles; // between two polls, in ms

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <system_error>
@@ -48,6 +50,11 @@ Board::Board(std::string path, Fault fault) : path_(std::move(path)), fault_(fau
         fail("sdiboard socket");
     }
     thread_ = std::thread([this] { serve(); });
+    // The SPI client waits only 20 ms for an answer; on a busy machine real-time scheduling,
+    // where allowed, keeps the board in time. The thread sleeps in poll between transfers.
+    sched_param priority{};
+    priority.sched_priority = 1;
+    (void)pthread_setschedparam(thread_.native_handle(), SCHED_FIFO, &priority);
 }
 
 Board::~Board() {
