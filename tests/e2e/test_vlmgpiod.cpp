@@ -5,21 +5,21 @@
 
 #include <arpa/inet.h>
 #include <atomic>
-#include <dirent.h>
-#include <map>
-#include <memory>
-#include <numeric>
-#include <sstream>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <dirent.h>
 #include <fstream>
 #include <functional>
 #include <gtest/gtest.h>
+#include <map>
+#include <memory>
+#include <numeric>
 #include <optional>
 #include <poll.h>
 #include <random>
 #include <regex>
+#include <sstream>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -78,22 +78,20 @@ class Vlmgpiod : public testing::Test {
             kWaitMs);
     }
 
-    void restart(Fault fault, const std::vector<std::string>& options);
+    // Starts the daemon afresh on a new board. The old daemon goes first: a poll of a board
+    // that has gone would read a floating bus and announce every line.
+    void restart(Fault fault, const std::vector<std::string>& options) {
+        daemon.reset();
+        board.reset();
+        board.emplace(path, fault);
+        start(options);
+    }
 
     std::string path = scenarioPath();
     std::optional<GpiPort> gpi;
     std::optional<sdiboard::Board> board;
     std::optional<Daemon> daemon;
 };
-
-// Starts the daemon afresh on a new board. The old daemon goes first: a poll of a board that
-// has gone would read a floating bus and announce every line.
-void Vlmgpiod::restart(Fault fault, const std::vector<std::string>& options) {
-    daemon.reset();
-    board.reset();
-    board.emplace(path, fault);
-    start(options);
-}
 
 TEST_F(Vlmgpiod, gpi_transitions_become_events_in_line_order) {
     board.emplace(path);
