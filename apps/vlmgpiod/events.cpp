@@ -77,8 +77,8 @@ void pollGpi(Application* app) {
     int gpit = Read_SDI_Board_Reg(TAVSDI_GPIT_ADDR);
     int gpi = Read_SDI_Board_Reg(TAVSDI_GPI_ADDR);
     if (gpit != 0) {
-        // Here, before the event datagrams, ctrld.out gets its Sony command about this activity
-        // (sendS9P with gpit and gpi) once start-up opens the device-control handle.
+        // NOT YET BUILT, its place is here, before the event datagrams: sendS9P(app, gpit, gpi),
+        // the Sony command that tells ctrld.out about this activity.
         for (int line = 0; line < kLineCount; ++line) {
             int mask = 1 << line;
             if (gpit & mask)

@@ -114,8 +114,8 @@ void startup(Application* app) {
     // The system reads the any address as no particular interface: the routes choose.
     socketSetSockOpt(app->s_igpi, IPPROTO_IP, IP_MULTICAST_IF, &address, sizeof address);
 
-    // Here the device-control handle is created into zqhdl and connected by datagram to
-    // ctrld.out at "127.0.0.1" port "32896"; a failed connection only warns.
+    // NOT YET BUILT, its place is here: create the device-control handle into zqhdl and
+    // connect it by datagram to ctrld.out at "127.0.0.1" port "32896"; a failure only warns.
 
     detectBoard(app);
 

@@ -12,7 +12,7 @@ struct Application {
     int s_lgpo;    // bound to 127.0.0.1:LOOP_GPO_PORT; receives GPO requests
     int s_igpi;    // bound to 0.0.0.0:INET_GPI_PORT; network GPI events in, GPO multicast out
     int gpi;       // the board's GPI register at the previous poll (low 8 bits)
-    s_zqhandler* zqhdl; // not opened yet: stays null
+    s_zqhandler* zqhdl; // the handle to ctrld.out; not opened yet, stays null
     int haveSdi;   // the SDI board was detected at start-up
 };
 

@@ -13,6 +13,7 @@
 #include <poll.h>
 #include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -130,6 +131,7 @@ Daemon::Daemon(const std::vector<std::string>& options, const std::string& board
     }
     pid_ = fork();
     if (pid_ == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL); // a test killed on its time-out takes the daemon along
         dup2(outputs[0], 1);
         dup2(outputs[1], 2);
         execve(argv[0], argv.data(), envp.data());
@@ -137,11 +139,11 @@ Daemon::Daemon(const std::vector<std::string>& options, const std::string& board
     }
     close(outputs[0]);
     close(outputs[1]);
-    pidFd_ = static_cast<int>(syscall(SYS_pidfd_open, pid_, 0));
+    pidFd_ = pid_ > 0 ? static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)) : -1;
 }
 
 Daemon::~Daemon() {
-    if (waitExit(0) == -1)
+    if (pid_ > 0 && waitExit(0) == -1) // never kill(-1): that would reach every process
         kill(pid_, SIGKILL);
     waitExit(10000);
     close(pidFd_);

@@ -354,6 +354,12 @@ TEST(VlmgpiodDaemonMode, daemon_is_a_grandchild_without_terminal_appending_to_it
     ASSERT_EQ(enterFreshNetworkNamespace(), "");
     ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0); // the detached daemon comes back to us
     GpiPort gpi;
+    Undo stopDaemon{[] { // whatever happens, no detached daemon outlives the test
+        for (const auto& child : liveChildren())
+            kill(static_cast<pid_t>(child.first), SIGKILL);
+        while (waitpid(-1, nullptr, 0) > 0) {
+        }
+    }};
     Daemon starter({"-dv"}, scenarioPath());
     ASSERT_TRUE(waitServing(starter, gpi, kWaitMs)) << starter.err();
     EXPECT_EQ(starter.waitExit(kWaitMs), 0) << "the starter leaves with status 0";
@@ -362,7 +368,6 @@ TEST(VlmgpiodDaemonMode, daemon_is_a_grandchild_without_terminal_appending_to_it
     auto children = liveChildren();
     ASSERT_EQ(children.size(), 1u);
     const auto& [pid, stat] = *children.begin();
-    Undo stop{[pid = pid] { kill(static_cast<pid_t>(pid), SIGKILL), waitpid(-1, nullptr, 0); }};
     EXPECT_NE(pid, starter.pid());
     EXPECT_NE(stat[2], pid) << "no session leader: it cannot take a terminal";
     EXPECT_NE(stat[2], getsid(0));
