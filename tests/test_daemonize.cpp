@@ -12,7 +12,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+extern "C" const char* __asan_default_options() {
+    return "allocator_may_return_null=1";
+}
 
 namespace {
 
@@ -75,7 +77,8 @@ TEST(Daemonize, nochdir_and_noclose_keep_directory_and_descriptors) {
 }
 
 TEST(Alloc, free_of_null_stops_on_the_assertion) {
-    EXPECT_DEATH(_free(nullptr), "_libc:23: _free: Assertion `ptr != \\(\\(void \\*\\)0\\)' failed");
+    EXPECT_DEATH(_free(nullptr),
+                 "_libc:23: _free: Assertion `ptr != \\(\\(void \\*\\)0\\)' failed");
 }
 
 TEST(Alloc, allocation_failure_ends_the_process_with_its_error_number) {

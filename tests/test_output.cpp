@@ -38,7 +38,8 @@ TEST(Output, long_message_is_cut_at_1023_characters) {
         std::string message(length, 'x');
         std::string text = written(VerbosityLevel0, VerbosityLevel0, message);
         ASSERT_GT(text.size(), 27u) << length;
-        EXPECT_EQ(text.substr(0, 1) + text.substr(25, 2), "[] ") << "[ + ctime's 24 characters + ] ";
+        EXPECT_EQ(text.substr(0, 1) + text.substr(25, 2), "[] ")
+            << "[ + ctime's 24 characters + ] ";
         EXPECT_EQ(text.substr(27), message.substr(0, 1023)) << length;
     }
 }

@@ -78,9 +78,8 @@ TEST(Tavsdi, gpo_requests_update_the_register_image) {
         uint8_t written;
     };
     const Step steps[] = {
-        {{2, 1}, 0x04},   {{255, 0x1F3}, 0xF3}, {{1, 0}, 0xF1}, {{9, 1}, 0xF1},
-        {{-1, 1}, 0xF1},  {{0, 0}, 0xF0},       {{7, -5}, 0xF0}, {{256, 0}, 0xF0},
-        {{255, 0}, 0x00},
+        {{2, 1}, 0x04}, {{255, 0x1F3}, 0xF3}, {{1, 0}, 0xF1},   {{9, 1}, 0xF1},   {{-1, 1}, 0xF1},
+        {{0, 0}, 0xF0}, {{7, -5}, 0xF0},      {{256, 0}, 0xF0}, {{255, 0}, 0x00},
     };
     for (const Step& step : steps) {
         CapturedStderr err;

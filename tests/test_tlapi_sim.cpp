@@ -29,14 +29,17 @@ Bytes readRegister(unsigned char reg) {
 // A board peer the test drives by hand: it sees each frame and answers what and when it is told.
 class HandBoard {
   public:
-    explicit HandBoard(const std::string& path) : fd_(socket(AF_UNIX, SOCK_DGRAM, 0)) {
+    explicit HandBoard(const std::string& path) : path_(path), fd_(socket(AF_UNIX, SOCK_DGRAM, 0)) {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         path.copy(address.sun_path, sizeof address.sun_path - 1);
         unlink(path.c_str());
         EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     }
-    ~HandBoard() { close(fd_); }
+    ~HandBoard() {
+        close(fd_);
+        unlink(path_.c_str());
+    }
     // Takes the next frame; remembers who sent it.
     std::string takeFrame() {
         unsigned char frame[8];
@@ -51,6 +54,7 @@ class HandBoard {
     }
 
   private:
+    std::string path_;
     int fd_;
     sockaddr_un client_{};
     socklen_t client_length_ = 0;

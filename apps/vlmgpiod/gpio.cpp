@@ -38,4 +38,6 @@ Gpio* gpioCreate(int lines, int status) {
     return gpio;
 }
 
-void gpioDestroy(Gpio* gpio) { _free(gpio); }
+void gpioDestroy(Gpio* gpio) {
+    _free(gpio);
+}

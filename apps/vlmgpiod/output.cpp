@@ -14,7 +14,9 @@ OutputVerbosityLevels _verbosity = VerbosityLevel0;
 
 } // namespace
 
-void outputSetVerbosity(OutputVerbosityLevels level) { _verbosity = level; }
+void outputSetVerbosity(OutputVerbosityLevels level) {
+    _verbosity = level;
+}
 
 void outputWrite(OutputVerbosityLevels level, const char* format, ...) {
     if (static_cast<unsigned>(level) < static_cast<unsigned>(_verbosity))

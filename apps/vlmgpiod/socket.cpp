@@ -55,7 +55,9 @@ void socketSetSockOpt(int fd, int level, int name, const void* value, socklen_t 
         fatal("setsockopt");
 }
 
-void socketShutdown(int fd, int how) { (void)shutdown(fd, how); }
+void socketShutdown(int fd, int how) {
+    (void)shutdown(fd, how);
+}
 
 ssize_t socketRead(int fd, void* buffer, size_t length) {
     return retryInterrupted([&] { return recv(fd, buffer, length, 0); });
@@ -85,6 +87,5 @@ ssize_t socketSendTo(int fd, const void* message, size_t length, int flags, cons
 
 ssize_t socketRecvFrom(int fd, void* buffer, size_t length, int flags, sockaddr* from,
                        socklen_t* fromLength) {
-    return retryInterrupted(
-        [&] { return recvfrom(fd, buffer, length, flags, from, fromLength); });
+    return retryInterrupted([&] { return recvfrom(fd, buffer, length, flags, from, fromLength); });
 }

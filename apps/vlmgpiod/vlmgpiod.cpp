@@ -78,10 +78,17 @@ void init(Application* app, int argc, char** argv) {
     outputSetVerbosity(VerbosityLevel1);
     for (int option; (option = getopt(argc, argv, "dmv")) != -1;) {
         switch (option) {
-        case 'd': app->daemonize = 1; break;
-        case 'm': app->mcastGpo = 1; break;
-        case 'v': outputSetVerbosity(VerbosityLevel0); break;
-        default: usage();
+        case 'd':
+            app->daemonize = 1;
+            break;
+        case 'm':
+            app->mcastGpo = 1;
+            break;
+        case 'v':
+            outputSetVerbosity(VerbosityLevel0);
+            break;
+        default:
+            usage();
         }
     }
 }

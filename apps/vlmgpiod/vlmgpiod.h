@@ -5,15 +5,15 @@ struct s_zqhandler; // the device-control handle to ctrld.out
 
 // The daemon's whole state: one instance, owned by main, passed by address everywhere.
 struct Application {
-    int daemonize; // -d: run as a daemon, output appended to LOG_FILENAME
-    int mcastGpo;  // -m: multicast every GPO request to MCAST_ADDR
-    int maxfd;     // for select: s_igpi + 1 (the network socket is created last)
-    int s_lgpi;    // unbound; sends GPI events to 127.0.0.1:LOOP_GPI_PORT
-    int s_lgpo;    // bound to 127.0.0.1:LOOP_GPO_PORT; receives GPO requests
-    int s_igpi;    // bound to 0.0.0.0:INET_GPI_PORT; network GPI events in, GPO multicast out
-    int gpi;       // the board's GPI register at the previous poll (low 8 bits)
+    int daemonize;      // -d: run as a daemon, output appended to LOG_FILENAME
+    int mcastGpo;       // -m: multicast every GPO request to MCAST_ADDR
+    int maxfd;          // for select: s_igpi + 1 (the network socket is created last)
+    int s_lgpi;         // unbound; sends GPI events to 127.0.0.1:LOOP_GPI_PORT
+    int s_lgpo;         // bound to 127.0.0.1:LOOP_GPO_PORT; receives GPO requests
+    int s_igpi;         // bound to 0.0.0.0:INET_GPI_PORT; network GPI events in, GPO multicast out
+    int gpi;            // the board's GPI register at the previous poll (low 8 bits)
     s_zqhandler* zqhdl; // the handle to ctrld.out; not opened yet, stays null
-    int haveSdi;   // the SDI board was detected at start-up
+    int haveSdi;        // the SDI board was detected at start-up
 };
 
 inline constexpr const char* MCAST_ADDR = "224.1.1.42";

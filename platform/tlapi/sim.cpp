@@ -106,12 +106,18 @@ int transfer(const unsigned char* data, unsigned char* clockedBack, int length) 
 
 } // namespace
 
-extern "C" int SPIInit(void) { return clientSocket() >= 0 ? 0 : -1; }
+extern "C" int SPIInit(void) {
+    return clientSocket() >= 0 ? 0 : -1;
+}
 
-extern "C" int SPIInitMaster(int, int, int, int, int) { return 0; }
+extern "C" int SPIInitMaster(int, int, int, int, int) {
+    return 0;
+}
 
 extern "C" int SPIWrite(int, unsigned char* data, int length) {
     return transfer(data, nullptr, length);
 }
 
-extern "C" int SPIRead(int, unsigned char* data, int length) { return transfer(data, data, length); }
+extern "C" int SPIRead(int, unsigned char* data, int length) {
+    return transfer(data, data, length);
+}

@@ -16,8 +16,8 @@ int SPIInitMaster(int a, int b, int c, int d, int e);
 /* One transfer of `length` bytes on SPI port `port`. SPIWrite sends `data` and discards what the
  * board clocks back; SPIRead sends `data` and stores the bytes clocked back in its place. `data`
  * belongs to the caller and is used only during the call. The daemon ignores the results. */
-int SPIWrite(int port, unsigned char *data, int length);
-int SPIRead(int port, unsigned char *data, int length);
+int SPIWrite(int port, unsigned char* data, int length);
+int SPIRead(int port, unsigned char* data, int length);
 
 #ifdef __cplusplus
 }

@@ -32,7 +32,9 @@ int msLeft(Clock::time_point deadline) {
     return left > 0 ? static_cast<int>(left) : 0;
 }
 
-std::string failure(const std::string& what) { return what + ": " + strerror(errno); }
+std::string failure(const std::string& what) {
+    return what + ": " + strerror(errno);
+}
 
 std::string fileText(const std::string& path) {
     std::ifstream file(path);
@@ -151,8 +153,12 @@ Daemon::~Daemon() {
     unlink(files_[1].c_str());
 }
 
-std::string Daemon::out() const { return fileText(files_[0]); }
-std::string Daemon::err() const { return fileText(files_[1]); }
+std::string Daemon::out() const {
+    return fileText(files_[0]);
+}
+std::string Daemon::err() const {
+    return fileText(files_[1]);
+}
 
 int Daemon::waitExit(int timeoutMs) {
     pollfd ended{pidFd_, POLLIN, 0};
@@ -208,7 +214,9 @@ std::vector<uint8_t> datagram(const Gpio& gpio) {
     return {bytes.begin(), bytes.end()};
 }
 
-std::string event(int lines, int status) { return hex(datagram({lines, status})); }
+std::string event(int lines, int status) {
+    return hex(datagram({lines, status}));
+}
 
 bool waitServing(Daemon& daemon, GpiPort& gpi, int timeoutMs) {
     auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);

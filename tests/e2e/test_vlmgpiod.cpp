@@ -163,8 +163,8 @@ TEST_F(Vlmgpiod, multicast_gpo_requests_reach_the_next_host_and_do_not_come_back
     // keeps it from reaching port 42002 here.
     UdpEndpoint member;
     ip_mreq membership{inet_addr("224.1.1.42"), inet_addr(PeerHost::kOurAddress)};
-    ASSERT_EQ(setsockopt(member.fd(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership),
-              0);
+    ASSERT_EQ(
+        setsockopt(member.fd(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership), 0);
     int receiver = peer.udpSocket(42002, "224.1.1.42"), sender = peer.udpSocket(0);
     Undo closeBoth{[&] { close(receiver), close(sender); }};
     ASSERT_GE(receiver, 0);
@@ -178,8 +178,8 @@ TEST_F(Vlmgpiod, multicast_gpo_requests_reach_the_next_host_and_do_not_come_back
         uint8_t bytes[16];
         sockaddr_in from{};
         socklen_t length = sizeof from;
-        ssize_t n = recvfrom(receiver, bytes, sizeof bytes, 0, reinterpret_cast<sockaddr*>(&from),
-                             &length);
+        ssize_t n =
+            recvfrom(receiver, bytes, sizeof bytes, 0, reinterpret_cast<sockaddr*>(&from), &length);
         EXPECT_EQ(hex({bytes, bytes + std::max<ssize_t>(n, 0)}), "00 00 00 FF 00 00 01 F3");
         EXPECT_STREQ(inet_ntoa(from.sin_addr), PeerHost::kOurAddress);
         EXPECT_EQ(ntohs(from.sin_port), 42002);
@@ -194,8 +194,9 @@ TEST_F(Vlmgpiod, multicast_gpo_requests_reach_the_next_host_and_do_not_come_back
 }
 
 TEST_F(Vlmgpiod, debug_lines_appear_time_stamped_with_v_only) {
-    const std::regex debugLines(R"((\[[A-Z][a-z]{2} [A-Z][a-z]{2} [ 123][0-9] [0-9:]{8} [0-9]{4}\] )"
-                                R"(DEBUG: Raise GPI \(#32343, 0\) to the network\.\n)+)");
+    const std::regex debugLines(
+        R"((\[[A-Z][a-z]{2} [A-Z][a-z]{2} [ 123][0-9] [0-9:]{8} [0-9]{4}\] )"
+        R"(DEBUG: Raise GPI \(#32343, 0\) to the network\.\n)+)");
     start({});
     EXPECT_EQ(daemon->err(), "");
     daemon.reset();
@@ -238,8 +239,8 @@ std::vector<std::string> eventsFromBoard(const std::vector<sdiboard::Transfer>& 
         for (int line = 0, mask = 1; line < 8; ++line, mask <<= 1)
             if (transitions & mask)
                 events.push_back(event(line, (t.value & mask) == (previous & mask) ? 2
-                                             : (t.value & mask)                   ? 1
-                                                                                  : 0));
+                                             : (t.value & mask)                    ? 1
+                                                                                   : 0));
         transitions = 0;
         previous = t.value;
     }
@@ -261,7 +262,8 @@ TEST_F(Vlmgpiod, garbage_floods_lose_no_gpi_change_and_keep_the_cycle) {
             bool network = garbage % 2 == 0;
             bytes[0] = static_cast<uint8_t>(random() | (network ? 0x80 : 0)); // relayed: lines < 0
             sockaddr_in to = loopback_address(network ? 42002 : 42001);
-            sendto(fd, bytes.data(), random() % 1501, 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+            sendto(fd, bytes.data(), random() % 1501, 0, reinterpret_cast<sockaddr*>(&to),
+                   sizeof to);
             if (garbage % 20 == 19)
                 usleep(1000); // leaves the board emulator its share of two cores
         }
@@ -285,7 +287,8 @@ TEST_F(Vlmgpiod, garbage_floods_lose_no_gpi_change_and_keep_the_cycle) {
     const auto transfers = board->transfers();
     const std::vector<std::string> expected = eventsFromBoard(transfers);
     std::vector<std::string> reported;
-    for (std::string next; reported.size() < expected.size() && (next = gpi->next(kWaitMs)) != "nothing";)
+    for (std::string next;
+         reported.size() < expected.size() && (next = gpi->next(kWaitMs)) != "nothing";)
         if (next.compare(0, 9, "00 00 00 ") == 0) // not a relayed flood datagram
             reported.push_back(next);
     auto differ = std::mismatch(reported.begin(), reported.end(), expected.begin(), expected.end());
@@ -300,8 +303,9 @@ TEST_F(Vlmgpiod, garbage_floods_lose_no_gpi_change_and_keep_the_cycle) {
             transfers[i].when < began)
             continue;
         if (last)
-            cycles.push_back(std::chrono::duration<double, std::milli>(transfers[i].when -
-                                                                       transfers[last].when).count());
+            cycles.push_back(
+                std::chrono::duration<double, std::milli>(transfers[i].when - transfers[last].when)
+                    .count());
         last = i;
     }
     ASSERT_FALSE(cycles.empty());
@@ -348,7 +352,7 @@ TEST(VlmgpiodDaemonMode, daemon_is_a_grandchild_without_terminal_appending_to_it
     ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0) << strerror(errno);
     bool madeMountPoint = mkdir("/velmar", 0755) == 0;
     ASSERT_EQ(mount("tmpfs", "/velmar", "tmpfs", 0, "mode=0755"), 0) << strerror(errno);
-    Undo unmount{[&] { umount2("/velmar", MNT_DETACH), madeMountPoint && rmdir("/velmar"); }};
+    Undo unmount{[&] { umount2("/velmar", MNT_DETACH), madeMountPoint&& rmdir("/velmar"); }};
     ASSERT_EQ(mkdir("/velmar/log", 0755), 0);
     std::ofstream("/velmar/log/vlmgpiod.log") << "earlier line\n";
     ASSERT_EQ(enterFreshNetworkNamespace(), "");

@@ -88,20 +88,30 @@ int main(int argc, char** argv) {
     std::string path = sdiboard::defaultSocketPath();
     auto fault = sdiboard::Fault::None;
     bool all = false;
-    const option options[] = {{"socket", required_argument, nullptr, 's'},
-                              {"absent", no_argument, nullptr, 'a'},
-                              {"stuck-scratch", no_argument, nullptr, 'k'},
-                              {"all", no_argument, nullptr, 'A'},
-                              {"help", no_argument, nullptr, 'h'},
-                              {nullptr, 0, nullptr, 0}};
+    const option options[] = {
+        {"socket", required_argument, nullptr, 's'},  {"absent", no_argument, nullptr, 'a'},
+        {"stuck-scratch", no_argument, nullptr, 'k'}, {"all", no_argument, nullptr, 'A'},
+        {"help", no_argument, nullptr, 'h'},          {nullptr, 0, nullptr, 0}};
     for (int option; (option = getopt_long(argc, argv, "s:h", options, nullptr)) != -1;) {
         switch (option) {
-        case 's': path = optarg; break;
-        case 'a': fault = sdiboard::Fault::Absent; break;
-        case 'k': fault = sdiboard::Fault::StuckScratch; break;
-        case 'A': all = true; break;
-        case 'h': fputs(kUsage, stdout); return 0;
-        default: fputs(kUsage, stderr); return 2;
+        case 's':
+            path = optarg;
+            break;
+        case 'a':
+            fault = sdiboard::Fault::Absent;
+            break;
+        case 'k':
+            fault = sdiboard::Fault::StuckScratch;
+            break;
+        case 'A':
+            all = true;
+            break;
+        case 'h':
+            fputs(kUsage, stdout);
+            return 0;
+        default:
+            fputs(kUsage, stderr);
+            return 2;
         }
     }
     try {

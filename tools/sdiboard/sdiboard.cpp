@@ -21,7 +21,9 @@ constexpr uint8_t kFrameStart = 0x42;
 constexpr uint8_t kWriteBit = 0x80;
 constexpr int kFrameSize = 3;
 
-[[noreturn]] void fail(const char* what) { throw std::system_error(errno, std::generic_category(), what); }
+[[noreturn]] void fail(const char* what) {
+    throw std::system_error(errno, std::generic_category(), what);
+}
 
 } // namespace
 

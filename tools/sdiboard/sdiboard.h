@@ -61,7 +61,8 @@ class Board {
     std::vector<Transfer> transfers() const;
     // Waits until `done(transfers)` holds, at most `timeoutMs` (0: checks once); whether it held.
     // `done` runs with the board's lock held: it must not call the board.
-    bool waitFor(const std::function<bool(const std::vector<Transfer>&)>& done, int timeoutMs) const;
+    bool waitFor(const std::function<bool(const std::vector<Transfer>&)>& done,
+                 int timeoutMs) const;
     // Called on the serving thread after each write the board takes; for watching it live.
     void onWrite(std::function<void(const Transfer&)> watcher);
 
