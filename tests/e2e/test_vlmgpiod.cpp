@@ -1,0 +1,390 @@
+// vlmgpiod.out as a process: each scenario in a network namespace of its own, with the emulated
+// board in-process on a socket path of its own.
+#include "harness.h"
+#include "sdiboard.h"
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <dirent.h>
+#include <fstream>
+#include <functional>
+#include <gtest/gtest.h>
+#include <map>
+#include <memory>
+#include <numeric>
+#include <optional>
+#include <poll.h>
+#include <random>
+#include <regex>
+#include <sstream>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using namespace e2e;
+using sdiboard::Fault;
+using Clock = std::chrono::steady_clock;
+
+constexpr int kWaitMs = 10000; // generous: other builds share the machine
+const char* const kNotDetected = "Failure to detect tavsdi board - features deactivated\n";
+
+std::string scenarioPath() {
+    return std::string("/tmp/vlm-e2e-") + std::to_string(getpid()) + "-" +
+           testing::UnitTest::GetInstance()->current_test_info()->name() + ".sock";
+}
+
+size_t count(const std::vector<sdiboard::Transfer>& transfers, bool write, uint8_t reg) {
+    return std::count_if(transfers.begin(), transfers.end(),
+                         [&](const auto& t) { return t.write == write && t.reg == reg; });
+}
+
+// Runs `undo` when the scope ends, however it ends.
+struct Undo {
+    std::function<void()> undo;
+    ~Undo() { undo(); }
+};
+
+class Vlmgpiod : public testing::Test {
+  protected:
+    void SetUp() override {
+        if (geteuid() != 0)
+            GTEST_SKIP() << "needs root: the daemon runs in a network namespace of its own";
+        ASSERT_EQ(enterFreshNetworkNamespace(), "");
+        gpi.emplace();
+    }
+
+    // Starts the daemon and waits until it serves its sockets.
+    void start(const std::vector<std::string>& options) {
+        daemon.emplace(options, path);
+        ASSERT_TRUE(waitServing(*daemon, *gpi, kWaitMs)) << daemon->out() << daemon->err();
+    }
+
+    // Waits until the board saw `polls` more polls, or `writes` GPO writes in all.
+    bool boardSaw(size_t polls, size_t writes = 0) {
+        size_t before = count(board->transfers(), false, sdiboard::kTransitionRegister);
+        return board->waitFor(
+            [&](const auto& t) {
+                return count(t, false, sdiboard::kTransitionRegister) >= before + polls &&
+                       count(t, true, sdiboard::kGpoRegister) >= writes;
+            },
+            kWaitMs);
+    }
+
+    // Starts the daemon afresh on a new board. The old daemon goes first: a poll of a board
+    // that has gone would read a floating bus and announce every line.
+    void restart(Fault fault, const std::vector<std::string>& options) {
+        daemon.reset();
+        board.reset();
+        board.emplace(path, fault);
+        start(options);
+    }
+
+    std::string path = scenarioPath();
+    std::optional<GpiPort> gpi;
+    std::optional<sdiboard::Board> board;
+    std::optional<Daemon> daemon;
+};
+
+TEST_F(Vlmgpiod, gpi_transitions_become_events_in_line_order) {
+    board.emplace(path);
+    board->setGpi(0x05); // latched before start-up: the first poll reports it
+    start({});
+    struct Step {
+        std::function<void()> drive;
+        std::vector<std::string> events;
+    } const steps[] = {
+        {[] {}, {event(0, 1), event(2, 1)}},
+        {[&] { board->pulse(3); }, {event(3, 2)}},
+        {[&] { board->setGpi(0x01); }, {event(2, 0)}},
+    };
+    for (const Step& step : steps) {
+        step.drive();
+        for (const std::string& expected : step.events)
+            EXPECT_EQ(gpi->next(kWaitMs), expected);
+    }
+    ASSERT_TRUE(boardSaw(3));
+    EXPECT_EQ(gpi->next(0), "nothing") << "no transition, no datagram";
+}
+
+TEST_F(Vlmgpiod, gpo_requests_of_eight_bytes_or_more_are_written) {
+    board.emplace(path);
+    start({});
+    std::vector<uint8_t> twelve = datagram({7, 0});
+    twelve.insert(twelve.end(), {0xDE, 0xAD, 0xBE, 0xEF});
+    struct Step {
+        std::vector<uint8_t> bytes;
+        size_t writes;
+        uint8_t value;
+    } const steps[] = {
+        {datagram({2, 1}), 1, 0x04}, {datagram({255, 0x1F3}), 2, 0xF3}, {datagram({1, 0}), 3, 0xF1},
+        {datagram({9, 1}), 4, 0xF1}, {{0, 0, 0, 0, 0, 0, 0}, 4, 0xF1},  {twelve, 5, 0x71},
+    };
+    for (const Step& step : steps) {
+        sendLocal(42001, step.bytes);
+        if (step.bytes.size() < 8)
+            continue; // changes nothing: the next request shows it
+        ASSERT_TRUE(boardSaw(0, step.writes)) << hex(step.bytes);
+        EXPECT_EQ(count(board->transfers(), true, sdiboard::kGpoRegister), step.writes);
+        EXPECT_EQ(board->registerValue(sdiboard::kGpoRegister), step.value) << hex(step.bytes);
+    }
+}
+
+TEST_F(Vlmgpiod, without_a_working_board_the_daemon_reports_it_and_runs_on) {
+    struct Case {
+        Fault fault;
+        const char* message;
+    } const cases[] = {
+        {Fault::Absent, kNotDetected},
+        {Fault::StuckScratch, " [ERROR] Failure to detect tavsdi board - features deactivated\n"},
+    };
+    for (const Case& c : cases) {
+        restart(c.fault, {});
+        EXPECT_EQ(daemon->out(), c.message) << "on standard output at once";
+        sendLocal(42001, datagram({2, 1}));
+        sendLocal(42002, {0xDE, 0xAD, 0xBE, 0xEF, 1, 2, 3, 4}); // served after the request
+        EXPECT_EQ(gpi->next(kWaitMs), "DE AD BE EF 01 02 03 04") << "relayed unchanged";
+        EXPECT_EQ(count(board->transfers(), true, sdiboard::kGpoRegister), 0u);
+        EXPECT_EQ(count(board->transfers(), false, sdiboard::kTransitionRegister), 0u);
+    }
+}
+
+TEST_F(Vlmgpiod, multicast_gpo_requests_reach_the_next_host_and_do_not_come_back) {
+    PeerHost peer;
+    ASSERT_EQ(peer.error(), "");
+    // Our host joins the group too: only the daemon's choice not to loop its multicast back
+    // keeps it from reaching port 42002 here.
+    UdpEndpoint member;
+    ip_mreq membership{inet_addr("224.1.1.42"), inet_addr(PeerHost::kOurAddress)};
+    ASSERT_EQ(
+        setsockopt(member.fd(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership), 0);
+    int receiver = peer.udpSocket(42002, "224.1.1.42"), sender = peer.udpSocket(0);
+    Undo closeBoth{[&] { close(receiver), close(sender); }};
+    ASSERT_GE(receiver, 0);
+    sockaddr_in daemonHost = loopback_address(42002);
+    daemonHost.sin_addr.s_addr = inet_addr(PeerHost::kOurAddress);
+    for (Fault fault : {Fault::None, Fault::Absent}) {
+        restart(fault, {"-m"});
+        sendLocal(42001, datagram({255, 0x1F3}));
+        pollfd ready{receiver, POLLIN, 0};
+        ASSERT_EQ(poll(&ready, 1, kWaitMs), 1);
+        uint8_t bytes[16];
+        sockaddr_in from{};
+        socklen_t length = sizeof from;
+        ssize_t n =
+            recvfrom(receiver, bytes, sizeof bytes, 0, reinterpret_cast<sockaddr*>(&from), &length);
+        EXPECT_EQ(hex({bytes, bytes + std::max<ssize_t>(n, 0)}), "00 00 00 FF 00 00 01 F3");
+        EXPECT_STREQ(inet_ntoa(from.sin_addr), PeerHost::kOurAddress);
+        EXPECT_EQ(ntohs(from.sin_port), 42002);
+        EXPECT_EQ(board->registerValue(sdiboard::kGpoRegister), fault == Fault::None ? 0xF3 : 0);
+        // An event from the next host is relayed; our own multicast never came back as one.
+        std::vector<uint8_t> remote = datagram({5, 0});
+        sendto(sender, remote.data(), remote.size(), 0, reinterpret_cast<sockaddr*>(&daemonHost),
+               sizeof daemonHost);
+        EXPECT_EQ(gpi->next(kWaitMs), hex(remote));
+        EXPECT_EQ(gpi->next(300), "nothing");
+    }
+}
+
+TEST_F(Vlmgpiod, debug_lines_appear_time_stamped_with_v_only) {
+    const std::regex debugLines(
+        R"((\[[A-Z][a-z]{2} [A-Z][a-z]{2} [ 123][0-9] [0-9:]{8} [0-9]{4}\] )"
+        R"(DEBUG: Raise GPI \(#32343, 0\) to the network\.\n)+)");
+    start({});
+    EXPECT_EQ(daemon->err(), "");
+    daemon.reset();
+    start({"-v"});
+    EXPECT_TRUE(std::regex_match(daemon->err(), debugLines)) << daemon->err();
+}
+
+TEST_F(Vlmgpiod, port_in_use_ends_the_daemon_with_the_bind_error) {
+    UdpEndpoint taken(42001);
+    Daemon process({}, path);
+    int status = process.waitExit(kWaitMs);
+    ASSERT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), EADDRINUSE);
+    EXPECT_EQ(process.err(), "bind: Address already in use\n");
+}
+
+TEST(VlmgpiodOptions, unknown_option_prints_the_usage_and_exits_with_zero) {
+    Daemon process({"-x"}, scenarioPath());
+    int status = process.waitExit(kWaitMs);
+    ASSERT_TRUE(WIFEXITED(status)) << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(process.out(), "USAGE: vlmgpiod.out [OPTIONS]\n"
+                             "       -v: verbose output\n"
+                             "       -d: daemonize the application\n"
+                             "       -m: multicast GPO events over network (through multicast "
+                             "address 224.1.1.42)\n");
+    EXPECT_EQ(process.err(), Daemon::path() + ": invalid option -- 'x'\n");
+}
+
+// The events a board's answers call for: each poll's transition read, then its level read,
+// against the levels of the poll before (the first from the read at start-up).
+std::vector<std::string> eventsFromBoard(const std::vector<sdiboard::Transfer>& transfers) {
+    std::vector<std::string> events;
+    int previous = 0, transitions = 0;
+    for (const auto& t : transfers) {
+        if (!t.write && t.reg == sdiboard::kTransitionRegister)
+            transitions = t.value;
+        if (t.write || t.reg != sdiboard::kGpiRegister)
+            continue;
+        for (int line = 0, mask = 1; line < 8; ++line, mask <<= 1)
+            if (transitions & mask)
+                events.push_back(event(line, (t.value & mask) == (previous & mask) ? 2
+                                             : (t.value & mask)                    ? 1
+                                                                                   : 0));
+        transitions = 0;
+        previous = t.value;
+    }
+    return events;
+}
+
+TEST_F(Vlmgpiod, garbage_floods_lose_no_gpi_change_and_keep_the_cycle) {
+    board.emplace(path);
+    start({});
+    std::atomic<bool> stop{false};
+    std::atomic<long> garbage{0};
+    std::thread flood([&] {
+        std::mt19937 random(42);
+        std::vector<uint8_t> bytes(1500);
+        for (auto& byte : bytes)
+            byte = static_cast<uint8_t>(random());
+        int fd = socket(AF_INET, SOCK_DGRAM, 0);
+        for (; !stop; ++garbage) {
+            bool network = garbage % 2 == 0;
+            bytes[0] = static_cast<uint8_t>(random() | (network ? 0x80 : 0)); // relayed: lines < 0
+            sockaddr_in to = loopback_address(network ? 42002 : 42001);
+            sendto(fd, bytes.data(), random() % 1501, 0, reinterpret_cast<sockaddr*>(&to),
+                   sizeof to);
+            if (garbage % 20 == 19)
+                usleep(1000); // leaves the board emulator its share of two cores
+        }
+        close(fd);
+    });
+    const auto began = Clock::now();
+    std::mt19937 random(7);
+    int changes = 0;
+    for (uint8_t levels = 0; Clock::now() - began < std::chrono::seconds(3); ++changes) {
+        if (changes % 4 == 3)
+            board->pulse(static_cast<int>(random() % 8));
+        else
+            board->setGpi(levels ^= static_cast<uint8_t>(1 + random() % 255));
+        std::this_thread::sleep_for(std::chrono::milliseconds(5 + random() % 40)); // the pace
+    }
+    stop = true;
+    flood.join();
+    const double seconds = std::chrono::duration<double>(Clock::now() - began).count();
+    ASSERT_TRUE(boardSaw(2)) << "every change latched has been read";
+
+    const auto transfers = board->transfers();
+    const std::vector<std::string> expected = eventsFromBoard(transfers);
+    std::vector<std::string> reported;
+    for (std::string next;
+         reported.size() < expected.size() && (next = gpi->next(kWaitMs)) != "nothing";)
+        if (next.compare(0, 9, "00 00 00 ") == 0) // not a relayed flood datagram
+            reported.push_back(next);
+    auto differ = std::mismatch(reported.begin(), reported.end(), expected.begin(), expected.end());
+    EXPECT_EQ(reported, expected) << "first difference at event " << differ.first - reported.begin()
+                                  << " of " << expected.size() << ", " << reported.size()
+                                  << " reported";
+    EXPECT_GE(expected.size(), static_cast<size_t>(changes)) << "each change flags a line";
+
+    std::vector<double> cycles; // between two polls, in ms
+    for (size_t i = 0, last = 0; i < transfers.size(); ++i) {
+        if (transfers[i].write || transfers[i].reg != sdiboard::kTransitionRegister ||
+            transfers[i].when < began)
+            continue;
+        if (last)
+            cycles.push_back(
+                std::chrono::duration<double, std::milli>(transfers[i].when - transfers[last].when)
+                    .count());
+        last = i;
+    }
+    ASSERT_FALSE(cycles.empty());
+    double longest = *std::max_element(cycles.begin(), cycles.end());
+    EXPECT_LT(longest, 1000.0) << "the loop keeps polling";
+    EXPECT_TRUE(waitServing(*daemon, *gpi, kWaitMs)) << "and keeps serving";
+    printf("flood: %ld garbage datagrams in %.1f s (%.0f/s); %d GPI changes, %zu events, all "
+           "reported; %zu polls, cycle mean %.2f ms, longest %.1f ms\n",
+           garbage.load(), seconds, static_cast<double>(garbage) / seconds, changes,
+           expected.size(), cycles.size() + 1,
+           std::accumulate(cycles.begin(), cycles.end(), 0.0) / static_cast<double>(cycles.size()),
+           longest);
+}
+
+std::string linkTarget(const std::string& path) {
+    char target[256];
+    ssize_t n = readlink(path.c_str(), target, sizeof target);
+    return std::string(target, n > 0 ? static_cast<size_t>(n) : 0);
+}
+
+// The running children of this process: pid -> "state parent group session terminal".
+std::map<long, std::vector<long>> liveChildren() {
+    std::map<long, std::vector<long>> children;
+    std::unique_ptr<DIR, int (*)(DIR*)> proc(opendir("/proc"), closedir);
+    while (dirent* entry = readdir(proc.get())) {
+        std::ifstream stat(std::string("/proc/") + entry->d_name + "/stat");
+        std::string line;
+        std::getline(stat, line);
+        std::istringstream fields(line.substr(std::min(line.size(), line.rfind(')') + 2)));
+        char state = 'Z';
+        std::vector<long> numbers(4);
+        fields >> state >> numbers[0] >> numbers[1] >> numbers[2] >> numbers[3];
+        if (atol(entry->d_name) > 0 && state != 'Z' && numbers[0] == getpid())
+            children[atol(entry->d_name)] = numbers;
+    }
+    return children;
+}
+
+TEST(VlmgpiodDaemonMode, daemon_is_a_grandchild_without_terminal_appending_to_its_log) {
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root: private mount and network namespaces";
+    // A private /velmar/log: of the machine's, only an empty mount point may be made.
+    ASSERT_EQ(unshare(CLONE_NEWNS), 0) << strerror(errno);
+    ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0) << strerror(errno);
+    bool madeMountPoint = mkdir("/velmar", 0755) == 0;
+    ASSERT_EQ(mount("tmpfs", "/velmar", "tmpfs", 0, "mode=0755"), 0) << strerror(errno);
+    Undo unmount{[&] { umount2("/velmar", MNT_DETACH), madeMountPoint&& rmdir("/velmar"); }};
+    ASSERT_EQ(mkdir("/velmar/log", 0755), 0);
+    std::ofstream("/velmar/log/vlmgpiod.log") << "earlier line\n";
+    ASSERT_EQ(enterFreshNetworkNamespace(), "");
+    ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0); // the detached daemon comes back to us
+    GpiPort gpi;
+    Undo stopDaemon{[] { // whatever happens, no detached daemon outlives the test
+        for (const auto& child : liveChildren())
+            kill(static_cast<pid_t>(child.first), SIGKILL);
+        while (waitpid(-1, nullptr, 0) > 0) {
+        }
+    }};
+    Daemon starter({"-dv"}, scenarioPath());
+    ASSERT_TRUE(waitServing(starter, gpi, kWaitMs)) << starter.err();
+    EXPECT_EQ(starter.waitExit(kWaitMs), 0) << "the starter leaves with status 0";
+    EXPECT_EQ(starter.out(), kNotDetected) << "written before detaching, at once";
+
+    auto children = liveChildren();
+    ASSERT_EQ(children.size(), 1u);
+    const auto& [pid, stat] = *children.begin();
+    EXPECT_NE(pid, starter.pid());
+    EXPECT_NE(stat[2], pid) << "no session leader: it cannot take a terminal";
+    EXPECT_NE(stat[2], getsid(0));
+    EXPECT_EQ(stat[3], 0) << "no controlling terminal";
+    const std::string proc = "/proc/" + std::to_string(pid);
+    EXPECT_EQ(linkTarget(proc + "/cwd"), "/");
+    EXPECT_EQ(linkTarget(proc + "/fd/0"), "/dev/null");
+    EXPECT_EQ(linkTarget(proc + "/fd/1"), "/velmar/log/vlmgpiod.log");
+    EXPECT_EQ(linkTarget(proc + "/fd/2"), "/velmar/log/vlmgpiod.log");
+    std::ifstream file("/velmar/log/vlmgpiod.log");
+    std::string log(std::istreambuf_iterator<char>(file), {});
+    EXPECT_EQ(log.rfind("earlier line\n[", 0), 0u) << log;
+    EXPECT_NE(log.find("] DEBUG: Raise GPI (#32343, 0) to the network.\n"), std::string::npos);
+}
+
+} // namespace

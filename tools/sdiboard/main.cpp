@@ -1,0 +1,129 @@
+// sdiboard: an emulated SDI board for people: drive its GPI lines from the keyboard and watch the
+// GPO register change as the daemon writes it.
+#include "sdiboard.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <getopt.h>
+#include <iostream>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <system_error>
+
+namespace {
+
+const char* const kUsage =
+    "usage: sdiboard [-s PATH] [--absent | --stuck-scratch] [--all]\n"
+    "  -s, --socket PATH   socket the daemon's SPI transfers reach (default: $TLAPI_SIM_SOCKET,\n"
+    "                      else /tmp/sdiboard.sock)\n"
+    "      --absent        play a board that never answers\n"
+    "      --stuck-scratch play a board whose register 7 sticks at 0x42 once written\n"
+    "      --all           print every register write, not only the GPO register\n"
+    "Commands, one per line on standard input:\n"
+    "  gpi HEX     drive the eight GPI lines (bit n = line n), e.g. gpi 05\n"
+    "  pulse N     raise and drop GPI line N (0-7) before the next poll\n"
+    "  show        print the GPI and GPO registers\n"
+    "  quit        stop (end of input does the same)\n";
+
+std::mutex printing;
+
+std::string bits(uint8_t value) {
+    std::string text;
+    for (int line = 7; line >= 0; --line)
+        text += (value >> line & 1) ? '1' : '0';
+    return text;
+}
+
+void printWrite(const sdiboard::Transfer& write, bool all) {
+    std::lock_guard lock(printing);
+    if (write.reg == sdiboard::kGpoRegister)
+        printf("GPO <- 0x%02X  lines 7..0: %s\n", write.value, bits(write.value).c_str());
+    else if (all)
+        printf("register 0x%02X <- 0x%02X\n", write.reg, write.value);
+    fflush(stdout);
+}
+
+bool parseNumber(std::istringstream& words, int base, int low, int high, int* value) {
+    std::string word;
+    if (!(words >> word))
+        return false;
+    char* end = nullptr;
+    long number = strtol(word.c_str(), &end, base);
+    if (*end != '\0' || number < low || number > high)
+        return false;
+    *value = static_cast<int>(number);
+    return true;
+}
+
+// Runs one command line; false on "quit".
+bool command(sdiboard::Board& board, const std::string& line) {
+    std::istringstream words(line);
+    std::string verb;
+    int value = 0;
+    if (!(words >> verb))
+        return true;
+    std::lock_guard lock(printing);
+    if (verb == "quit")
+        return false;
+    if (verb == "gpi" && parseNumber(words, 16, 0, 0xFF, &value)) {
+        board.setGpi(static_cast<uint8_t>(value));
+    } else if (verb == "pulse" && parseNumber(words, 10, 0, 7, &value)) {
+        board.pulse(value);
+    } else if (verb == "show") {
+        printf("GPI 0x%02X (as the last poll saw it)  GPO 0x%02X\n",
+               board.registerValue(sdiboard::kGpiRegister),
+               board.registerValue(sdiboard::kGpoRegister));
+    } else {
+        printf("? %s  (gpi HEX, pulse 0-7, show, quit)\n", line.c_str());
+    }
+    fflush(stdout);
+    return true;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    std::string path = sdiboard::defaultSocketPath();
+    auto fault = sdiboard::Fault::None;
+    bool all = false;
+    const option options[] = {
+        {"socket", required_argument, nullptr, 's'},  {"absent", no_argument, nullptr, 'a'},
+        {"stuck-scratch", no_argument, nullptr, 'k'}, {"all", no_argument, nullptr, 'A'},
+        {"help", no_argument, nullptr, 'h'},          {nullptr, 0, nullptr, 0}};
+    for (int option; (option = getopt_long(argc, argv, "s:h", options, nullptr)) != -1;) {
+        switch (option) {
+        case 's':
+            path = optarg;
+            break;
+        case 'a':
+            fault = sdiboard::Fault::Absent;
+            break;
+        case 'k':
+            fault = sdiboard::Fault::StuckScratch;
+            break;
+        case 'A':
+            all = true;
+            break;
+        case 'h':
+            fputs(kUsage, stdout);
+            return 0;
+        default:
+            fputs(kUsage, stderr);
+            return 2;
+        }
+    }
+    try {
+        sdiboard::Board board(path, fault);
+        board.onWrite([all](const sdiboard::Transfer& write) { printWrite(write, all); });
+        printf("SDI board emulator on %s; type gpi HEX, pulse N, show or quit\n", path.c_str());
+        fflush(stdout);
+        for (std::string line; std::getline(std::cin, line) && command(board, line);) {
+        }
+    } catch (const std::system_error& error) {
+        fprintf(stderr, "sdiboard: %s\n", error.what());
+        return 1;
+    }
+    return 0;
+}

@@ -1,0 +1,90 @@
+// An emulated SDI board: serves the SPI transfers of the tlapi sim on a Unix datagram socket from a
+// thread of its own, holds the board's registers and records every transfer it answers.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace sdiboard {
+
+constexpr uint8_t kGpiRegister = 0x30;
+constexpr uint8_t kGpoRegister = 0x31;
+constexpr uint8_t kTransitionRegister = 0x32;
+constexpr uint8_t kScratchRegister = 0x07;
+
+// How the board misbehaves, to exercise the daemon's board detection.
+enum class Fault {
+    None,
+    Absent,       // receives transfers but never answers: the client reads a floating bus
+    StuckScratch, // register 7 keeps 0x42 for ever once 0x42 has been written to it
+};
+
+// One register access as the board served it; `value` is what was written or what was read.
+struct Transfer {
+    bool write;
+    uint8_t reg;
+    uint8_t value;
+    std::chrono::steady_clock::time_point when;
+};
+
+// The socket path the tlapi sim uses: $TLAPI_SIM_SOCKET, else /tmp/sdiboard.sock.
+std::string defaultSocketPath();
+
+class Board {
+  public:
+    // Binds `path` (a socket file left there before is replaced) and starts serving.
+    // Throws std::system_error when the socket cannot be set up.
+    explicit Board(std::string path, Fault fault = Fault::None);
+    // Stops serving and removes the socket file.
+    ~Board();
+    Board(const Board&) = delete;
+    Board& operator=(const Board&) = delete;
+
+    const std::string& path() const { return path_; }
+
+    // Drives the GPI inputs. Like the real latch, a change is seen at the next read of the
+    // transition register: that read applies it, so both reads of one poll see the same inputs.
+    void setGpi(uint8_t levels);
+    // Raises and drops `line` (0 to 7) before the next read of the transition register.
+    void pulse(int line);
+
+    uint8_t registerValue(uint8_t reg) const;
+    void setRegister(uint8_t reg, uint8_t value);
+
+    // Every transfer answered so far, oldest first.
+    std::vector<Transfer> transfers() const;
+    // Waits until `done(transfers)` holds, at most `timeoutMs` (0: checks once); whether it held.
+    // `done` runs with the board's lock held: it must not call the board.
+    bool waitFor(const std::function<bool(const std::vector<Transfer>&)>& done,
+                 int timeoutMs) const;
+    // Called on the serving thread after each write the board takes; for watching it live.
+    void onWrite(std::function<void(const Transfer&)> watcher);
+
+  private:
+    void serve();
+    bool answer(const uint8_t* frame, long size, uint8_t* reply);
+    uint8_t read(uint8_t reg);
+    void write(uint8_t reg, uint8_t value);
+
+    std::string path_;
+    Fault fault_;
+    int fd_ = -1;
+    int wake_[2] = {-1, -1};
+    mutable std::mutex mutex_;
+    mutable std::condition_variable changed_;
+    uint8_t registers_[128] = {};
+    uint8_t pendingLevels_ = 0;
+    uint8_t pendingTransitions_ = 0;
+    bool scratchStuck_ = false;
+    std::vector<Transfer> transfers_;
+    std::function<void(const Transfer&)> watcher_;
+    std::thread thread_;
+};
+
+} // namespace sdiboard
