@@ -1,6 +1,7 @@
 // GPI and GPO events: what the board and the datagrams say to each other.
 #include "events.h"
 
+#include "bridge.h"
 #include "output.h"
 #include "socket.h"
 #include "tavsdi.h"
@@ -77,8 +78,7 @@ void pollGpi(Application* app) {
     int gpit = Read_SDI_Board_Reg(TAVSDI_GPIT_ADDR);
     int gpi = Read_SDI_Board_Reg(TAVSDI_GPI_ADDR);
     if (gpit != 0) {
-        // NOT YET BUILT, its place is here, before the event datagrams: sendS9P(app, gpit, gpi),
-        // the Sony command that tells ctrld.out about this activity.
+        sendS9P(app, gpit, gpi); // ctrld.out hears of it before the event datagrams go out
         for (int line = 0; line < kLineCount; ++line) {
             int mask = 1 << line;
             if (gpit & mask)

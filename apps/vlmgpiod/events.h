@@ -16,7 +16,8 @@ void setSdiGPO(const Gpio& gpio);
 // Detects the board (sets haveSdi) and, when it is there, reads its GPI levels into gpi. The
 // transition register is left alone, so what it latched is reported by the first poll.
 void detectBoard(Application* app);
-// Reads transitions then levels and sends one GPI event per flagged line, lines in rising order.
+// Reads transitions then levels; on any transition tells ctrld.out (sendS9P), then sends one GPI
+// event per flagged line, lines in rising order.
 void pollGpi(Application* app);
 // One GPO request from a local program: to the board (if present), to the network with -m.
 void handleGpoRequest(const Application* app, const Gpio& request);

@@ -1,6 +1,7 @@
 // The daemon's spine: options, start-up in its fixed order, and the endless loop.
 #include "vlmgpiod.h"
 
+#include "bridge.h"
 #include "daemonize.h"
 #include "events.h"
 #include "output.h"
@@ -121,8 +122,7 @@ void startup(Application* app) {
     // The system reads the any address as no particular interface: the routes choose.
     socketSetSockOpt(app->s_igpi, IPPROTO_IP, IP_MULTICAST_IF, &address, sizeof address);
 
-    // NOT YET BUILT, its place is here: create the device-control handle into zqhdl and
-    // connect it by datagram to ctrld.out at "127.0.0.1" port "32896"; a failure only warns.
+    openCtrldHandle(app);
 
     detectBoard(app);
 

@@ -1,5 +1,6 @@
 // vlmgpiod.out as a process: each scenario in a network namespace of its own, with the emulated
 // board in-process on a socket path of its own.
+#include "devsim.h"
 #include "harness.h"
 #include "sdiboard.h"
 
@@ -31,6 +32,7 @@ namespace {
 
 using namespace e2e;
 using sdiboard::Fault;
+using Bytes = std::vector<uint8_t>;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kWaitMs = 10000; // generous: other builds share the machine
@@ -135,6 +137,83 @@ TEST_F(Vlmgpiod, gpo_requests_of_eight_bytes_or_more_are_written) {
         EXPECT_EQ(count(board->transfers(), true, sdiboard::kGpoRegister), step.writes);
         EXPECT_EQ(board->registerValue(sdiboard::kGpoRegister), step.value) << hex(step.bytes);
     }
+}
+
+// ctrld.out as the video server emulator, on its own port in the scenario's namespace.
+struct Ctrld : devsim::DevSim {
+    Ctrld() {
+        listen_udp("127.0.0.1", 32896);
+        start();
+    }
+    std::vector<std::string> frames() const {
+        std::vector<std::string> wires;
+        for (const auto& message : received())
+            wires.push_back(devsim::hex(message.wire));
+        return wires;
+    }
+};
+
+TEST_F(Vlmgpiod, gpi_activity_reaches_ctrld_before_its_events) {
+    Ctrld ctrld;
+    board.emplace(path);
+    board->setGpi(0x08);
+    start({});
+    EXPECT_EQ(gpi->next(kWaitMs), event(3, 1));
+    board->setGpi(0x0C);
+    EXPECT_EQ(gpi->next(kWaitMs), event(2, 1));
+    // The daemon sent the event only after ctrld.out answered: the command is already there.
+    EXPECT_EQ(ctrld.frames(), (std::vector<std::string>{
+                                  "00 01 00 06 00 00 00 00 00 00 43 BF F0 08 08 02",
+                                  "00 01 00 06 00 00 00 00 00 00 43 BF F0 04 0C 02"}));
+    ASSERT_TRUE(boardSaw(2));
+    EXPECT_EQ(ctrld.received().size(), 2u) << "no transition, no command";
+}
+
+TEST_F(Vlmgpiod, without_ctrld_each_active_cycle_warns_and_its_events_follow_the_time_out) {
+    board.emplace(path);
+    start({"-v"});
+    std::vector<double> lateness; // from the poll's level read to the event, in ms
+    for (int line = 0; line < 5; ++line) {
+        board->setGpi(static_cast<uint8_t>((2 << line) - 1));
+        ASSERT_EQ(gpi->next(kWaitMs), event(line, 1));
+        auto arrived = Clock::now();
+        auto transfers = board->transfers();
+        auto poll = std::find_if(transfers.rbegin(), transfers.rend(), [](const auto& t) {
+            return !t.write && t.reg == sdiboard::kGpiRegister;
+        });
+        ASSERT_NE(poll, transfers.rend());
+        lateness.push_back(std::chrono::duration<double, std::milli>(arrived - poll->when).count());
+    }
+    for (double ms : lateness) {
+        EXPECT_GE(ms, 59.0) << "held up by the handle's 60 ms time-out";
+        EXPECT_LT(ms, 1000.0);
+    }
+    const std::regex warning(R"(program\.\[)"); // no newline: the next line runs on
+    std::string err = daemon->err();
+    EXPECT_EQ(std::distance(std::sregex_iterator(err.begin(), err.end(), warning), {}), 5) << err;
+    EXPECT_EQ(err.find("WARNING: Failed to connect"), std::string::npos);
+    printf("without ctrld.out: events %.0f to %.0f ms after their poll\n",
+           *std::min_element(lateness.begin(), lateness.end()),
+           *std::max_element(lateness.begin(), lateness.end()));
+}
+
+TEST_F(Vlmgpiod, misbehaving_ctrld_never_stops_the_loop_nor_costs_an_event) {
+    using devsim::Reply;
+    Ctrld ctrld;
+    Reply oversized = Reply::bytes({0, 1, 0, 0xFF, 0, 0, 0, 0, 0, 0, 0x10, 0x01, 0x11});
+    const Reply replies[] = {Reply::nak(0x04), Reply::late(150), Reply::bytes(Bytes(40, 0xA5)),
+                             oversized, Reply::bytes(Bytes(12, 0)), Reply::silence(), Reply::ack()};
+    for (const Reply& reply : replies)
+        ctrld.script(reply);
+    board.emplace(path);
+    start({});
+    uint8_t levels = 0;
+    for (int line = 0; line < static_cast<int>(std::size(replies)); ++line) {
+        board->setGpi(levels ^= static_cast<uint8_t>(1 << line));
+        EXPECT_EQ(gpi->next(kWaitMs), event(line, 1));
+    }
+    EXPECT_EQ(ctrld.received().size(), std::size(replies)) << "one command per active cycle";
+    EXPECT_TRUE(waitServing(*daemon, *gpi, kWaitMs));
 }
 
 TEST_F(Vlmgpiod, without_a_working_board_the_daemon_reports_it_and_runs_on) {
