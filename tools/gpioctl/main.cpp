@@ -1,0 +1,105 @@
+// gpioctl: watch the daemon's GPI events and send it GPO requests, as local programs do.
+#include "gpio.h"
+
+#include <arpa/inet.h>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <netinet/in.h>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr uint16_t kGpiPort = 42000;
+constexpr uint16_t kGpoPort = 42001;
+
+const char kUsage[] =
+    "usage: gpioctl watch [COUNT]     print the GPI events sent to 127.0.0.1:42000\n"
+    "                                 (stop after COUNT of them)\n"
+    "       gpioctl gpo LINE STATUS   send a GPO request to 127.0.0.1:42001: LINE 0-7 with\n"
+    "                                 STATUS 0 (clear) or 1 (set), or LINE 255 with the levels\n"
+    "                                 of all eight lines in STATUS (e.g. 0xF3)\n";
+
+[[noreturn]] void usage() {
+    fputs(kUsage, stderr);
+    exit(2);
+}
+
+long number(const char* text) {
+    char* end = nullptr;
+    long value = strtol(text, &end, 0);
+    if (!*text || *end)
+        usage();
+    return value;
+}
+
+sockaddr_in loopback(uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+const char* meaning(int status) {
+    switch (status) {
+    case 0:
+        return "cleared";
+    case 1:
+        return "set";
+    case 2:
+        return "changed and changed back";
+    default:
+        return "?";
+    }
+}
+
+int watch(long count) {
+    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in address = loopback(kGpiPort);
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        perror("gpioctl: 127.0.0.1:42000");
+        return 1;
+    }
+    printf("watching GPI events on 127.0.0.1:%u\n", kGpiPort);
+    for (long seen = 0; count <= 0 || seen < count;) {
+        GpioDatagram datagram;
+        ssize_t got = recv(fd, datagram.data(), datagram.size(), 0);
+        if (got != static_cast<ssize_t>(datagram.size()))
+            continue;
+        Gpio event = gpioDecode(datagram);
+        printf("GPI line %d %s (status %d)\n", event.lines, meaning(event.status), event.status);
+        ++seen;
+    }
+    close(fd);
+    return 0;
+}
+
+int sendGpo(long line, long status) {
+    GpioDatagram datagram =
+        gpioEncode({static_cast<int32_t>(line), static_cast<int32_t>(status)});
+    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    sockaddr_in to = loopback(kGpoPort);
+    ssize_t sent = sendto(fd, datagram.data(), datagram.size(), 0,
+                          reinterpret_cast<sockaddr*>(&to), sizeof to);
+    close(fd);
+    if (sent != static_cast<ssize_t>(datagram.size())) {
+        perror("gpioctl: 127.0.0.1:42001");
+        return 1;
+    }
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    std::string verb = argc > 1 ? argv[1] : "";
+    if (verb == "watch" && argc <= 3)
+        return watch(argc == 3 ? number(argv[2]) : 0);
+    if (verb == "gpo" && argc == 4)
+        return sendGpo(number(argv[2]), number(argv[3]));
+    usage();
+}
