@@ -8,14 +8,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-sockaddr_in loopback_address(uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
-
 UdpEndpoint::UdpEndpoint(uint16_t port) : fd_(socket(AF_INET, SOCK_DGRAM, 0)) {
     sockaddr_in address = loopback_address(port);
     if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
@@ -48,16 +40,4 @@ std::vector<uint8_t> UdpEndpoint::receive(int timeout_ms, sockaddr_in* from) con
     if (from)
         *from = sender;
     return buffer;
-}
-
-std::string hex(const std::vector<uint8_t>& bytes) {
-    std::string text;
-    char digits[4];
-    for (uint8_t byte : bytes) {
-        snprintf(digits, sizeof digits, "%02X", byte);
-        if (!text.empty())
-            text += ' ';
-        text += digits;
-    }
-    return text;
 }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <netinet/in.h>
+#include <toolkit.h> // loopback_address, hex
 #include <string>
 #include <vector>
 
@@ -27,6 +28,3 @@ class UdpEndpoint {
     uint16_t port_;
 };
 
-sockaddr_in loopback_address(uint16_t port);
-// "00 01 AB" for logs and assertions.
-std::string hex(const std::vector<uint8_t>& bytes);

@@ -153,18 +153,6 @@ Reply Reply::bytes(Bytes raw) {
     return r;
 }
 
-std::string hex(const Bytes& bytes) {
-    std::string text;
-    char digits[4];
-    for (uint8_t byte : bytes) {
-        snprintf(digits, sizeof digits, "%02X", byte);
-        if (!text.empty())
-            text += ' ';
-        text += digits;
-    }
-    return text;
-}
-
 DevSim::DevSim() {
     if (pipe(wake_) != 0)
         fail("pipe");

@@ -11,6 +11,7 @@
 #include <netinet/in.h>
 #include <string>
 #include <thread>
+#include <toolkit.h>
 #include <vector>
 
 namespace devsim {
@@ -135,7 +136,6 @@ class DevSim {
     std::function<void(const Received&)> observer_;
 };
 
-// "43 BF F0 04 0C 02"
-std::string hex(const Bytes& bytes);
+using ::hex; // "43 BF F0 04 0C 02"
 
 } // namespace devsim

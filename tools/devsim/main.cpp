@@ -31,16 +31,11 @@ struct Options {
 };
 
 [[noreturn]] void usage() {
-    fputs(kUsage, stderr);
-    exit(2);
+    usage_exit(kUsage);
 }
 
 long number(const char* text) {
-    char* end = nullptr;
-    long value = strtol(text, &end, 0);
-    if (!*text || *end)
-        usage();
-    return value;
+    return number_argument(text, kUsage);
 }
 
 Options parse(int argc, char** argv) {

@@ -1,5 +1,6 @@
 // gpioctl: watch the daemon's GPI events and send it GPO requests, as local programs do.
 #include "gpio.h"
+#include "toolkit.h"
 
 #include <arpa/inet.h>
 #include <cstdio>
@@ -22,26 +23,6 @@ const char kUsage[] =
     "                                 STATUS 0 (clear) or 1 (set), or LINE 255 with the levels\n"
     "                                 of all eight lines in STATUS (e.g. 0xF3)\n";
 
-[[noreturn]] void usage() {
-    fputs(kUsage, stderr);
-    exit(2);
-}
-
-long number(const char* text) {
-    char* end = nullptr;
-    long value = strtol(text, &end, 0);
-    if (!*text || *end)
-        usage();
-    return value;
-}
-
-sockaddr_in loopback(uint16_t port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
 
 const char* meaning(int status) {
     switch (status) {
@@ -58,7 +39,7 @@ const char* meaning(int status) {
 
 int watch(long count) {
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in address = loopback(kGpiPort);
+    sockaddr_in address = loopback_address(kGpiPort);
     if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
         perror("gpioctl: 127.0.0.1:42000");
         return 1;
@@ -81,7 +62,7 @@ int sendGpo(long line, long status) {
     GpioDatagram datagram =
         gpioEncode({static_cast<int32_t>(line), static_cast<int32_t>(status)});
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in to = loopback(kGpoPort);
+    sockaddr_in to = loopback_address(kGpoPort);
     ssize_t sent = sendto(fd, datagram.data(), datagram.size(), 0,
                           reinterpret_cast<sockaddr*>(&to), sizeof to);
     close(fd);
@@ -98,8 +79,8 @@ int main(int argc, char** argv) {
     setvbuf(stdout, nullptr, _IOLBF, 0);
     std::string verb = argc > 1 ? argv[1] : "";
     if (verb == "watch" && argc <= 3)
-        return watch(argc == 3 ? number(argv[2]) : 0);
+        return watch(argc == 3 ? number_argument(argv[2], kUsage) : 0);
     if (verb == "gpo" && argc == 4)
-        return sendGpo(number(argv[2]), number(argv[3]));
-    usage();
+        return sendGpo(number_argument(argv[2], kUsage), number_argument(argv[3], kUsage));
+    usage_exit(kUsage);
 }

@@ -1,0 +1,18 @@
+// Small helpers shared by the tools and the tests: loopback addresses, bytes as hex text, and
+// the command-line pieces every tool needs.
+#pragma once
+
+#include <cstdint>
+#include <netinet/in.h>
+#include <string>
+#include <vector>
+
+// 127.0.0.1:port.
+sockaddr_in loopback_address(uint16_t port);
+// "43 BF F0 04 0C 02".
+std::string hex(const std::vector<uint8_t>& bytes);
+
+// Prints `usage` on standard error and exits with status 2.
+[[noreturn]] void usage_exit(const char* usage);
+// A whole decimal, octal (0...) or hexadecimal (0x...) number, else usage_exit(usage).
+long number_argument(const char* text, const char* usage);
