@@ -123,72 +123,48 @@ TEST(Select, closed_descriptor_fails_with_the_select_message) {
     EXPECT_EQ(err.text(), std::string("select: ") + strerror(EBADF) + "\n");
 }
 
-TEST(Select, signal_during_timed_wait_is_reported_and_the_wait_goes_on) {
-    UdpEndpoint idle;
-    CapturedStdout out;
-    align_to_second(100000);
-    auto start = Clock::now();
-    int ready;
-    {
-        AlarmAfter alarm(30);
-        ready = selectin(idle.fd(), 300);
-    }
-    long waited = elapsed_ms(start);
-    EXPECT_EQ(ready, 0);
-    EXPECT_GE(waited, 250);
-    EXPECT_EQ(out.text(), "selin2 errno: " + std::to_string(EINTR) + "\r\n");
+// A signal during a timed wait: reported on stdout, then the wait goes on with what is left, less
+// the whole seconds passed (the clock is read in seconds), or ends once nothing is left.
+TEST(Select, signal_during_a_timed_wait_is_reported_and_the_rest_is_waited) {
+    const std::string eintr = std::string("select: ") + strerror(EINTR) + "\n";
+    struct Case {
+        const char* name;
+        bool write;
+        long aligned_usec; // where in its second the wait starts
+        int alarm_ms, timeout_ms, result;
+        long min_ms, max_ms;
+        std::string out, err;
+    } const cases[] = {
+        {"read, same second", false, 100000, 30, 300, 0, 250, 2000, "selin2 errno: 4\r\n", ""},
+        {"write, same second", true, 100000, 30, 100, 0, 80, 2000, "selout2 errno: 4\n",
+         "select:187> not selout2\n"},
+        {"read, a second passed", false, 850000, 300, 1500, 0, 700, 1400, "selin2 errno: 4\r\n",
+         ""},
+        {"read, used up", false, 850000, 300, 400, -1, 250, 2000, "selin2 errno: 4\r\n", eintr},
+        {"write, used up", true, 850000, 300, 400, 0, 250, 2000, "selout2 errno: 4\n",
+         "select:180> not selout1\n"},
+    };
     EXPECT_EQ(EINTR, 4);
-}
-
-TEST(Select, signal_during_timed_write_wait_is_reported_on_stdout) {
-    FullPipe pipe;
-    CapturedStdout out;
-    CapturedStderr err;
-    align_to_second(100000);
-    int ready;
-    {
-        AlarmAfter alarm(30);
-        ready = selectout(pipe.ends[0], 100);
-    }
-    EXPECT_EQ(ready, 0);
-    EXPECT_EQ(out.text(), "selout2 errno: 4\n");
-    EXPECT_EQ(err.text(), "select:187> not selout2\n");
-}
-
-TEST(Select, interruption_after_a_second_boundary_shortens_the_wait_by_that_second) {
-    UdpEndpoint idle;
-    CapturedStdout out;
-    align_to_second(850000);
-    auto start = Clock::now();
-    int ready;
-    {
-        AlarmAfter alarm(300); // falls in the next second: 1000 ms come off the 1500
-        ready = selectin(idle.fd(), 1500);
-    }
-    long waited = elapsed_ms(start);
-    EXPECT_EQ(ready, 0);
-    EXPECT_GE(waited, 700);
-    EXPECT_LT(waited, 1400);
-    EXPECT_EQ(out.text(), "selin2 errno: 4\r\n");
-}
-
-TEST(Select, interruption_that_uses_up_the_time_out_fails_or_gives_up) {
     UdpEndpoint idle;
     FullPipe pipe;
-    CapturedStdout out;
-    CapturedStderr err;
-    align_to_second(850000);
-    {
-        AlarmAfter alarm(300);
-        EXPECT_EQ(selectin(idle.fd(), 400), -1);
+    for (const Case& c : cases) {
+        CapturedStdout out;
+        CapturedStderr err;
+        align_to_second(c.aligned_usec);
+        auto start = Clock::now();
+        int ready;
+        {
+            AlarmAfter alarm(c.alarm_ms);
+            ready =
+                c.write ? selectout(pipe.ends[0], c.timeout_ms) : selectin(idle.fd(), c.timeout_ms);
+        }
+        long waited = elapsed_ms(start);
+        EXPECT_EQ(ready, c.result) << c.name;
+        EXPECT_GE(waited, c.min_ms) << c.name;
+        EXPECT_LT(waited, c.max_ms) << c.name;
+        EXPECT_EQ(out.text(), c.out) << c.name;
+        EXPECT_EQ(err.text(), c.err) << c.name;
     }
-    align_to_second(850000);
-    {
-        AlarmAfter alarm(300);
-        EXPECT_EQ(selectout(pipe.ends[0], 400), 0);
-    }
-    EXPECT_EQ(out.text(), "selin2 errno: 4\r\nselout2 errno: 4\n");
-    EXPECT_EQ(err.text(), std::string("select: ") + strerror(EINTR) + "\nselect:180> not selout1\n");
 }
 
 TEST(Select, unlimited_wait_survives_a_signal_and_returns_when_readable) {

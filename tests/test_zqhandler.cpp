@@ -262,21 +262,8 @@ TEST(Datagram, answer_from_another_address_becomes_the_destination) {
 
 // A stream answer: a header with `tag` and `len` in byte 7 (`high` above it), then an ACK.
 std::vector<uint8_t> message(const char* tag, uint8_t len, uint8_t high = 0) {
-    return {uint8_t(tag[0]),
-            uint8_t(tag[1]),
-            uint8_t(tag[2]),
-            uint8_t(tag[3]),
-            high,
-            high,
-            high,
-            len,
-            0,
-            0,
-            0,
-            0,
-            0x10,
-            0x01,
-            0x11};
+    auto t = [&](int i) { return static_cast<uint8_t>(tag[i]); };
+    return {t(0), t(1), t(2), t(3), high, high, high, len, 0, 0, 0, 0, 0x10, 0x01, 0x11};
 }
 
 TEST(Stream, answer_header_is_checked_before_the_frame_is_read) {
