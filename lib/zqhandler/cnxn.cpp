@@ -145,10 +145,8 @@ int cnxn_alive_command(t_cnxn_command* msg) {
 }
 
 int cnxn_sony9p_command(t_cnxn_command* msg, const t_s9p_command* cmd) {
-    if (cmd->len > S9P_MAX_FRAME) {
-        msg->err_status = S9P_INVAL_ARG;
-        return -1;
-    }
+    if (cmd->len > S9P_MAX_FRAME)
+        return fail(msg, S9P_INVAL_ARG);
     build_header(msg, "s9p ", cmd->len, 0);
     std::copy_n(cmd->data, cmd->len, msg->data + CNXN_HEADER_SIZE);
     msg->len = static_cast<uint8_t>(CNXN_HEADER_SIZE + cmd->len);
@@ -167,38 +165,26 @@ int cnxn_send_data(t_s9p_handle* hdl, const uint8_t* bytes, uint32_t count, unsi
 }
 
 int cnxn_send_cmd(t_s9p_handle* hdl, t_cnxn_command* msg, unsigned timeout_ms) {
-    if (!hdl->connected) {
-        msg->err_status = S9P_ERR_NOT_CONNECTED;
-        return -1;
-    }
-    if (msg->len > CNXN_MAX_MESSAGE) {
-        msg->err_status = S9P_INVAL_ARG;
-        return -1;
-    }
+    if (!hdl->connected)
+        return fail(msg, S9P_ERR_NOT_CONNECTED);
+    if (msg->len > CNXN_MAX_MESSAGE)
+        return fail(msg, S9P_INVAL_ARG);
     int sent = send_within(hdl->fd, msg->data, msg->len, timeout_ms, false);
-    if (sent < 0) {
-        msg->err_status = S9P_ERR_SYSTEM;
-        return -1;
-    }
-    if (sent != msg->len) {
-        msg->err_status = S9P_SEND_TIMEOUT;
-        return -1;
-    }
+    if (sent < 0)
+        return fail(msg, S9P_ERR_SYSTEM);
+    if (sent != msg->len)
+        return fail(msg, S9P_SEND_TIMEOUT);
     if (msg->payload_len == 0)
         return 0;
     int result = cnxn_send_data(hdl, msg->payload, msg->payload_len, timeout_ms);
-    if (result < 0) {
-        msg->err_status = static_cast<uint32_t>(-result);
-        return -1;
-    }
+    if (result < 0)
+        return fail(msg, static_cast<e_s9p_err>(-result));
     return 0;
 }
 
 int cnxn_rcv_cmd(t_s9p_handle* hdl, t_cnxn_command* ans, unsigned timeout_ms) {
-    if (!hdl->connected) {
-        ans->err_status = S9P_ERR_NOT_CONNECTED;
-        return -1;
-    }
+    if (!hdl->connected)
+        return fail(ans, S9P_ERR_NOT_CONNECTED);
     *ans = t_cnxn_command{};
     const int wait_ms = static_cast<int>(std::min(timeout_ms, kHeaderSliceMs));
     uint8_t header[CNXN_HEADER_SIZE];
@@ -209,8 +195,7 @@ int cnxn_rcv_cmd(t_s9p_handle* hdl, t_cnxn_command* ans, unsigned timeout_ms) {
         std::copy_n(header, CNXN_HEADER_SIZE, ans->data);
         return 0;
     case Outcome::timed_out:
-        ans->err_status = S9P_RCV_TIMEOUT; // the partial header is dropped
-        return -1;
+        return fail(ans, S9P_RCV_TIMEOUT); // the partial header is dropped
     case Outcome::wait_failed:
         vlmlibtrace(VLMLIB_TRACE_TRANSPORT, "cnxn_rcv_cmd: selectin(%d) failed: got %d/%d bytes\n",
                     wait_ms, static_cast<int>(progress.got), static_cast<int>(CNXN_HEADER_SIZE));
@@ -218,8 +203,7 @@ int cnxn_rcv_cmd(t_s9p_handle* hdl, t_cnxn_command* ans, unsigned timeout_ms) {
     case Outcome::recv_failed:
         break;
     }
-    ans->err_status = S9P_ERR_COMM;
-    return -1;
+    return fail(ans, S9P_ERR_COMM);
 }
 
 int cnxn_rcv_data(t_s9p_handle* hdl, uint8_t* buffer, int count, unsigned timeout_ms) {

@@ -1,11 +1,12 @@
 // Connection protocol transfers on the handle's TCP stream: requests, answer headers, raw bytes
-// with the keep-alive, and the input flush.
+// with the keep-alive, and the input flush. Built on the Sony frame layer (its records, codes and
+// the link record); the Sony transport builds on this for its stream link.
 #pragma once
 
+#include "sony9p.h"
 #include "wire.h"
 
 #include <zqhandler/cnxn.h>
-#include <zqhandler/sony9p.h>
 
 #include <cstdint>
 #include <cstring>

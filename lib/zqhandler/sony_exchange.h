@@ -1,8 +1,9 @@
 // The Sony exchange every Sony-family handle operation shares: build, send, read one answer,
 // keep both in the handle, turn a NAK into an error code, check the answer, give the result.
+// s9p_transact, the part that touches the link, is in sony_exchange.cpp.
 #pragma once
 
-#include <zqhandler/zqhandler.h>
+#include "zqhandler.h"
 
 // Sends `cmd` (already built) on the handle's transport and reads one answer into the same
 // record, keeping the command, the answer and their completion times in zqh->data.s9p. A failed
@@ -27,10 +28,8 @@ int s9p_exchange(t_zqhandler* zqh, Build&& build, Check&& check, Result&& result
     if (s9p_transact(zqh, &cmd) != 0)
         return -1;
     e_s9p_err verdict = check(static_cast<const t_s9p_command&>(cmd));
-    if (verdict != S9P_ERR_NONE) {
-        zqh->lasterr = verdict;
-        return -1;
-    }
+    if (verdict != S9P_ERR_NONE)
+        return fail(zqh, verdict);
     return result(static_cast<const t_s9p_command&>(cmd));
 }
 

@@ -1,10 +1,9 @@
 // The device-control handle: creation with its defaults, the three connections and their
-// teardown, time-out and last error, and the Sony exchange with the two generic operations.
+// teardown, time-out and last error. The operations are in zqhandler_<family>.cpp.
+#include "zqhandler.h"
+
 #include "myserial.h"
 #include "mysocket.h"
-#include "mytime.h"
-#include "sony9p.h"
-#include "sony_exchange.h"
 #include "unique_fd.h"
 
 #include <algorithm>
@@ -27,11 +26,6 @@ void set_defaults(t_zqhandler* zqh) {
     zqh->timeout = kDefaultTimeoutMs;
     zqh->lasterr = S9P_ERR_NONE;
     zqh->proto_ver = kDefaultProtoVer;
-}
-
-int refuse(t_zqhandler* zqh, e_s9p_err code) {
-    zqh->lasterr = code;
-    return -1;
 }
 
 // Reads one number as "%d" would (leading blanks, a sign, digits) and keeps its low 8 bits.
@@ -74,39 +68,21 @@ int connect_socket(t_zqhandler* zqh, const char* address, const char* port, e_s9
     zqhandler_disconnect(zqh);
     auto peer = peer_address(address, port);
     if (!peer)
-        return refuse(zqh, S9P_INVAL_ARG);
+        return fail(zqh, S9P_INVAL_ARG);
     const bool stream = link == S9P_LINK_STREAM;
     UniqueFd socket(
         mysocket_open(AF_INET, stream ? SOCK_STREAM : SOCK_DGRAM, stream ? 0 : IPPROTO_UDP));
     if (!socket.valid())
-        return refuse(zqh, S9P_INVAL_ARG);
+        return fail(zqh, S9P_INVAL_ARG);
     if (stream && mysocket_connect(socket.get(), reinterpret_cast<const sockaddr*>(&*peer),
                                    sizeof *peer) != 0)
-        return refuse(zqh, S9P_INVAL_ARG);
+        return fail(zqh, S9P_INVAL_ARG);
     zqh->comm_handle.fd = socket.release();
     zqh->comm_handle.sockadd = *peer;
     zqh->comm_handle.socklen = sizeof *peer;
     zqh->comm_handle.connected = link;
     zqh->timeout = kDefaultTimeoutMs;
     return 0;
-}
-
-uint32_t elapsed_ms(const MyTick& start) {
-    return static_cast<uint32_t>(ElapsedTime2ms(&start));
-}
-
-bool is_nak(const t_s9p_command& answer) {
-    return answer.data[0] == 0x11 && answer.data[1] == 0x12;
-}
-
-// Bit 2 (checksum error) outranks bit 0 (unknown command); any other bits are line errors.
-e_s9p_err nak_error(const t_s9p_command& answer) {
-    const uint8_t bits = answer.len > S9P_MIN_FRAME ? answer.data[2] : 0;
-    if (bits & 0x04)
-        return S9P_ERR_CHECKSUM;
-    if (bits & 0x01)
-        return S9P_NOT_IMPLEMENTED;
-    return S9P_ERR_COMM;
 }
 
 } // namespace
@@ -164,10 +140,10 @@ int zqhandler_connect_serial(t_zqhandler* zqh, const char* device) {
     zqhandler_disconnect(zqh);
     s_serial_handle* port = serial_create_handle();
     if (!port)
-        return refuse(zqh, S9P_ERR_SYSTEM);
+        return fail(zqh, S9P_ERR_SYSTEM);
     if (!device || serial_connect(port, device) != 0) {
         serial_delete_handle(port);
-        return refuse(zqh, S9P_INVAL_ARG);
+        return fail(zqh, S9P_INVAL_ARG);
     }
     zqh->comm_handle.shdl = port;
     zqh->comm_handle.connected = S9P_LINK_SERIAL;
@@ -192,43 +168,4 @@ int zqhandler_get_last_err(t_zqhandler* zqh) {
     int code = zqh->lasterr;
     zqh->lasterr = S9P_ERR_NONE;
     return code;
-}
-
-int s9p_transact(t_zqhandler* zqh, t_s9p_command* cmd) {
-    t_s9p_data& kept = zqh->data.s9p;
-    MyTick start;
-    GetMyTick(&start);
-    int sent = s9p_send_cmd(&zqh->comm_handle, cmd, zqh->timeout);
-    kept.sent_completion_time = elapsed_ms(start);
-    if (sent != 0)
-        return refuse(zqh, static_cast<e_s9p_err>(cmd->err_status));
-    kept.last_sent = *cmd;
-
-    GetMyTick(&start);
-    kept.rcv_completion_time = 0;
-    int read = s9p_read_answer(&zqh->comm_handle, cmd, zqh->timeout);
-    kept.rcv_completion_time = elapsed_ms(start);
-    if (read != 0)
-        return refuse(zqh, static_cast<e_s9p_err>(cmd->err_status));
-    kept.last_rcv = *cmd;
-    if (is_nak(*cmd))
-        return refuse(zqh, nak_error(*cmd));
-    return 0;
-}
-
-int zqhandler_cmd_misc(t_zqhandler* zqh, const uint8_t* bytes, int count) {
-    return s9p_exchange(
-        zqh, [&](t_s9p_command& cmd) { return s9p_misc(&cmd, bytes, count); }, s9p_accept_any,
-        [](const t_s9p_command&) { return 0; });
-}
-
-int zqhandler_cmd_sense_misc(t_zqhandler* zqh, const uint8_t* bytes, int count, uint8_t* answer) {
-    if (!answer)
-        return -1;
-    return s9p_exchange(
-        zqh, [&](t_s9p_command& cmd) { return s9p_misc(&cmd, bytes, count); }, s9p_accept_any,
-        [&](const t_s9p_command& ans) {
-            std::copy_n(ans.data, ans.len, answer);
-            return static_cast<int>(ans.len);
-        });
 }

@@ -1,6 +1,6 @@
 // Any bytes as a serial line delivers them, in reads of any size: the assembler takes one frame
 // of exactly the length its CMD1 announces and never more.
-#include "sony9p.h"
+#include "sony9p_transport.h"
 
 #include <algorithm>
 #include <cstdlib>

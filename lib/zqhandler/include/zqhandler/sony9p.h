@@ -1,4 +1,5 @@
-/* Sony 9-pin frames, their checksum, the library's error codes and the transport record. */
+/* Sony frame layer: the frame record, its checksum and generic builder, the library's error codes
+ * and their texts, and the link record every transport of the library works on. */
 #ifndef ZQHANDLER_SONY9P_H
 #define ZQHANDLER_SONY9P_H
 

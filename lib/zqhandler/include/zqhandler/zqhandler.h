@@ -70,7 +70,9 @@ ZQ_API int zqhandler_get_last_err(t_zqhandler* zqh);
 /* Sends the frame `bytes[0 .. count-1]` (CMD1, CMD2, data; the checksum is appended) and waits
  * for one answer. 0 for any answer with a correct checksum that is not a NAK (0x11 0x12). A NAK
  * gives S9P_ERR_CHECKSUM when its bit 2 is set, else S9P_NOT_IMPLEMENTED with bit 0, else
- * S9P_ERR_COMM. The command and the answer are kept in data.s9p. */
+ * S9P_ERR_COMM; a NAK without its data byte (0x11 0x12 and the checksum only, which a datagram or
+ * a stream message can carry) is S9P_ERR_COMM too. The command and the answer are kept in
+ * data.s9p. */
 ZQ_API int zqhandler_cmd_misc(t_zqhandler* zqh, const uint8_t* bytes, int count);
 /* As zqhandler_cmd_misc, then copies the whole answer frame, checksum included, into `answer`
  * (room for S9P_MAX_FRAME bytes, provided by the caller) and returns its length. */
