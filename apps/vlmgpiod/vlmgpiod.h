@@ -1,6 +1,8 @@
 // The daemon's state, its fixed addresses, and its three stages: options, start-up, the loop.
 #pragma once
 
+#include <vlmgpiod/gpio_event.h> // the ports and the multicast group
+
 struct s_zqhandler; // the device-control handle to ctrld.out
 
 // The daemon's whole state: one instance, owned by main, passed by address everywhere.
@@ -16,19 +18,15 @@ struct Application {
     int haveSdi;        // the SDI board was detected at start-up
 };
 
-inline constexpr const char* MCAST_ADDR = "224.1.1.42";
 inline constexpr const char* LOG_FILENAME = "/velmar/log/vlmgpiod.log";
-inline constexpr int LOOP_GPI_PORT = 42000;
-inline constexpr int LOOP_GPO_PORT = 42001;
-inline constexpr int INET_GPI_PORT = 42002;
 inline constexpr const char* CTRLD_ADDR = "127.0.0.1"; // the protocol daemon ctrld.out
 inline constexpr const char* CTRLD_PORT = "32896";
 inline constexpr int SELECT_TIMEOUT = 100000; // microseconds: the longest wait of one cycle
 
 // Zeroes `app` and reads the options "dmv"; an unknown option prints the usage and exits with 0.
 void init(Application* app, int argc, char** argv);
-// Opens the sockets and the handle to ctrld.out, detects the board and, with -d, becomes a daemon logging to LOG_FILENAME.
-// A socket that cannot be set up ends the process.
+// Opens the sockets and the handle to ctrld.out, detects the board and, with -d, becomes a daemon
+// logging to LOG_FILENAME. A socket that cannot be set up ends the process.
 void startup(Application* app);
 // The main loop; returns never. A failing select ends the process.
 [[noreturn]] void run(Application* app);

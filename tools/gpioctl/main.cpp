@@ -1,5 +1,4 @@
 // gpioctl: watch the daemon's GPI events and send it GPO requests, as local programs do.
-#include "gpio.h"
 #include "toolkit.h"
 
 #include <arpa/inet.h>
@@ -10,11 +9,9 @@
 #include <string>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <vlmgpiod/gpio_event.h>
 
 namespace {
-
-constexpr uint16_t kGpiPort = 42000;
-constexpr uint16_t kGpoPort = 42001;
 
 const char kUsage[] =
     "usage: gpioctl watch [COUNT]     print the GPI events sent to 127.0.0.1:42000\n"
@@ -22,7 +19,6 @@ const char kUsage[] =
     "       gpioctl gpo LINE STATUS   send a GPO request to 127.0.0.1:42001: LINE 0-7 with\n"
     "                                 STATUS 0 (clear) or 1 (set), or LINE 255 with the levels\n"
     "                                 of all eight lines in STATUS (e.g. 0xF3)\n";
-
 
 const char* meaning(int status) {
     switch (status) {
@@ -39,12 +35,12 @@ const char* meaning(int status) {
 
 int watch(long count) {
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in address = loopback_address(kGpiPort);
+    sockaddr_in address = loopback_address(LOOP_GPI_PORT);
     if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
         perror("gpioctl: 127.0.0.1:42000");
         return 1;
     }
-    printf("watching GPI events on 127.0.0.1:%u\n", kGpiPort);
+    printf("watching GPI events on 127.0.0.1:%u\n", LOOP_GPI_PORT);
     for (long seen = 0; count <= 0 || seen < count;) {
         GpioDatagram datagram;
         ssize_t got = recv(fd, datagram.data(), datagram.size(), 0);
@@ -59,12 +55,11 @@ int watch(long count) {
 }
 
 int sendGpo(long line, long status) {
-    GpioDatagram datagram =
-        gpioEncode({static_cast<int32_t>(line), static_cast<int32_t>(status)});
+    GpioDatagram datagram = gpioEncode({static_cast<int32_t>(line), static_cast<int32_t>(status)});
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    sockaddr_in to = loopback_address(kGpoPort);
-    ssize_t sent = sendto(fd, datagram.data(), datagram.size(), 0,
-                          reinterpret_cast<sockaddr*>(&to), sizeof to);
+    sockaddr_in to = loopback_address(LOOP_GPO_PORT);
+    ssize_t sent = sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<sockaddr*>(&to),
+                          sizeof to);
     close(fd);
     if (sent != static_cast<ssize_t>(datagram.size())) {
         perror("gpioctl: 127.0.0.1:42001");
