@@ -1,8 +1,8 @@
 // The tlapi sim's wire: one datagram per transfer, answers within 20 ms, a floating bus otherwise.
+#include "common.h"
 #include "tlapi.h"
 
 #include <array>
-#include <cstdlib>
 #include <gtest/gtest.h>
 #include <string>
 #include <sys/socket.h>
@@ -13,12 +13,6 @@
 namespace {
 
 using Bytes = std::array<unsigned char, 3>;
-
-std::string boardPath(const char* name) {
-    std::string path = "/tmp/vlm-tlapi-" + std::to_string(getpid()) + "-" + name + ".sock";
-    setenv("TLAPI_SIM_SOCKET", path.c_str(), 1);
-    return path;
-}
 
 Bytes readRegister(unsigned char reg) {
     Bytes frame = {0x42, reg, 0x00};
@@ -61,12 +55,12 @@ class HandBoard {
 };
 
 TEST(TlapiSim, no_board_listening_reads_a_floating_bus) {
-    boardPath("nobody");
+    board_socket("nobody");
     EXPECT_EQ(readRegister(0x30), (Bytes{0xFF, 0xFF, 0xFF}));
 }
 
 TEST(TlapiSim, only_an_answer_of_three_bytes_is_taken) {
-    HandBoard board(boardPath("sizes"));
+    HandBoard board(board_socket("sizes"));
     const std::pair<std::string, Bytes> cases[] = {
         {std::string("\x01\x02\x03", 3), {0x01, 0x02, 0x03}},
         {std::string("\x01\x02", 2), {0xFF, 0xFF, 0xFF}},
@@ -84,7 +78,7 @@ TEST(TlapiSim, only_an_answer_of_three_bytes_is_taken) {
 }
 
 TEST(TlapiSim, late_answer_is_not_taken_for_the_next_transfer) {
-    HandBoard board(boardPath("late"));
+    HandBoard board(board_socket("late"));
     Bytes first{}, second{};
     std::thread missed([&] { first = readRegister(0x30); });
     board.takeFrame();

@@ -36,7 +36,8 @@ void Write_SDI_Board_Reg(uint8_t address, uint8_t reg_value) {
 }
 
 uint8_t Read_SDI_Board_Reg(uint8_t address) {
-    unsigned char value[3] = {kFrameStart, address, 0x00};
+    // Bit 7 of the address marks a write on the bus: a read must never carry it.
+    unsigned char value[3] = {kFrameStart, static_cast<unsigned char>(address & ~kWriteBit), 0x00};
     SPIRead(kSpiPort, value, sizeof value);
     return value[2];
 }
