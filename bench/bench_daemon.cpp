@@ -1,18 +1,22 @@
 // vlmgpiod.out as a process on the emulated board, in a network namespace of its own (root):
-// GPI-to-event latency with ctrld.out answering and absent, and the idle daemon's CPU and memory,
-// each beside its baseline from the same run.
+// GPI-to-event latency with ctrld.out answering and absent, the poll cycle under a flood of garbage
+// datagrams, and the idle daemon's CPU and memory, each beside its baseline from the same run.
 #include "devsim.h"
 #include "harness.h"
 #include "percentiles.h"
 #include "sdiboard.h"
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <fstream>
+#include <numeric>
 #include <optional>
 #include <random>
-#include <thread>
+#include <sys/socket.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -58,6 +62,12 @@ struct Scene {
     }
 };
 
+// Reads of `reg` the board has served.
+size_t count(const std::vector<sdiboard::Transfer>& transfers, uint8_t reg) {
+    return std::count_if(transfers.begin(), transfers.end(),
+                         [&](const auto& t) { return !t.write && t.reg == reg; });
+}
+
 // The first poll (transition register read) at or after `since`.
 std::optional<Clock::time_point> pollAfter(const sdiboard::Board& board, Clock::time_point since) {
     for (const auto& t : board.transfers())
@@ -100,8 +110,119 @@ void BM_gpi_to_event(benchmark::State& state) {
     reportPercentiles(state, "poll_to_event_ms", daemonPart);
     state.counters["ratio_p50"] = percentile(total, 0.5) / percentile(pollWait, 0.5);
 }
-BENCHMARK(BM_gpi_to_event)->ArgName("ctrld_answers")->Arg(1)->Arg(0)->Iterations(1)->Unit(
-    benchmark::kMillisecond);
+BENCHMARK(BM_gpi_to_event)
+    ->ArgName("ctrld_answers")
+    ->Arg(1)
+    ->Arg(0)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
+
+// The events a board's answers call for: each poll's transition read, then its level read,
+// against the levels of the poll before (the first from the read at start-up).
+std::vector<std::string> eventsFromBoard(const std::vector<sdiboard::Transfer>& transfers) {
+    std::vector<std::string> events;
+    int previous = 0, transitions = 0;
+    for (const auto& t : transfers) {
+        if (!t.write && t.reg == sdiboard::kTransitionRegister)
+            transitions = t.value;
+        if (t.write || t.reg != sdiboard::kGpiRegister)
+            continue;
+        for (int line = 0, mask = 1; line < 8; ++line, mask <<= 1)
+            if (transitions & mask)
+                events.push_back(event(line, (t.value & mask) == (previous & mask) ? 2
+                                             : (t.value & mask)                    ? 1
+                                                                                   : 0));
+        transitions = 0;
+        previous = t.value;
+    }
+    return events;
+}
+
+// Random datagrams of 0 to 1500 bytes to the GPO port and the network port until `stop`; half
+// of them relayed (their first byte makes `lines` negative, so no board line is taken for them).
+long floodGarbage(const std::atomic<bool>& stop) {
+    std::mt19937 random(42);
+    std::vector<uint8_t> bytes(1500);
+    for (auto& byte : bytes)
+        byte = static_cast<uint8_t>(random());
+    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    long sent = 0;
+    for (; !stop; ++sent) {
+        bool network = sent % 2 == 0;
+        bytes[0] = static_cast<uint8_t>(random() | (network ? 0x80 : 0));
+        sockaddr_in to = loopback_address(network ? INET_GPI_PORT : LOOP_GPO_PORT);
+        sendto(fd, bytes.data(), random() % 1501, 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+        if (sent % 20 == 19)
+            usleep(1000); // leaves the board emulator its share of two cores
+    }
+    close(fd);
+    return sent;
+}
+
+// 3 s of GPI changes and pulses at a random pace, with garbage datagrams flooding both of the
+// daemon's ports (argument 1) or without (argument 0, the baseline): every event the board's
+// answers call for must be reported, in order; the counters are the poll cycle's mean and
+// longest, and the flood's rate.
+void BM_garbage_flood(benchmark::State& state) {
+    Scene scene("flood", true);
+    if (!scene.error.empty()) {
+        state.SkipWithError(scene.error.c_str());
+        return;
+    }
+    std::atomic<bool> stop{false};
+    long garbage = 0;
+    int changes = 0;
+    Clock::time_point began;
+    for (auto _ : state) {
+        std::thread flood([&] { garbage = state.range(0) ? floodGarbage(stop) : 0; });
+        began = Clock::now();
+        std::mt19937 random(7);
+        for (uint8_t levels = 0; Clock::now() - began < std::chrono::seconds(3); ++changes) {
+            if (changes % 4 == 3)
+                scene.board->pulse(static_cast<int>(random() % 8));
+            else
+                scene.board->setGpi(levels ^= static_cast<uint8_t>(1 + random() % 255));
+            std::this_thread::sleep_for(std::chrono::milliseconds(5 + random() % 40));
+        }
+        stop = true;
+        flood.join();
+    }
+    const double seconds = milliseconds(Clock::now() - began) / 1000;
+    const size_t polls = count(scene.board->transfers(), sdiboard::kTransitionRegister);
+    scene.board->waitFor(
+        [&](const auto& t) { return count(t, sdiboard::kTransitionRegister) >= polls + 2; },
+        kWaitMs); // every change latched has been read
+    const auto transfers = scene.board->transfers();
+    const std::vector<std::string> expected = eventsFromBoard(transfers);
+    std::vector<std::string> reported;
+    for (std::string next;
+         reported.size() < expected.size() && (next = scene.gpi->next(kWaitMs)) != "nothing";)
+        if (next.compare(0, 9, "00 00 00 ") == 0) // not a relayed flood datagram
+            reported.push_back(next);
+    if (reported != expected)
+        state.SkipWithError("an event was lost or changed");
+    std::vector<double> cycles; // between two polls, in ms
+    std::optional<Clock::time_point> last;
+    for (const auto& t : transfers) {
+        if (t.write || t.reg != sdiboard::kTransitionRegister || t.when < began)
+            continue;
+        if (last)
+            cycles.push_back(milliseconds(t.when - *last));
+        last = t.when;
+    }
+    state.counters["garbage_per_s"] = static_cast<double>(garbage) / seconds;
+    state.counters["gpi_changes"] = changes;
+    state.counters["events"] = static_cast<double>(expected.size());
+    state.counters["cycle_mean_ms"] =
+        std::accumulate(cycles.begin(), cycles.end(), 0.0) / static_cast<double>(cycles.size());
+    state.counters["cycle_max_ms"] = percentile(cycles, 1.0);
+}
+BENCHMARK(BM_garbage_flood)
+    ->ArgName("flood")
+    ->Arg(0)
+    ->Arg(1)
+    ->Iterations(1)
+    ->Unit(benchmark::kSecond);
 
 long readField(const std::string& file, const std::string& key) {
     std::ifstream in(file);

@@ -2,7 +2,6 @@
 // veth pair, the daemon as a child process, and the port its GPI events arrive on.
 #pragma once
 
-#include "gpio.h"
 #include "loopback.h"
 
 #include <cstdint>
@@ -10,6 +9,7 @@
 #include <string>
 #include <sys/types.h>
 #include <vector>
+#include <vlmgpiod/gpio_event.h>
 
 namespace e2e {
 
@@ -64,8 +64,8 @@ class Daemon {
     std::string files_[2];
 };
 
-// 127.0.0.1:42000, with a buffer big enough for a flood of relayed datagrams. Probes are counted
-// apart from the events.
+// 127.0.0.1:42000, with a buffer big enough for a flood of relayed datagrams (bench_daemon). Probes
+// are counted apart from the events.
 class GpiPort {
   public:
     GpiPort();

@@ -5,9 +5,7 @@
 #include "sdiboard.h"
 
 #include <arpa/inet.h>
-#include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <dirent.h>
 #include <fstream>
@@ -15,17 +13,14 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
-#include <numeric>
 #include <optional>
 #include <poll.h>
-#include <random>
 #include <regex>
 #include <sstream>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -33,7 +28,6 @@ namespace {
 using namespace e2e;
 using sdiboard::Fault;
 using Bytes = std::vector<uint8_t>;
-using Clock = std::chrono::steady_clock;
 
 constexpr int kWaitMs = 10000; // generous: other builds share the machine
 const char* const kNotDetected = "Failure to detect tavsdi board - features deactivated\n";
@@ -126,8 +120,13 @@ TEST_F(Vlmgpiod, gpo_requests_of_eight_bytes_or_more_are_written) {
         size_t writes;
         uint8_t value;
     } const steps[] = {
-        {datagram({2, 1}), 1, 0x04}, {datagram({255, 0x1F3}), 2, 0xF3}, {datagram({1, 0}), 3, 0xF1},
-        {datagram({9, 1}), 4, 0xF1}, {{0, 0, 0, 0, 0, 0, 0}, 4, 0xF1},  {twelve, 5, 0x71},
+        {datagram({2, 1}), 1, 0x04},
+        {datagram({255, 0x1F3}), 2, 0xF3},
+        {datagram({1, 0}), 3, 0xF1},
+        {datagram({9, 1}), 4, 0xF1},
+        {datagram({-1, 1}), 5, 0xF1},
+        {{0, 0, 0, 0, 0, 0, 0}, 5, 0xF1},
+        {twelve, 6, 0x71},
     };
     for (const Step& step : steps) {
         sendLocal(42001, step.bytes);
@@ -162,47 +161,34 @@ TEST_F(Vlmgpiod, gpi_activity_reaches_ctrld_before_its_events) {
     board->setGpi(0x0C);
     EXPECT_EQ(gpi->next(kWaitMs), event(2, 1));
     // The daemon sent the event only after ctrld.out answered: the command is already there.
-    EXPECT_EQ(ctrld.frames(), (std::vector<std::string>{
-                                  "00 01 00 06 00 00 00 00 00 00 43 BF F0 08 08 02",
-                                  "00 01 00 06 00 00 00 00 00 00 43 BF F0 04 0C 02"}));
+    EXPECT_EQ(ctrld.frames(),
+              (std::vector<std::string>{"00 01 00 06 00 00 00 00 00 00 43 BF F0 08 08 02",
+                                        "00 01 00 06 00 00 00 00 00 00 43 BF F0 04 0C 02"}));
     ASSERT_TRUE(boardSaw(2));
     EXPECT_EQ(ctrld.received().size(), 2u) << "no transition, no command";
 }
 
-TEST_F(Vlmgpiod, without_ctrld_each_active_cycle_warns_and_its_events_follow_the_time_out) {
+TEST_F(Vlmgpiod, without_ctrld_each_active_cycle_warns_and_its_events_still_go_out) {
     board.emplace(path);
     start({"-v"});
-    std::vector<double> lateness; // from the poll's level read to the event, in ms
     for (int line = 0; line < 5; ++line) {
         board->setGpi(static_cast<uint8_t>((2 << line) - 1));
         ASSERT_EQ(gpi->next(kWaitMs), event(line, 1));
-        auto arrived = Clock::now();
-        auto transfers = board->transfers();
-        auto poll = std::find_if(transfers.rbegin(), transfers.rend(), [](const auto& t) {
-            return !t.write && t.reg == sdiboard::kGpiRegister;
-        });
-        ASSERT_NE(poll, transfers.rend());
-        lateness.push_back(std::chrono::duration<double, std::milli>(arrived - poll->when).count());
-    }
-    for (double ms : lateness) {
-        EXPECT_GE(ms, 59.0) << "held up by the handle's 60 ms time-out";
-        EXPECT_LT(ms, 1000.0);
     }
     const std::regex warning(R"(program\.\[)"); // no newline: the next line runs on
     std::string err = daemon->err();
     EXPECT_EQ(std::distance(std::sregex_iterator(err.begin(), err.end(), warning), {}), 5) << err;
     EXPECT_EQ(err.find("WARNING: Failed to connect"), std::string::npos);
-    printf("without ctrld.out: events %.0f to %.0f ms after their poll\n",
-           *std::min_element(lateness.begin(), lateness.end()),
-           *std::max_element(lateness.begin(), lateness.end()));
 }
 
 TEST_F(Vlmgpiod, misbehaving_ctrld_never_stops_the_loop_nor_costs_an_event) {
     using devsim::Reply;
     Ctrld ctrld;
     Reply oversized = Reply::bytes({0, 1, 0, 0xFF, 0, 0, 0, 0, 0, 0, 0x10, 0x01, 0x11});
-    const Reply replies[] = {Reply::nak(0x04), Reply::late(150), Reply::bytes(Bytes(40, 0xA5)),
-                             oversized, Reply::bytes(Bytes(12, 0)), Reply::silence(), Reply::ack()};
+    const Reply replies[] = {
+        Reply::nak(0x04), Reply::late(150),           Reply::bytes(Bytes(40, 0xA5)),
+        oversized,        Reply::bytes(Bytes(12, 0)), Reply::silence(),
+        Reply::ack()};
     for (const Reply& reply : replies)
         ctrld.script(reply);
     board.emplace(path);
@@ -214,6 +200,7 @@ TEST_F(Vlmgpiod, misbehaving_ctrld_never_stops_the_loop_nor_costs_an_event) {
     }
     EXPECT_EQ(ctrld.received().size(), std::size(replies)) << "one command per active cycle";
     EXPECT_TRUE(waitServing(*daemon, *gpi, kWaitMs));
+    EXPECT_EQ(daemon->err(), "") << "without -v a failed command says nothing";
 }
 
 TEST_F(Vlmgpiod, without_a_working_board_the_daemon_reports_it_and_runs_on) {
@@ -303,100 +290,6 @@ TEST(VlmgpiodOptions, unknown_option_prints_the_usage_and_exits_with_zero) {
                              "       -m: multicast GPO events over network (through multicast "
                              "address 224.1.1.42)\n");
     EXPECT_EQ(process.err(), Daemon::path() + ": invalid option -- 'x'\n");
-}
-
-// The events a board's answers call for: each poll's transition read, then its level read,
-// against the levels of the poll before (the first from the read at start-up).
-std::vector<std::string> eventsFromBoard(const std::vector<sdiboard::Transfer>& transfers) {
-    std::vector<std::string> events;
-    int previous = 0, transitions = 0;
-    for (const auto& t : transfers) {
-        if (!t.write && t.reg == sdiboard::kTransitionRegister)
-            transitions = t.value;
-        if (t.write || t.reg != sdiboard::kGpiRegister)
-            continue;
-        for (int line = 0, mask = 1; line < 8; ++line, mask <<= 1)
-            if (transitions & mask)
-                events.push_back(event(line, (t.value & mask) == (previous & mask) ? 2
-                                             : (t.value & mask)                    ? 1
-                                                                                   : 0));
-        transitions = 0;
-        previous = t.value;
-    }
-    return events;
-}
-
-TEST_F(Vlmgpiod, garbage_floods_lose_no_gpi_change_and_keep_the_cycle) {
-    board.emplace(path);
-    start({});
-    std::atomic<bool> stop{false};
-    std::atomic<long> garbage{0};
-    std::thread flood([&] {
-        std::mt19937 random(42);
-        std::vector<uint8_t> bytes(1500);
-        for (auto& byte : bytes)
-            byte = static_cast<uint8_t>(random());
-        int fd = socket(AF_INET, SOCK_DGRAM, 0);
-        for (; !stop; ++garbage) {
-            bool network = garbage % 2 == 0;
-            bytes[0] = static_cast<uint8_t>(random() | (network ? 0x80 : 0)); // relayed: lines < 0
-            sockaddr_in to = loopback_address(network ? 42002 : 42001);
-            sendto(fd, bytes.data(), random() % 1501, 0, reinterpret_cast<sockaddr*>(&to),
-                   sizeof to);
-            if (garbage % 20 == 19)
-                usleep(1000); // leaves the board emulator its share of two cores
-        }
-        close(fd);
-    });
-    const auto began = Clock::now();
-    std::mt19937 random(7);
-    int changes = 0;
-    for (uint8_t levels = 0; Clock::now() - began < std::chrono::seconds(3); ++changes) {
-        if (changes % 4 == 3)
-            board->pulse(static_cast<int>(random() % 8));
-        else
-            board->setGpi(levels ^= static_cast<uint8_t>(1 + random() % 255));
-        std::this_thread::sleep_for(std::chrono::milliseconds(5 + random() % 40)); // the pace
-    }
-    stop = true;
-    flood.join();
-    const double seconds = std::chrono::duration<double>(Clock::now() - began).count();
-    ASSERT_TRUE(boardSaw(2)) << "every change latched has been read";
-
-    const auto transfers = board->transfers();
-    const std::vector<std::string> expected = eventsFromBoard(transfers);
-    std::vector<std::string> reported;
-    for (std::string next;
-         reported.size() < expected.size() && (next = gpi->next(kWaitMs)) != "nothing";)
-        if (next.compare(0, 9, "00 00 00 ") == 0) // not a relayed flood datagram
-            reported.push_back(next);
-    auto differ = std::mismatch(reported.begin(), reported.end(), expected.begin(), expected.end());
-    EXPECT_EQ(reported, expected) << "first difference at event " << differ.first - reported.begin()
-                                  << " of " << expected.size() << ", " << reported.size()
-                                  << " reported";
-    EXPECT_GE(expected.size(), static_cast<size_t>(changes)) << "each change flags a line";
-
-    std::vector<double> cycles; // between two polls, in ms
-    for (size_t i = 0, last = 0; i < transfers.size(); ++i) {
-        if (transfers[i].write || transfers[i].reg != sdiboard::kTransitionRegister ||
-            transfers[i].when < began)
-            continue;
-        if (last)
-            cycles.push_back(
-                std::chrono::duration<double, std::milli>(transfers[i].when - transfers[last].when)
-                    .count());
-        last = i;
-    }
-    ASSERT_FALSE(cycles.empty());
-    double longest = *std::max_element(cycles.begin(), cycles.end());
-    EXPECT_LT(longest, 1000.0) << "the loop keeps polling";
-    EXPECT_TRUE(waitServing(*daemon, *gpi, kWaitMs)) << "and keeps serving";
-    printf("flood: %ld garbage datagrams in %.1f s (%.0f/s); %d GPI changes, %zu events, all "
-           "reported; %zu polls, cycle mean %.2f ms, longest %.1f ms\n",
-           garbage.load(), seconds, static_cast<double>(garbage) / seconds, changes,
-           expected.size(), cycles.size() + 1,
-           std::accumulate(cycles.begin(), cycles.end(), 0.0) / static_cast<double>(cycles.size()),
-           longest);
 }
 
 std::string linkTarget(const std::string& path) {

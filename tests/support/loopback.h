@@ -3,8 +3,8 @@
 
 #include <cstdint>
 #include <netinet/in.h>
-#include <toolkit.h> // loopback_address, hex
 #include <string>
+#include <toolkit.h> // loopback_address, hex
 #include <vector>
 
 // A UDP socket bound to 127.0.0.1 on a port the system chose (or the one given). Closed on exit.
@@ -27,4 +27,3 @@ class UdpEndpoint {
     int fd_;
     uint16_t port_;
 };
-
