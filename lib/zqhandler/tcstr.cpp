@@ -244,6 +244,10 @@ int tcstr_compute_duration(char* result, const char* start, const char* end, int
     const Fields to = zq_tc::read_fields(end);
     if (to < from)
         return 0;
+    if (to == from) { // one frame, whatever the rate
+        zq_tc::write_fields(result, Fields{0, 0, 0, 1}, false);
+        return 0;
+    }
     const Fields between = difference(to, from, fps);
     Fields inclusive = between; // the end frame counts too
     step_forward(inclusive, fps);
