@@ -1,11 +1,11 @@
 // The handle: defaults, connections, last error, and the Sony exchange against the emulator on
 // each of the three links.
 #include "capture.h"
+#include "common.h"
 #include "loopback.h"
 #include "sim_handle.h"
 
 #include <arpa/inet.h>
-#include <chrono>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -16,15 +16,6 @@ namespace {
 
 using devsim::Link;
 using devsim::Reply;
-using Clock = std::chrono::steady_clock;
-
-long elapsed_ms(Clock::time_point since) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count();
-}
-
-std::vector<uint8_t> frame_of(const t_s9p_command& cmd) {
-    return {cmd.data, cmd.data + cmd.len};
-}
 
 const std::vector<uint8_t> kGpiCommand = {0x43, 0xBF, 0xF0, 0x04, 0x0C};
 
@@ -76,34 +67,27 @@ TEST(Handle, datagram_connect_reads_address_and_port_as_numbers) {
     zqhandler_delete(h);
 }
 
-TEST(Handle, address_that_is_not_four_numbers_is_refused) {
-    t_zqhandler* h = zqhandler_create();
-    for (const char* address : {"localhost", "1.2.3", "", "1..2.3.4"}) {
-        ASSERT_EQ(zqhandler_connect_eth(h, "127.0.0.1", "1"), 0);
-        EXPECT_EQ(zqhandler_connect_eth(h, address, "32896"), -1) << address;
-        EXPECT_EQ(zqhandler_get_last_err(h), S9P_INVAL_ARG) << address;
-        EXPECT_EQ(h->comm_handle.connected, S9P_LINK_NONE) << address;
-        EXPECT_EQ(zqhandler_connect_tcp(h, address, "32896"), -1) << address;
-        EXPECT_EQ(zqhandler_get_last_err(h), S9P_INVAL_ARG) << address;
-    }
-    zqhandler_delete(h);
-}
-
-TEST(Handle, tcp_connect_where_nothing_listens_fails_and_leaves_no_connection) {
+TEST(Handle, connect_to_what_is_not_four_numbers_or_does_not_listen_is_refused) {
     // A bound socket that does not listen: connecting to it is refused, and its port stays ours.
     int bound = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in address = loopback_address(0);
     ASSERT_EQ(bind(bound, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     socklen_t length = sizeof address;
     getsockname(bound, reinterpret_cast<sockaddr*>(&address), &length);
-
+    const std::string silent = std::to_string(ntohs(address.sin_port));
+    const std::pair<const char*, int (*)(t_zqhandler*, const char*, const char*)> refused[] = {
+        {"localhost", zqhandler_connect_eth}, {"1.2.3", zqhandler_connect_eth},
+        {"", zqhandler_connect_tcp},          {"1..2.3.4", zqhandler_connect_tcp},
+        {"127.0.0.1", zqhandler_connect_tcp}, // nothing listens on `silent`
+    };
     t_zqhandler* h = zqhandler_create();
-    ASSERT_EQ(zqhandler_connect_eth(h, "127.0.0.1", "1"), 0);
-    EXPECT_EQ(
-        zqhandler_connect_tcp(h, "127.0.0.1", std::to_string(ntohs(address.sin_port)).c_str()), -1);
-    EXPECT_EQ(zqhandler_get_last_err(h), S9P_INVAL_ARG);
-    EXPECT_EQ(h->comm_handle.connected, S9P_LINK_NONE);
-    EXPECT_EQ(h->comm_handle.fd, -1);
+    for (const auto& [address_text, connect] : refused) {
+        ASSERT_EQ(zqhandler_connect_eth(h, "127.0.0.1", "1"), 0);
+        EXPECT_EQ(connect(h, address_text, silent.c_str()), -1) << address_text;
+        EXPECT_EQ(zqhandler_get_last_err(h), S9P_INVAL_ARG) << address_text;
+        EXPECT_EQ(h->comm_handle.connected, S9P_LINK_NONE) << address_text;
+        EXPECT_EQ(h->comm_handle.fd, -1) << address_text;
+    }
     zqhandler_delete(h);
     close(bound);
 }
@@ -204,22 +188,23 @@ std::vector<uint8_t> datagram(uint8_t size, size_t frame_bytes, uint8_t size_hig
 TEST(Datagram, malformed_answers_are_protocol_errors) {
     struct Case {
         const char* name;
-        std::vector<uint8_t> datagram;
+        Reply reply;
         e_s9p_err code;
     };
     const Case cases[] = {
-        {"12 bytes", datagram(2, 2), S9P_ERR_PROTOCOL},
-        {"size above what came", datagram(5, 4), S9P_ERR_PROTOCOL},
-        {"size below a frame", datagram(2, 3), S9P_ERR_PROTOCOL},
-        {"size 19", datagram(19, 19), S9P_ERR_PROTOCOL},
-        {"size 255, 600 bytes", datagram(0xFF, 590), S9P_ERR_PROTOCOL},
-        {"13 bytes, size 3", datagram(3, 3), S9P_ERR_NONE},
-        {"size's high byte ignored", datagram(3, 3, 9), S9P_ERR_NONE},
+        {"12 bytes", Reply::bytes(datagram(2, 2)), S9P_ERR_PROTOCOL},
+        {"size above what came", Reply::bytes(datagram(5, 4)), S9P_ERR_PROTOCOL},
+        {"size below a frame", Reply::bytes(datagram(2, 3)), S9P_ERR_PROTOCOL},
+        {"size 19", Reply::bytes(datagram(19, 19)), S9P_ERR_PROTOCOL},
+        {"size 255, 600 bytes", Reply::bytes(datagram(0xFF, 590)), S9P_ERR_PROTOCOL},
+        {"13 bytes, size 3", Reply::bytes(datagram(3, 3)), S9P_ERR_NONE},
+        {"size's high byte ignored", Reply::bytes(datagram(3, 3, 9)), S9P_ERR_NONE},
+        {"nak without its data byte", Reply::answer({0x11, 0x12}), S9P_ERR_COMM},
     };
     SimHandle s(Link::udp);
     zqhandler_set_timeout(s.zqh, 2000);
     for (const Case& c : cases) {
-        s.sim.script(Reply::bytes(c.datagram));
+        s.sim.script(c.reply);
         EXPECT_EQ(s.misc(kGpiCommand), c.code == S9P_ERR_NONE ? 0 : -1) << c.name;
         EXPECT_EQ(zqhandler_get_last_err(s.zqh), c.code) << c.name;
     }
@@ -325,6 +310,20 @@ TEST(Serial, command_bytes_are_written_and_an_answer_trickling_in_is_assembled) 
     EXPECT_EQ(zqhandler_cmd_sense_misc(s.zqh, sense, 3, answer), 4);
     EXPECT_EQ(hex({answer, answer + 4}), "71 20 05 96");
     EXPECT_EQ(hex(s.sim.received().at(0).wire), "61 20 0A 8B");
+}
+
+TEST(Serial, header_completed_after_the_time_out_gets_one_more_read_for_the_body) {
+    SimHandle s(Link::serial);
+    zqhandler_set_timeout(s.zqh, 100);
+    Reply late = Reply::answer({0x71, 0x20, 0x05});
+    late.delay_ms = 40;   // CMD1 and CMD2 in time, the data byte 10 ms after the time-out (in a
+    late.pieces = {2, 1}; // read that began before it), the checksum 70 ms after that
+    late.piece_gap_ms = 70;
+    s.sim.script(late);
+    uint8_t answer[S9P_MAX_FRAME];
+    const uint8_t sense[] = {0x61, 0x20, 0x0A};
+    EXPECT_EQ(zqhandler_cmd_sense_misc(s.zqh, sense, 3, answer), 4);
+    EXPECT_EQ(zqhandler_get_last_err(s.zqh), S9P_ERR_NONE);
 }
 
 TEST(Serial, answer_cut_after_cmd2_times_out) {
