@@ -1,5 +1,6 @@
 // Sony frames: the builder, the checksum and the error texts.
 #include "capture.h"
+#include "common.h"
 #include "loopback.h"
 
 #include <gtest/gtest.h>
@@ -7,10 +8,6 @@
 #include <zqhandler/sony9p.h>
 
 namespace {
-
-std::vector<uint8_t> frame_of(const t_s9p_command& cmd) {
-    return {cmd.data, cmd.data + cmd.len};
-}
 
 TEST(Sony9p, misc_appends_the_checksum_and_uses_the_low_nibble_of_the_count) {
     struct Case {
@@ -57,21 +54,12 @@ TEST(Sony9p, misc_refuses_a_count_that_cmd1_does_not_announce) {
     }
 }
 
-TEST(Sony9p, checksum_is_the_low_byte_of_the_sum) {
+TEST(Sony9p, checksum_of_nothing_is_zero_and_texts_keep_their_spelling) {
     const uint8_t bytes[] = {0xFF, 0x02};
     EXPECT_EQ(s9p_calculate_checksum(bytes, 0), 0);
     EXPECT_EQ(s9p_calculate_checksum(bytes, 2), 0x01);
-}
-
-TEST(Sony9p, every_error_code_has_its_message) {
-    const char* expected[] = {
-        "No error",          "Cheksum error",        "Communication error",
-        "Protocol error",    "Timeout error (send)", "Timeout error (receive)",
-        "System error",      "Not connected",        "Invalid argument",
-        "Permission denied", "Not implemented",      "Not found",
-        "Unknown error"};
-    for (int code = S9P_ERR_NONE; code <= S9P_ERR_LAST; ++code)
-        EXPECT_STREQ(s9p_err_string[code], expected[code]) << code;
+    EXPECT_STREQ(s9p_err_string[S9P_ERR_CHECKSUM], "Cheksum error");
+    EXPECT_STREQ(s9p_err_string[S9P_ERR_LAST], "Unknown error");
 }
 
 } // namespace

@@ -259,17 +259,6 @@ TEST_F(Vlmgpiod, multicast_gpo_requests_reach_the_next_host_and_do_not_come_back
     }
 }
 
-TEST_F(Vlmgpiod, debug_lines_appear_time_stamped_with_v_only) {
-    const std::regex debugLines(
-        R"((\[[A-Z][a-z]{2} [A-Z][a-z]{2} [ 123][0-9] [0-9:]{8} [0-9]{4}\] )"
-        R"(DEBUG: Raise GPI \(#32343, 0\) to the network\.\n)+)");
-    start({});
-    EXPECT_EQ(daemon->err(), "");
-    daemon.reset();
-    start({"-v"});
-    EXPECT_TRUE(std::regex_match(daemon->err(), debugLines)) << daemon->err();
-}
-
 TEST_F(Vlmgpiod, port_in_use_ends_the_daemon_with_the_bind_error) {
     UdpEndpoint taken(42001);
     Daemon process({}, path);
