@@ -9,10 +9,8 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
-#include <net/if.h>
 #include <poll.h>
 #include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -46,51 +44,30 @@ std::string fileText(const std::string& path) {
 std::string enterFreshNetworkNamespace() {
     if (unshare(CLONE_NEWNET) != 0)
         return failure("unshare(CLONE_NEWNET)");
-    int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    ifreq request{};
-    strcpy(request.ifr_name, "lo");
-    bool up = ioctl(fd, SIOCGIFFLAGS, &request) == 0 &&
-              (request.ifr_flags |= IFF_UP, ioctl(fd, SIOCSIFFLAGS, &request) == 0);
-    std::string error = up ? "" : failure("loopback up");
-    close(fd);
-    return error;
+    return std::system("ip link set lo up") == 0 ? "" : "could not bring loopback up";
 }
 
 PeerHost::PeerHost() {
-    int ready[2], hold[2];
-    if (pipe2(ready, O_CLOEXEC) != 0 || pipe2(hold, O_CLOEXEC) != 0) {
-        error_ = failure("pipe");
-        return;
+    // A namespace of its own lives as long as a descriptor of it is open: nothing has to sit in it.
+    int ours = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+    if (unshare(CLONE_NEWNET) == 0) {
+        nsFd_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+        setns(ours, CLONE_NEWNET);
     }
-    holder_ = fork();
-    if (holder_ == 0) { // sits in the peer namespace until the hold pipe closes
-        close(hold[1]);
-        char byte = unshare(CLONE_NEWNET) == 0 ? 'y' : 'n';
-        (void)!write(ready[1], &byte, 1);
-        (void)!read(hold[0], &byte, 1);
-        _exit(0);
-    }
-    close(ready[1]);
-    close(hold[0]);
-    holdFd_ = hold[1];
-    char byte = 'n';
-    (void)!read(ready[0], &byte, 1);
-    close(ready[0]);
-    const std::string pid = std::to_string(holder_), there = " && nsenter -t " + pid + " -n ";
+    close(ours);
+    const std::string peer = "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(nsFd_);
+    const std::string there = " && nsenter --net=" + peer + " ";
     const std::string commands =
-        "ip link add vlm-a type veth peer name vlm-b netns " + pid +
+        "ip link add vlm-a type veth peer name vlm-b netns " + peer +
         " && ip addr add 10.200.0.1/24 dev vlm-a && ip link set vlm-a up"
         " && ip route add 224.0.0.0/4 dev vlm-a" +
         there + "ip link set lo up" + there + "ip addr add 10.200.0.2/24 dev vlm-b" + there +
         "ip link set vlm-b up" + there + "ip route add 224.0.0.0/4 dev vlm-b";
-    if (byte != 'y' || std::system(commands.c_str()) != 0)
+    if (nsFd_ < 0 || std::system(commands.c_str()) != 0)
         error_ = "could not join the namespaces: " + commands;
-    nsFd_ = open(("/proc/" + pid + "/ns/net").c_str(), O_RDONLY | O_CLOEXEC);
 }
 
 PeerHost::~PeerHost() {
-    close(holdFd_);
-    waitpid(holder_, nullptr, 0);
     close(nsFd_);
 }
 

@@ -19,8 +19,8 @@ constexpr Gpio kProbe = {0x7E57, 0};
 // Moves the calling thread into a new network namespace with its loopback up; "" or what failed.
 std::string enterFreshNetworkNamespace();
 
-// A second host: a network namespace held by a child process, joined to ours by a veth pair
-// (10.200.0.1 here, 10.200.0.2 there), with a route for 224.0.0.0/4 on each side.
+// A second host: a network namespace of its own, joined to ours by a veth pair (10.200.0.1 here,
+// 10.200.0.2 there), with a route for 224.0.0.0/4 on each side.
 class PeerHost {
   public:
     static constexpr const char* kOurAddress = "10.200.0.1";
@@ -35,8 +35,6 @@ class PeerHost {
     int udpSocket(uint16_t port, const char* group = nullptr);
 
   private:
-    pid_t holder_ = -1;
-    int holdFd_ = -1;
     int nsFd_ = -1;
     std::string error_;
 };

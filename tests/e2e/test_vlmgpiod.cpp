@@ -89,25 +89,47 @@ class Vlmgpiod : public testing::Test {
     std::optional<Daemon> daemon;
 };
 
-TEST_F(Vlmgpiod, gpi_transitions_become_events_in_line_order) {
+// ctrld.out as the video server emulator, on its own port in the scenario's namespace.
+struct Ctrld : devsim::DevSim {
+    Ctrld() {
+        listen_udp("127.0.0.1", 32896);
+        start();
+    }
+    std::vector<std::string> frames() const {
+        std::vector<std::string> wires;
+        for (const auto& message : received())
+            wires.push_back(devsim::hex(message.wire));
+        return wires;
+    }
+};
+
+TEST_F(Vlmgpiod, gpi_transitions_reach_ctrld_then_become_events_in_line_order) {
+    Ctrld ctrld;
     board.emplace(path);
     board->setGpi(0x05); // latched before start-up: the first poll reports it
     start({});
+    const std::string header = "00 01 00 06 00 00 00 00 00 00 "; // ComHdr: type 1, size 6
     struct Step {
         std::function<void()> drive;
         std::vector<std::string> events;
+        std::string command; // 43 BF F0, transitions, levels, checksum
     } const steps[] = {
-        {[] {}, {event(0, 1), event(2, 1)}},
-        {[&] { board->pulse(3); }, {event(3, 2)}},
-        {[&] { board->setGpi(0x01); }, {event(2, 0)}},
+        {[] {}, {event(0, 1), event(2, 1)}, header + "43 BF F0 05 05 FC"},
+        {[&] { board->pulse(3); }, {event(3, 2)}, header + "43 BF F0 08 05 FF"},
+        {[&] { board->setGpi(0x01); }, {event(2, 0)}, header + "43 BF F0 04 01 F7"},
     };
-    for (const Step& step : steps) {
-        step.drive();
-        for (const std::string& expected : step.events)
+    for (size_t i = 0; i < std::size(steps); ++i) {
+        steps[i].drive();
+        for (const std::string& expected : steps[i].events)
             EXPECT_EQ(gpi->next(kWaitMs), expected);
+        // The events went out after ctrld.out answered: its command is already there.
+        auto frames = ctrld.frames();
+        ASSERT_EQ(frames.size(), i + 1);
+        EXPECT_EQ(frames[i], steps[i].command);
     }
     ASSERT_TRUE(boardSaw(3));
     EXPECT_EQ(gpi->next(0), "nothing") << "no transition, no datagram";
+    EXPECT_EQ(ctrld.received().size(), 3u) << "no transition, no command";
 }
 
 TEST_F(Vlmgpiod, gpo_requests_of_eight_bytes_or_more_are_written) {
@@ -136,36 +158,6 @@ TEST_F(Vlmgpiod, gpo_requests_of_eight_bytes_or_more_are_written) {
         EXPECT_EQ(count(board->transfers(), true, sdiboard::kGpoRegister), step.writes);
         EXPECT_EQ(board->registerValue(sdiboard::kGpoRegister), step.value) << hex(step.bytes);
     }
-}
-
-// ctrld.out as the video server emulator, on its own port in the scenario's namespace.
-struct Ctrld : devsim::DevSim {
-    Ctrld() {
-        listen_udp("127.0.0.1", 32896);
-        start();
-    }
-    std::vector<std::string> frames() const {
-        std::vector<std::string> wires;
-        for (const auto& message : received())
-            wires.push_back(devsim::hex(message.wire));
-        return wires;
-    }
-};
-
-TEST_F(Vlmgpiod, gpi_activity_reaches_ctrld_before_its_events) {
-    Ctrld ctrld;
-    board.emplace(path);
-    board->setGpi(0x08);
-    start({});
-    EXPECT_EQ(gpi->next(kWaitMs), event(3, 1));
-    board->setGpi(0x0C);
-    EXPECT_EQ(gpi->next(kWaitMs), event(2, 1));
-    // The daemon sent the event only after ctrld.out answered: the command is already there.
-    EXPECT_EQ(ctrld.frames(),
-              (std::vector<std::string>{"00 01 00 06 00 00 00 00 00 00 43 BF F0 08 08 02",
-                                        "00 01 00 06 00 00 00 00 00 00 43 BF F0 04 0C 02"}));
-    ASSERT_TRUE(boardSaw(2));
-    EXPECT_EQ(ctrld.received().size(), 2u) << "no transition, no command";
 }
 
 TEST_F(Vlmgpiod, without_ctrld_each_active_cycle_warns_and_its_events_still_go_out) {
