@@ -15,11 +15,13 @@
 namespace {
 
 const char* const kUsage =
-    "usage: sdiboard [-s PATH] [--absent | --stuck-scratch] [--all]\n"
+    "usage: sdiboard [-s PATH] [--absent | --stuck-scratch | --short | --late] [--all]\n"
     "  -s, --socket PATH   socket the daemon's SPI transfers reach (default: $TLAPI_SIM_SOCKET,\n"
     "                      else /tmp/sdiboard.sock)\n"
     "      --absent        play a board that never answers\n"
     "      --stuck-scratch play a board whose register 7 sticks at 0x42 once written\n"
+    "      --short         play a board that answers 2 bytes instead of 3\n"
+    "      --late          play a board that answers each transfer 50 ms late\n"
     "      --all           print every register write, not only the GPO register\n"
     "Commands, one per line on standard input:\n"
     "  gpi HEX     drive the eight GPI lines (bit n = line n), e.g. gpi 05\n"
@@ -91,6 +93,7 @@ int main(int argc, char** argv) {
     const option options[] = {
         {"socket", required_argument, nullptr, 's'},  {"absent", no_argument, nullptr, 'a'},
         {"stuck-scratch", no_argument, nullptr, 'k'}, {"all", no_argument, nullptr, 'A'},
+        {"short", no_argument, nullptr, 'S'},         {"late", no_argument, nullptr, 'L'},
         {"help", no_argument, nullptr, 'h'},          {nullptr, 0, nullptr, 0}};
     for (int option; (option = getopt_long(argc, argv, "s:h", options, nullptr)) != -1;) {
         switch (option) {
@@ -102,6 +105,12 @@ int main(int argc, char** argv) {
             break;
         case 'k':
             fault = sdiboard::Fault::StuckScratch;
+            break;
+        case 'S':
+            fault = sdiboard::Fault::ShortAnswers;
+            break;
+        case 'L':
+            fault = sdiboard::Fault::LateAnswers;
             break;
         case 'A':
             all = true;

@@ -121,10 +121,16 @@ void Board::serve() {
         socklen_t clientLength = sizeof client;
         long size = recvfrom(fd_, frame, sizeof frame, MSG_TRUNC,
                              reinterpret_cast<sockaddr*>(&client), &clientLength);
-        uint8_t reply[kFrameSize];
-        if (answer(frame, size, reply))
-            sendto(fd_, reply, sizeof reply, MSG_NOSIGNAL, reinterpret_cast<sockaddr*>(&client),
-                   clientLength);
+        uint8_t reply[kFrameSize + 1] = {};
+        if (!answer(frame, size, reply))
+            continue;
+        if (fault_ == Fault::LateAnswers)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        const size_t replySize = fault_ == Fault::ShortAnswers  ? kFrameSize - 1
+                                 : fault_ == Fault::LongAnswers ? kFrameSize + 1
+                                                                : kFrameSize;
+        sendto(fd_, reply, replySize, MSG_NOSIGNAL, reinterpret_cast<sockaddr*>(&client),
+               clientLength);
     }
 }
 

@@ -23,6 +23,9 @@ enum class Fault {
     None,
     Absent,       // receives transfers but never answers: the client reads a floating bus
     StuckScratch, // register 7 keeps 0x42 for ever once 0x42 has been written to it
+    ShortAnswers, // answers with 2 bytes instead of 3
+    LongAnswers,  // answers with 4 bytes instead of 3
+    LateAnswers,  // answers 50 ms after each frame, when the SPI client has given up on it
 };
 
 // One register access as the board served it; `value` is what was written or what was read.
