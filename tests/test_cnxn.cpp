@@ -1,4 +1,4 @@
-// Connection protocol: request bytes on the wire, sends with a payload, raw receives and flush.
+// Connection protocol: request bytes on the wire, raw receives and the flush.
 // The tunnel, headers in pieces and the keep-alive are shown end to end in test_zqhandler.
 #include "cnxn.h"
 #include "loopback.h"
@@ -65,22 +65,6 @@ TEST(Cnxn, requests_go_on_the_wire_as_tag_and_two_big_endian_arguments) {
         EXPECT_EQ(msg.payload_len, 0u) << c.wire;
         EXPECT_EQ(msg.data[CNXN_MAX_MESSAGE - 1], 0) << c.wire;
     }
-}
-
-TEST(Cnxn, send_writes_the_message_then_the_payload_and_nothing_for_an_empty_one) {
-    StreamPair pair;
-    const uint8_t payload[] = {0xDE, 0xAD};
-    t_cnxn_command msg{};
-    cnxn_putgop_command(&msg, 0, 2);
-    msg.payload = payload;
-    msg.payload_len = 2;
-    EXPECT_EQ(cnxn_send_cmd(&pair.hdl, &msg, 100), 0);
-    EXPECT_EQ(hex(pair.server_reads()), "70 67 6F 70 00 00 00 00 00 00 00 02 DE AD");
-
-    t_cnxn_command empty{};
-    EXPECT_EQ(cnxn_send_cmd(&pair.hdl, &empty, 100), 0);
-    EXPECT_EQ(cnxn_send_data(&pair.hdl, payload, 0, 100), 0);
-    EXPECT_EQ(hex(pair.server_reads()), "");
 }
 
 TEST(Cnxn, raw_receive_takes_what_is_asked_and_flush_drops_the_rest) {

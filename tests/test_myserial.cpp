@@ -1,5 +1,4 @@
 // Serial port on a pty pair: the 9-pin line settings, the old settings back on disconnect.
-#include "common.h"
 #include "myserial.h"
 
 #include <cstdlib>
@@ -70,16 +69,6 @@ TEST(MySerial, connect_sets_the_nine_pin_line_and_disconnect_restores_it) {
     EXPECT_EQ(p.port->fd, -1);
     const termios after = pty.settings();
     EXPECT_EQ(std::memcmp(&after, &kept, sizeof kept), 0);
-}
-
-TEST(MySerial, silent_line_reads_empty_after_a_tenth_of_a_second) {
-    Pty pty;
-    Port p;
-    ASSERT_EQ(serial_connect(p.port, pty.path.c_str()), 0);
-    uint8_t seen[8];
-    auto start = Clock::now();
-    EXPECT_EQ(serial_read(p.port, seen, sizeof seen), 0);
-    EXPECT_GE(elapsed_ms(start), 80);
 }
 
 } // namespace

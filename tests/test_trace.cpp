@@ -17,11 +17,8 @@ TEST_F(Trace, limit_lets_through_only_levels_below_it) {
         unsigned level;
         bool written;
     };
-    const Case cases[] = {{VLMLIB_TRACE_DEFAULT_LIMIT, 499, true},
-                          {VLMLIB_TRACE_DEFAULT_LIMIT, 500, false},
-                          {0, 0, false},
-                          {201, 200, true},
-                          {200, 200, false}};
+    const Case cases[] = {
+        {VLMLIB_TRACE_DEFAULT_LIMIT, 499, true}, {0, 0, false}, {200, 200, false}};
     EXPECT_EQ(_vlmlib_get_trace_level(), 500u);
     for (const Case& c : cases) {
         _vlmlib_set_trace_level(c.limit);
