@@ -5,56 +5,36 @@
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <string>
 #include <unistd.h>
 
 namespace {
 
-// A pty pair: the test keeps the master, the port opens the other end by its path.
-struct Pty {
-    int master = posix_openpt(O_RDWR | O_NOCTTY);
-    std::string path;
-    Pty() {
-        grantpt(master);
-        unlockpt(master);
-        path = ptsname(master);
-    }
-    ~Pty() { close(master); }
-    // The line's settings as the pty holds them (the master reports the other end's); zeroed
-    // first, so two of them compare as bytes.
-    termios settings() const {
+TEST(MySerial, connect_sets_the_nine_pin_line_and_disconnect_restores_it) {
+    // A pty pair: the test keeps the master, the port opens the other end by its path. The
+    // master reports the other end's settings; zeroed first, two of them compare as bytes.
+    const int master = posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_TRUE(master >= 0 && grantpt(master) == 0 && unlockpt(master) == 0);
+    auto settings = [master] {
         termios t{};
         tcgetattr(master, &t);
         return t;
-    }
-};
-
-struct Port {
-    s_serial_handle* port = serial_create_handle();
-    ~Port() {
-        serial_disconnect(port);
-        serial_delete_handle(port);
-    }
-};
-
-TEST(MySerial, connect_sets_the_nine_pin_line_and_disconnect_restores_it) {
-    Pty pty;
+    };
     // A line as another program might leave it: 9600 baud, canonical, echo, CR translation.
-    termios before = pty.settings();
+    termios before = settings();
     before.c_iflag = ICRNL | IXON;
     before.c_oflag = OPOST | ONLCR;
     before.c_lflag = ICANON | ECHO;
     before.c_cc[VMIN] = 1;
     cfsetispeed(&before, B9600);
     cfsetospeed(&before, B9600);
-    ASSERT_EQ(tcsetattr(pty.master, TCSANOW, &before), 0);
-    const termios kept = pty.settings(); // what the pty actually kept
+    ASSERT_EQ(tcsetattr(master, TCSANOW, &before), 0);
+    const termios kept = settings(); // what the pty actually kept
 
-    Port p;
-    ASSERT_EQ(serial_connect(p.port, pty.path.c_str()), 0);
-    EXPECT_EQ(p.port->tm_in, 60u);
-    EXPECT_EQ(p.port->tm_out, 60u);
-    termios line = pty.settings();
+    s_serial_handle* port = serial_create_handle();
+    ASSERT_EQ(serial_connect(port, ptsname(master)), 0);
+    EXPECT_EQ(port->tm_in, 60u);
+    EXPECT_EQ(port->tm_out, 60u);
+    termios line = settings();
     EXPECT_EQ(line.c_iflag, static_cast<tcflag_t>(IGNBRK | INPCK | IXANY));
     EXPECT_EQ(line.c_oflag, 0u);
     EXPECT_EQ(line.c_lflag, 0u);
@@ -65,10 +45,12 @@ TEST(MySerial, connect_sets_the_nine_pin_line_and_disconnect_restores_it) {
     EXPECT_EQ(line.c_cc[VTIME], 1);
     EXPECT_EQ(cfgetospeed(&line), static_cast<speed_t>(B38400));
 
-    serial_disconnect(p.port);
-    EXPECT_EQ(p.port->fd, -1);
-    const termios after = pty.settings();
+    serial_disconnect(port);
+    EXPECT_EQ(port->fd, -1);
+    const termios after = settings();
     EXPECT_EQ(std::memcmp(&after, &kept, sizeof kept), 0);
+    serial_delete_handle(port);
+    close(master);
 }
 
 } // namespace

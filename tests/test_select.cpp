@@ -29,24 +29,18 @@ struct FullPipe {
 };
 
 // Delivers SIGALRM once after `ms`, to a handler that does nothing and does not restart calls.
-class AlarmAfter {
-  public:
+struct AlarmAfter {
     explicit AlarmAfter(int ms) {
         struct sigaction action {};
         action.sa_handler = [](int) {};
-        sigaction(SIGALRM, &action, &previous_);
-        itimerval timer{};
-        timer.it_value.tv_usec = ms * 1000;
-        setitimer(ITIMER_REAL, &timer, nullptr);
+        sigaction(SIGALRM, &action, &previous);
+        ualarm(static_cast<useconds_t>(ms) * 1000, 0);
     }
     ~AlarmAfter() {
-        itimerval off{};
-        setitimer(ITIMER_REAL, &off, nullptr);
-        sigaction(SIGALRM, &previous_, nullptr);
+        ualarm(0, 0);
+        sigaction(SIGALRM, &previous, nullptr);
     }
-
-  private:
-    struct sigaction previous_ {};
+    struct sigaction previous {};
 };
 
 TEST(Select, each_wait_reports_readiness_time_out_or_failure_with_its_texts) {
