@@ -96,9 +96,9 @@ ZQ_API int tcstr_decremente(char* tc, int32_t rate, int32_t drop, int32_t wrap,
                             int32_t restart_hour);
 
 /* Inclusive duration from `start` to `end`, field by field at `rate` (never drop-frame). An `end`
- * earlier than `start` gives an empty result; equal ones give 00:00:00:01 at any rate. When a positive
- * `hour_limit` is reached by the end frame, the result is 00:00:00:00 with `wrap`, else the
- * difference without it. Returns 0. */
+ * earlier than `start` gives an empty result; equal ones give 00:00:00:01 at any rate. When a
+ * positive `hour_limit` is reached by the end frame, the result is 00:00:00:00 with `wrap`, else
+ * the difference without it. Returns 0. */
 ZQ_API int tcstr_compute_duration(char* result, const char* start, const char* end, int32_t rate,
                                   int32_t wrap, int32_t hour_limit);
 
