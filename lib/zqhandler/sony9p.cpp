@@ -35,6 +35,14 @@ int s9p_misc(t_s9p_command* cmd, const uint8_t* bytes, int count) {
     return fail(cmd, S9P_INVAL_ARG);
 }
 
+int s9p_set_frame(t_s9p_command& cmd, std::span<const uint8_t> frame) {
+    const size_t n = std::min(frame.size(), size_t{S9P_MAX_FRAME - 1});
+    std::copy_n(frame.begin(), n, cmd.data);
+    cmd.data[n] = static_cast<uint8_t>(s9p_calculate_checksum(cmd.data, static_cast<int>(n)));
+    cmd.len = static_cast<uint8_t>(n + 1);
+    return 0;
+}
+
 bool s9p_checksum_ok(const t_s9p_command& frame) {
     if (frame.len < S9P_MIN_FRAME || frame.len > S9P_MAX_FRAME)
         return false;
