@@ -4,5 +4,7 @@
 #include <zqhandler/sony9p.h>
 #include <zqhandler/cnxn.h>
 #include <zqhandler/zqhandler.h>
+#include <zqhandler/odetics.h>
+#include <zqhandler/tavon.h>
 
 int c_headers_compiled(void) { return 1; }

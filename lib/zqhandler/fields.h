@@ -5,7 +5,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <span>
 #include <zqhandler/tc.h>
+
+#include "wire.h"
 
 // A clip ID or a media file name on the wire: always this many bytes, never terminated.
 inline constexpr size_t kIdBytes = 8;
@@ -36,3 +39,38 @@ inline void put_media_name(uint8_t* out, const char* name) {
 inline void put_timecode(uint8_t* out, const char* tc) {
     tc_tcstr2bcd(out, tc ? tc : "");
 }
+
+// The bytes of a frame composed field by field, for builders whose frame is computed. Holds at
+// most Capacity bytes: a field that would not fit is left out whole (builders compose fixed
+// layouts well inside it).
+template <size_t Capacity> class FrameBytes {
+  public:
+    FrameBytes& byte(uint8_t value) {
+        return put(1, [&](uint8_t* p) { *p = value; });
+    }
+    FrameBytes& be32(uint32_t value) {
+        return put(4, [&](uint8_t* p) { put_be32(p, value); });
+    }
+    FrameBytes& clip_id(const char* id) {
+        return put(kIdBytes, [&](uint8_t* p) { put_clip_id(p, id); });
+    }
+    FrameBytes& media_name(const char* name) {
+        return put(kIdBytes, [&](uint8_t* p) { put_media_name(p, name); });
+    }
+    FrameBytes& timecode(const char* tc) {
+        return put(kTcBytes, [&](uint8_t* p) { put_timecode(p, tc); });
+    }
+    std::span<const uint8_t> bytes() const { return {bytes_, size_}; }
+
+  private:
+    template <typename Write> FrameBytes& put(size_t count, Write&& write) {
+        if (Capacity - size_ >= count) {
+            write(bytes_ + size_);
+            size_ += count;
+        }
+        return *this;
+    }
+
+    uint8_t bytes_[Capacity]{};
+    size_t size_ = 0;
+};
