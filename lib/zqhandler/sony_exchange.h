@@ -33,7 +33,28 @@ int s9p_exchange(t_zqhandler* zqh, Build&& build, Check&& check, Result&& result
     return result(static_cast<const t_s9p_command&>(cmd));
 }
 
-// Answer checks shared by many operations.
+// Answer checks shared by many operations. An answer record always holds CMD1, CMD2 and a
+// checksum (len 3 or more); how many data bytes came is told by len, not by CMD1's count, since a
+// datagram or a stream message may carry fewer than CMD1 announces.
+
+// The data bytes the answer holds, between CMD2 and the checksum.
+inline int s9p_data_count(const t_s9p_command& ans) {
+    return ans.len - 3;
+}
+
 inline e_s9p_err s9p_accept_any(const t_s9p_command&) {
     return S9P_ERR_NONE;
+}
+
+// An ACK: the first byte is 0x10; the second is not examined.
+inline e_s9p_err s9p_accept_ack(const t_s9p_command& ans) {
+    return ans.data[0] == 0x10 ? S9P_ERR_NONE : S9P_ERR_PROTOCOL;
+}
+
+// A check accepting an answer that starts with `cmd1` `cmd2` and holds `data` data bytes or more.
+inline auto s9p_expect(uint8_t cmd1, uint8_t cmd2, int data = 0) {
+    return [=](const t_s9p_command& ans) {
+        const bool ok = ans.data[0] == cmd1 && ans.data[1] == cmd2 && s9p_data_count(ans) >= data;
+        return ok ? S9P_ERR_NONE : S9P_ERR_PROTOCOL;
+    };
 }
