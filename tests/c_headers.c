@@ -6,5 +6,7 @@
 #include <zqhandler/zqhandler.h>
 #include <zqhandler/odetics.h>
 #include <zqhandler/tavon.h>
+#include <zqhandler/zqhandler_odetics.h>
+#include <zqhandler/zqhandler_tavon.h>
 
 int c_headers_compiled(void) { return 1; }

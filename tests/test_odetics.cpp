@@ -2,10 +2,12 @@
 // against the emulator.
 #include "common.h"
 #include "devsim.h"
+#include "op_table.h"
 
 #include <functional>
 #include <gtest/gtest.h>
 #include <zqhandler/odetics.h>
+#include <zqhandler/zqhandler_odetics.h>
 
 namespace {
 
@@ -93,6 +95,116 @@ TEST(OdeticsBuilders, frames_carry_ids_timecodes_and_their_checksum) {
         EXPECT_EQ(cmd.err_status, 99u) << c.name;
         EXPECT_EQ(c.build(nullptr), -1) << c.name;
     }
+}
+
+} // namespace
+
+namespace {
+
+#define CLIP1 'C', 'L', 'I', 'P', '1', 0x20, 0x20, 0x20
+const uint8_t kNoise[] = {0x12, 0x11, 0x00, 0x00};
+const OpCase::Bytes kNotAck(kNoise, kNoise + 4);
+
+// ACK operations: any answer starting 0x10 succeeds; anything else is a protocol error.
+OpCase acked(const char* name, std::function<int(t_zqhandler*)> op, OpCase::Bytes sent) {
+    return {name,   [op](t_zqhandler* h, uint8_t*) { return op(h); }, sent, {0x10, 0x05}, 0, {},
+            kNotAck};
+}
+
+char* text(uint8_t* out) {
+    return reinterpret_cast<char*>(out);
+}
+
+const OpCase kOperations[] = {
+    acked("automode", [](auto h) { return zqhandler_cmd_automode(h, 1); }, {0x40, 0x41}),
+    acked("inPreset", [](auto h) { return zqhandler_cmd_odetics_inPreset(h, "CLIP1", nullptr); },
+          {0x48, 0x14, CLIP1}),
+    acked("outPreset", [](auto h) { return zqhandler_cmd_odetics_outPreset(h, nullptr); },
+          {0x40, 0x15}),
+    acked("inPreview", [](auto h) { return zqhandler_cmd_odetics_inPreview(h, nullptr, nullptr); },
+          {0xA0, 0x04}),
+    acked("outPreview", [](auto h) { return zqhandler_cmd_odetics_outPreview(h, "01:02:03:04"); },
+          {0xA4, 0x05, TC_1234}),
+    acked("recordCueUp",
+          [](auto h) { return zqhandler_cmd_odetics_recordCueUp(h, "CLIP1", nullptr); },
+          {0xA8, 0x02, CLIP1}),
+    acked("eraseID", [](auto h) { return zqhandler_cmd_odetics_eraseID(h, "CLIP1"); },
+          {0xA8, 0x10, CLIP1}),
+    acked(
+        "eraseSegment",
+        [](auto h) { return zqhandler_cmd_odetics_eraseSegment(h, "01:02:03:04", "00:00:00:00"); },
+        {0xA8, 0x11, TC_1234, 0, 0, 0, 0}),
+    acked("set_deviceID", [](auto h) { return zqhandler_cmd_odetics_set_deviceID(h, kDeviceId); },
+          {0xA8, 0x20, 'D', 0, 'V', 0xFF, 1, 2, 3, 0}),
+    {"first ID",
+     [](auto h, auto out) { return zqhandler_cmd_odetics_sense_firstID(h, text(out)); },
+     {0xA0, 0x14},
+     {0x88, 0x14, CLIP1},
+     0,
+     {CLIP1, 0},
+     // a next-ID answer is not a first ID
+     {0x88, 0x15, CLIP1},
+     S9P_ERR_PROTOCOL,
+     "",
+     true},
+    {"first ID of an empty list",
+     [](auto h, auto out) { return zqhandler_cmd_odetics_sense_firstID(h, text(out)); },
+     {0xA0, 0x14},
+     {0x88, 0x14, CLIP1},
+     0,
+     {CLIP1, 0},
+     {0x80, 0x14},
+     S9P_NOTFOUND,
+     "",
+     true},
+    {"next ID",
+     [](auto h, auto out) { return zqhandler_cmd_odetics_sense_nextID(h, text(out)); },
+     {0xA0, 0x15},
+     {0x88, 0x14, CLIP1},
+     0,
+     {CLIP1, 0},
+     // an ID cut short in its datagram
+     {0x88, 0x15, 'C', 'L'},
+     S9P_ERR_PROTOCOL,
+     "",
+     true},
+    {"next ID past the end",
+     [](auto h, auto out) { return zqhandler_cmd_odetics_sense_nextID(h, text(out)); },
+     {0xA0, 0x15},
+     {0x88, 0x15, CLIP1},
+     0,
+     {CLIP1, 0},
+     {0x80, 0x15},
+     S9P_NOTFOUND,
+     "",
+     true},
+    {"ID status",
+     [](auto h, auto out) { return zqhandler_cmd_odetics_sense_id_status(h, "CLIP1", out); },
+     {0xA8, 0x18, CLIP1},
+     {0x81, 0x18, 0x05},
+     0,
+     {0x05},
+     {0x81, 0x19, 0x05}},
+    {"ID length",
+     [](auto h, auto out) { return zqhandler_cmd_odetics_sense_id_length(h, "CLIP1", text(out)); },
+     {0x69, 0xC1, 0x03, CLIP1},
+     {0x74, 0xC1, 0x15, 0x30, 0x20, 0x10},
+     0,
+     {'1', '0', ':', '2', '0', ':', '3', '0', ':', '1', '5', 0},
+     {0x74, 0xC1, 0x15}},
+};
+
+TEST(OdeticsOperations, send_their_frame_and_check_the_answer) {
+    for (const OpCase& c : kOperations)
+        run_op_case(c);
+}
+
+TEST(OdeticsOperations, id_status_and_length_outputs_are_optional) {
+    SimHandle s(devsim::Link::udp);
+    s.sim.script(devsim::Reply::answer({0x81, 0x18, 0x05}));
+    EXPECT_EQ(zqhandler_cmd_odetics_sense_id_status(s.zqh, "A", nullptr), 0);
+    s.sim.script(devsim::Reply::answer({0x74, 0xC1, 0, 0, 0, 0}));
+    EXPECT_EQ(zqhandler_cmd_odetics_sense_id_length(s.zqh, "A", nullptr), 0);
 }
 
 } // namespace
