@@ -25,6 +25,24 @@ std::string hex(const std::vector<uint8_t>& bytes) {
     return text;
 }
 
+bool parse_hex(const std::string& text, std::vector<uint8_t>& bytes) {
+    bytes.clear();
+    for (size_t i = 0; i < text.size();) {
+        if (text[i] == ' ') {
+            ++i;
+            continue;
+        }
+        char pair[3] = {text[i], i + 1 < text.size() ? text[i + 1] : '\0', '\0'};
+        char* end = nullptr;
+        unsigned long value = strtoul(pair, &end, 16);
+        if (end != pair + 2 || pair[0] == '+' || pair[0] == '-')
+            return false;
+        bytes.push_back(static_cast<uint8_t>(value));
+        i += 2;
+    }
+    return true;
+}
+
 void usage_exit(const char* usage) {
     fputs(usage, stderr);
     exit(2);

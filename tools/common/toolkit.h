@@ -11,6 +11,9 @@
 sockaddr_in loopback_address(uint16_t port);
 // "43 BF F0 04 0C 02".
 std::string hex(const std::vector<uint8_t>& bytes);
+// The bytes of hex text such as "43 BF f0" (pairs of digits, spaces between bytes optional);
+// false, with `bytes` unspecified, for anything else.
+bool parse_hex(const std::string& text, std::vector<uint8_t>& bytes);
 
 // Prints `usage` on standard error and exits with status 2.
 [[noreturn]] void usage_exit(const char* usage);
