@@ -4,6 +4,8 @@
 #include <zqhandler/sony9p.h>
 #include <zqhandler/cnxn.h>
 #include <zqhandler/zqhandler.h>
+#include <zqhandler/s9p_commands.h>
+#include <zqhandler/zqhandler_sony.h>
 #include <zqhandler/odetics.h>
 #include <zqhandler/tavon.h>
 #include <zqhandler/zqhandler_odetics.h>
