@@ -394,6 +394,12 @@ void DevSim::answer(Link link, int fd, const sockaddr_in& to) {
     if (reply.silent)
         return;
     Bytes frame = reply.frame;
+    if (frame.empty() && reply.raw.empty()) {
+        std::unique_lock lock(mutex_); // the command answered is the one just recorded
+        Bytes request = received_.empty() ? Bytes{} : received_.back().frame;
+        lock.unlock();
+        frame = with_checksum(sony_.answer(request));
+    }
     if (reply.corrupt_checksum && !frame.empty())
         ++frame.back();
     Bytes bytes = reply.raw.empty() ? framed(link, frame) : reply.raw;

@@ -2,6 +2,7 @@
 // protocol and on a pty serial line, with scriptable faults, and records every message it gets.
 #pragma once
 
+#include "sony_answers.h"
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -10,6 +11,7 @@
 #include <mutex>
 #include <netinet/in.h>
 #include <string>
+
 #include <thread>
 #include <toolkit.h>
 #include <vector>
@@ -23,19 +25,20 @@ enum class Link { udp, tcp, serial };
 // A Sony frame from CMD1, CMD2 and data, with its checksum appended.
 Bytes with_checksum(Bytes bytes);
 
-// How the emulator answers one command. The default answer is an ACK (10 01 11), framed for the
-// link the command came on: a ComHdr datagram, a "s9p " message, or the bare frame.
+// How the emulator answers one command, framed for the link the command came on: a ComHdr
+// datagram, a "s9p " message, or the bare frame. Without a frame of its own, the answer is the
+// server's (SonyAnswers): an ACK to a command, the sense's value to a sense.
 struct Reply {
-    Bytes frame = {0x10, 0x01, 0x11}; // the answer frame, checksum included
-    bool silent = false;              // answer nothing
-    int delay_ms = 0;                 // answer this late
-    bool corrupt_checksum = false;    // the frame's last byte plus one
-    bool from_other_address = false;  // UDP: answer from the emulator's second socket
-    Bytes raw;                        // when not empty, exactly these bytes go on the link
-    std::vector<size_t> pieces;       // send in pieces of these sizes, the rest in a last one...
-    int piece_gap_ms = 0;             // ...this far apart
+    Bytes frame;                     // the answer frame, checksum included; empty: the server's
+    bool silent = false;             // answer nothing
+    int delay_ms = 0;                // answer this late
+    bool corrupt_checksum = false;   // the frame's last byte plus one
+    bool from_other_address = false; // UDP: answer from the emulator's second socket
+    Bytes raw;                       // when not empty, exactly these bytes go on the link
+    std::vector<size_t> pieces;      // send in pieces of these sizes, the rest in a last one...
+    int piece_gap_ms = 0;            // ...this far apart
 
-    static Reply ack() { return {}; }
+    static Reply ack() { return answer({0x10, 0x01}); }
     static Reply nak(uint8_t error_bits) { return answer({0x11, 0x12, error_bits}); }
     // An answer frame given without its checksum.
     static Reply answer(Bytes frame_without_checksum);
@@ -77,6 +80,8 @@ class DevSim {
     // Answers to the next commands, in order; once used up, the default answers.
     void script(Reply reply);
     void set_default(Reply reply);
+    // The server's own answers, used when no scripted or default reply brings a frame.
+    SonyAnswers& sony() { return sony_; }
     // Called on the serving thread for every message received, after it is recorded.
     void on_receive(std::function<void(const Received&)> observer);
 
@@ -134,6 +139,7 @@ class DevSim {
     std::vector<Received> received_;
     size_t replies_sent_ = 0;
     std::function<void(const Received&)> observer_;
+    SonyAnswers sony_;
 };
 
 using ::hex; // "43 BF F0 04 0C 02"
