@@ -26,10 +26,12 @@ Bytes padded_id(const std::string& id) {
 }
 
 // CMD1 of group `group` counting `data`, CMD2, then the data (at most 15 bytes).
-Bytes frame(uint8_t group, uint8_t cmd2, Bytes data) {
-    data.resize(std::min(data.size(), kMaxData));
-    Bytes out = {static_cast<uint8_t>(group | data.size()), cmd2};
-    out.insert(out.end(), data.begin(), data.end());
+Bytes frame(uint8_t group, uint8_t cmd2, const Bytes& data) {
+    const size_t n = std::min(data.size(), kMaxData);
+    Bytes out(2 + n);
+    out[0] = static_cast<uint8_t>(group | n);
+    out[1] = cmd2;
+    std::copy_n(data.begin(), n, out.begin() + 2);
     return out;
 }
 
