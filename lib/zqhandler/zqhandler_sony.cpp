@@ -214,13 +214,13 @@ int zqhandler_cmd_sense_misc(t_zqhandler* zqh, const uint8_t* bytes, int count, 
         });
 }
 
-int zqhandler_cmd_basic(t_zqhandler* zqh, e_basic_command command) {
+int zqhandler_cmd_basic(t_zqhandler* zqh, int command) {
     if (command < 0 || command >= BAS_CMD_LAST)
         return -1;
     return acked(zqh, [&](t_s9p_command& c) { return kBasicCommands[command].build(&c); });
 }
 
-int zqhandler_cmd_sense_basic(t_zqhandler* zqh, e_basic_sense sense, uint8_t* out) {
+int zqhandler_cmd_sense_basic(t_zqhandler* zqh, int sense, uint8_t* out) {
     if (sense < 0 || sense >= BAS_SENSE_LAST || !kBasicSenses[sense].build || !out)
         return -1;
     const SenseRow& row = kBasicSenses[sense];
@@ -234,7 +234,7 @@ int zqhandler_cmd_sense_status(t_zqhandler* zqh, uint8_t* out) {
     return zqhandler_cmd_sense_basic(zqh, BAS_SENSE_STATUS, out);
 }
 
-int zqhandler_cmd_sense_timecode(t_zqhandler* zqh, e_basic_sense which, char* tc) {
+int zqhandler_cmd_sense_timecode(t_zqhandler* zqh, int which, char* tc) {
     if ((which != BAS_SENSE_TC && which != BAS_SENSE_ODETICS_STORAGE) || !tc)
         return -1;
     const bool storage = which == BAS_SENSE_ODETICS_STORAGE;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "sony_answers.h"
+
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -11,7 +12,6 @@
 #include <mutex>
 #include <netinet/in.h>
 #include <string>
-
 #include <thread>
 #include <toolkit.h>
 #include <vector>

@@ -3,9 +3,9 @@
  *
  * Each operation is one exchange of zqhandler_cmd_misc (zqhandler.h): one command, one answer,
  * both kept in data.s9p; transport failures and NAKs leave their codes in lasterr as described
- * there. An answer that is not the one the operation accepts is S9P_ERR_PROTOCOL. An answer
- * whose data is read and whose length disagrees with the data count in its CMD1 (possible on
- * UDP and TCP, where the length comes from the message header) is S9P_ERR_PROTOCOL too.
+ * there. An answer that is not the one the operation accepts is S9P_ERR_PROTOCOL; so is one whose
+ * data is read but which holds fewer data bytes than its CMD1 announces (possible on UDP and TCP,
+ * where the length comes from the message header).
  *
  * Arguments refused before anything is sent (a value outside a table, a null output, an argument
  * the builder refuses, see s9p_commands.h) return -1 and leave lasterr alone.
@@ -103,17 +103,19 @@ typedef enum e_basic_sense {
 /* A timecode string, "HH:MM:SS:FF" and its NUL. */
 #define ZQ_TC_BYTES 12
 
-/* ---- Table-driven commands and senses ---- */
+/* ---- Table-driven commands and senses ----
+ * `command`, `sense` and `which` are e_basic_command and e_basic_sense values, passed as int so
+ * that any value a caller holds, in or out of the enumeration, is checked rather than assumed. */
 
 /* Sends the command; ACK. A value outside e_basic_command (below 0, BAS_CMD_LAST or more) is
  * refused before anything is sent. */
-ZQ_API int zqhandler_cmd_basic(t_zqhandler* zqh, e_basic_command command);
+ZQ_API int zqhandler_cmd_basic(t_zqhandler* zqh, int command);
 /* Sends the sense and checks the answer as the table says; copies the answer's N data bytes
  * (N = its CMD1's low nibble) into `out` (ZQ_SENSE_BYTES), with a zero after them when N is 2
  * or more, and returns N. BAS_SENSE_IP_ADDRESS writes its first four data bytes as the text
  * "a.b.c.d" (NUL-terminated) and returns the text's length. Values outside the table and 34 to
  * 39 are refused before anything is sent. */
-ZQ_API int zqhandler_cmd_sense_basic(t_zqhandler* zqh, e_basic_sense sense, uint8_t* out);
+ZQ_API int zqhandler_cmd_sense_basic(t_zqhandler* zqh, int sense, uint8_t* out);
 /* zqhandler_cmd_sense_basic with BAS_SENSE_STATUS. */
 ZQ_API int zqhandler_cmd_sense_status(t_zqhandler* zqh, uint8_t* out);
 
@@ -123,7 +125,7 @@ ZQ_API int zqhandler_cmd_sense_status(t_zqhandler* zqh, uint8_t* out);
  * 16 or 17; BAS_SENSE_ODETICS_STORAGE sends A0 1C and accepts 8x. The answer must carry 4 data
  * bytes at least; the first four become the timecode string in `tc` (ZQ_TC_BYTES). Any other
  * `which` is refused before anything is sent. Returns 0. */
-ZQ_API int zqhandler_cmd_sense_timecode(t_zqhandler* zqh, e_basic_sense which, char* tc);
+ZQ_API int zqhandler_cmd_sense_timecode(t_zqhandler* zqh, int which, char* tc);
 /* Cues to the timecode (null: to the preset in-point); ACK. */
 ZQ_API int zqhandler_cmd_cueWithData(t_zqhandler* zqh, const char* tc);
 
