@@ -4,5 +4,8 @@
 #include <zqhandler/sony9p.h>
 #include <zqhandler/cnxn.h>
 #include <zqhandler/zqhandler.h>
+#include <zqhandler/basic.h>
+#include <zqhandler/louth.h>
+#include <zqhandler/zqhandler_louth.h>
 
 int c_headers_compiled(void) { return 1; }
