@@ -15,8 +15,11 @@ const char kUsage[] =
     "usage: devsim udp ADDRESS PORT [OPTION...]\n"
     "       devsim tcp ADDRESS PORT [OPTION...]\n"
     "       devsim serial [LINK] [OPTION...]\n"
-    "Answers Sony 9-pin commands (ACK by default) and prints each one as hex bytes.\n"
+    "Answers Sony 9-pin commands (ACK by default), or Louth commands as a server would, and\n"
+    "prints each one as hex bytes.\n"
     "options:\n"
+    "  --louth        udp and serial: speak Louth instead of Sony 9-pin\n"
+    "  --refuse BYTE  Louth: refuse every command (05 BYTE)\n"
     "  --nak BITS     answer every command with a NAK carrying these error bits\n"
     "  --silent       never answer\n"
     "  --delay MS     answer MS milliseconds late\n"
@@ -28,6 +31,7 @@ struct Options {
     uint16_t port = 0;
     std::string pty_link; // serial: a symbolic link to the pty, for controllers given a path
     devsim::Reply reply;
+    bool louth = false;
 };
 
 [[noreturn]] void usage() {
@@ -65,6 +69,10 @@ Options parse(int argc, char** argv) {
             o.reply = devsim::Reply::nak(static_cast<uint8_t>(number(argv[++i])));
         else if (option == "--delay" && has_value)
             o.reply.delay_ms = static_cast<int>(number(argv[++i]));
+        else if (option == "--louth" && o.link != "tcp")
+            o.louth = true;
+        else if (option == "--refuse" && has_value)
+            o.reply.louth = {0x05, static_cast<uint8_t>(number(argv[++i]))};
         else if (option == "--silent")
             o.reply.silent = true;
         else if (option == "--corrupt")
@@ -122,6 +130,9 @@ int main(int argc, char** argv) {
         fprintf(stderr, "devsim: %s\n", e.what());
         return 1;
     }
+    if (options.louth)
+        sim.set_protocol(options.link == "udp" ? devsim::Link::udp : devsim::Link::serial,
+                         devsim::Protocol::louth);
     sim.set_default(options.reply);
     sim.on_receive(print);
     sim.start();
