@@ -329,7 +329,10 @@ void DevSim::receive_udp(int fd, uint16_t local_port) {
     if (static_cast<size_t>(n) > kComHdr)
         message.frame.assign(datagram + kComHdr, datagram + n);
     record(message);
-    if (louth_udp_)
+    // The header's type tells what a datagram carries (1 Sony, 5 Louth); any other is taken as
+    // the link's protocol. So one UDP link serves controllers of both.
+    const int type = n >= 2 ? datagram[0] << 8 | datagram[1] : 0;
+    if (type == 5 || (type != 1 && louth_udp_))
         answer_louth(Link::udp, fd, from, message.frame);
     else
         answer(Link::udp, fd, from);

@@ -81,7 +81,8 @@ class DevSim {
     // Opens a pty pair in raw mode; returns the path of the end a controller opens.
     std::string open_pty();
     // Makes a UDP or serial link speak Louth (ComHdr_louth datagrams, or Louth frames on the pty);
-    // call before start(). Every link speaks Sony until told otherwise.
+    // call before start(). Every link speaks Sony until told otherwise. On UDP a datagram of type
+    // 1 is always Sony and one of type 5 always Louth: the choice rules the other types.
     void set_protocol(Link link, Protocol protocol);
 
     void start();
