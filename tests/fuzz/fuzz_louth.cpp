@@ -20,7 +20,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     LouthAnswerAssembler serial;
     // Each read: one byte tells how many bytes the line hands over (0 is a silent read).
     for (size_t at = 0; at < size && serial.missing() > 0;) {
-        size_t chunk = std::min<size_t>(data[at++] % 8, size - at);
+        const size_t announced = data[at++] % 8;
+        const size_t chunk = std::min(announced, size - at);
         at += serial.take({data + at, chunk});
     }
     auto bytes = serial.answer();
