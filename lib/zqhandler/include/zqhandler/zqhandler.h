@@ -1,4 +1,5 @@
-/* The device-control handle: its connections, time-out, last error and the Sony exchange. */
+/* The device-control handle: its connections, time-out, last error, the records of its last
+ * Sony or Louth exchange, and the Sony exchange (the Louth operations are in zqhandler_louth.h). */
 #ifndef ZQHANDLER_ZQHANDLER_H
 #define ZQHANDLER_ZQHANDLER_H
 

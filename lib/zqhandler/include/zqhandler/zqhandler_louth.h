@@ -12,7 +12,9 @@
  * read; when the send or read fails they keep the previous exchange's, when the answer is judged
  * wrong they hold this one. They overlay data.s9p: an exchange of either protocol overwrites both.
  *
- * Units. Only the unit's low four bits are sent.
+ * Arguments. Only the unit's low four bits are sent. IDs and timecodes are strings read during
+ * the call only, encoded as louth.h says (a null ID is eight spaces, a null or unreadable
+ * timecode the zero timecode).
  * Frames in datagrams. The datagram header sets an answer's length; an answer frame whose own byte
  * count runs past that length is refused with S9P_ERR_PROTOCOL, so that nothing is read beyond
  * the answer that came.
