@@ -30,7 +30,7 @@
 ZQ_BEGIN_DECLS
 
 /* Room in a record, and the longest frame it can hold (len is 8 bits): a byte count of at most
- * 252, 250 data bytes. Builders do not check this; callers of louth_misc respect it. */
+ * 252, 250 data bytes. The fixed builders stay far below it. */
 #define LOUTH_DATA_SIZE 256
 #define LOUTH_MAX_FRAME 255
 #define LOUTH_MAX_COUNT 252
@@ -65,8 +65,9 @@ typedef struct s_ComHdr_louth {
  * count is 0 or less. */
 ZQ_API unsigned int louth_calculate_checksum(const uint8_t* bytes, int count);
 
-/* The frame 0x02, count (low 8 bits), the `count` bytes at `bytes` (CMD1, CMD2, data), checksum;
- * len = count + 3. Returns 0 (-1 for a null record). A null `bytes` is taken as count 0. */
+/* The frame 0x02, count, the `count` bytes at `bytes` (CMD1, CMD2, data), checksum; len =
+ * count + 3. Returns 0 (-1 for a null record). Choice: a count above LOUTH_MAX_COUNT is cut to it
+ * and a negative one, like a null `bytes`, is 0, so that the frame always fits the record. */
 ZQ_API int louth_misc(t_louth_command* cmd, const uint8_t* bytes, int count);
 
 /* Transport commands, CMD1 0x1u. */
