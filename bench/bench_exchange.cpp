@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 #include <zqhandler/zqhandler.h>
+#include <zqhandler/zqhandler_louth.h>
 #include <zqhandler/zqhandler_sony.h>
 
 namespace {
@@ -104,6 +105,45 @@ void BM_sense_basic_vs_misc(benchmark::State& state) {
     zqhandler_delete(handle);
 }
 BENCHMARK(BM_sense_basic_vs_misc)->Iterations(20000)->UseRealTime();
+
+// A Louth exchange (play, acknowledged) beside the Sony one, alternating on one handle with the
+// same responder: one emulator link answers both, telling them apart by the datagram's type.
+void BM_louth_vs_sony_exchange(benchmark::State& state) {
+    devsim::DevSim responder;
+    uint16_t port = responder.listen_udp("127.0.0.1", 0);
+    responder.start();
+    t_zqhandler* handle = zqhandler_create();
+    zqhandler_connect_eth(handle, "127.0.0.1", std::to_string(port).c_str());
+    zqhandler_set_timeout(handle, 1000);
+
+    // Each goes first in every other round, so neither always follows the other.
+    std::vector<double> sonyUs, louthUs;
+    auto timed = [&](auto exchange, std::vector<double>& samples) {
+        auto start = Clock::now();
+        if (exchange() != 0)
+            state.SkipWithError("exchange failed");
+        samples.push_back(microseconds(Clock::now() - start));
+    };
+    auto sony = [&] { return zqhandler_cmd_misc(handle, kGpiCommand, sizeof kGpiCommand); };
+    auto louth = [&] { return zqhandler_cmd_louth_basic(handle, BAS_CMD_PLAY, 0); };
+    bool sony_first = true;
+    for (auto _ : state) {
+        if (sony_first) {
+            timed(sony, sonyUs);
+            timed(louth, louthUs);
+        } else {
+            timed(louth, louthUs);
+            timed(sony, sonyUs);
+        }
+        sony_first = !sony_first;
+    }
+    reportPercentiles(state, "sony_us", sonyUs);
+    reportPercentiles(state, "louth_us", louthUs);
+    state.counters["ratio_p50"] = percentile(louthUs, 0.5) / percentile(sonyUs, 0.5);
+    state.counters["ratio_p99"] = percentile(louthUs, 0.99) / percentile(sonyUs, 0.99);
+    zqhandler_delete(handle);
+}
+BENCHMARK(BM_louth_vs_sony_exchange)->Iterations(20000)->UseRealTime();
 
 } // namespace
 

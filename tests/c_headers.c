@@ -10,5 +10,8 @@
 #include <zqhandler/tavon.h>
 #include <zqhandler/zqhandler_odetics.h>
 #include <zqhandler/zqhandler_tavon.h>
+#include <zqhandler/basic.h>
+#include <zqhandler/louth.h>
+#include <zqhandler/zqhandler_louth.h>
 
 int c_headers_compiled(void) { return 1; }

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <netinet/in.h>
 #include <string>
@@ -21,6 +22,10 @@ namespace devsim {
 using Bytes = std::vector<uint8_t>;
 
 enum class Link { udp, tcp, serial };
+// What a link speaks: Sony frames (every link) or Louth (UDP and serial).
+enum class Protocol { sony, louth };
+
+class LouthServer;
 
 // A Sony frame from CMD1, CMD2 and data, with its checksum appended.
 Bytes with_checksum(Bytes bytes);
@@ -35,8 +40,11 @@ struct Reply {
     bool corrupt_checksum = false;   // the frame's last byte plus one
     bool from_other_address = false; // UDP: answer from the emulator's second socket
     Bytes raw;                       // when not empty, exactly these bytes go on the link
-    std::vector<size_t> pieces;      // send in pieces of these sizes, the rest in a last one...
-    int piece_gap_ms = 0;            // ...this far apart
+    // Louth links answer from their server's model, not with `frame`; these change that answer.
+    Bytes louth;                // when not empty, this Louth answer (04, 05 xx or a frame)
+    bool other_unit = false;    // Louth: the answer frame's CMD1 names the next unit
+    std::vector<size_t> pieces; // send in pieces of these sizes, the rest in a last one...
+    int piece_gap_ms = 0;       // ...this far apart
 
     static Reply ack() { return answer({0x10, 0x01}); }
     static Reply nak(uint8_t error_bits) { return answer({0x11, 0x12, error_bits}); }
@@ -45,6 +53,8 @@ struct Reply {
     static Reply silence();
     static Reply late(int ms);
     static Reply bytes(Bytes raw);
+    // Louth: exactly this answer, framed for the link (behind the datagram header on UDP).
+    static Reply louth_answer(Bytes answer);
 };
 
 // One message received, with its exact bytes.
@@ -73,6 +83,10 @@ class DevSim {
     uint16_t listen_tcp(const char* address, uint16_t port);
     // Opens a pty pair in raw mode; returns the path of the end a controller opens.
     std::string open_pty();
+    // Makes a UDP or serial link speak Louth (ComHdr_louth datagrams, or Louth frames on the pty);
+    // call before start(). Every link speaks Sony until told otherwise. On UDP a datagram of type
+    // 1 is always Sony and one of type 5 always Louth: the choice rules the other types.
+    void set_protocol(Link link, Protocol protocol);
 
     void start();
     void stop();
@@ -117,6 +131,8 @@ class DevSim {
     void close_tcp_client();
     void record(Received message);
     void answer(Link link, int fd, const sockaddr_in& to);
+    void answer_louth(Link link, int fd, const sockaddr_in& to, const Bytes& command);
+    void queue(Link link, int fd, const sockaddr_in& to, const Reply& reply, const Bytes& bytes);
     Reply next_reply();
     void send_due();
     void send_now(const Outgoing& out);
@@ -129,7 +145,9 @@ class DevSim {
     sockaddr_in tcp_peer_{};
     std::string pty_path_;
     Bytes tcp_buffer_, serial_buffer_;
-    std::deque<Outgoing> outbox_; // serving thread only
+    bool louth_udp_ = false, louth_serial_ = false;
+    std::unique_ptr<LouthServer> louth_; // serving thread only
+    std::deque<Outgoing> outbox_;        // serving thread only
     std::thread thread_;
 
     mutable std::mutex mutex_;

@@ -17,11 +17,13 @@ const char kUsage[] =
     "       devsim tcp ADDRESS PORT [OPTION...]\n"
     "       devsim serial [LINK] [OPTION...]\n"
     "Answers Sony 9-pin commands as a server would (ACK to commands, values to senses, an Odetics\n"
-    "ID list) and prints each one as hex bytes.\n"
+    "ID list), or Louth commands, and prints each one as hex bytes.\n"
     "options:\n"
     "  --sense CMD2[.SEL]=HEX  answer the sense with this CMD2 (and selector) with these data "
     "bytes\n"
     "  --clip ID      add ID to the Odetics ID list (repeatable; walked in this order)\n"
+    "  --louth        udp and serial: speak Louth instead of Sony 9-pin\n"
+    "  --refuse BYTE  Louth: refuse every command (05 BYTE)\n"
     "  --nak BITS     answer every command with a NAK carrying these error bits\n"
     "  --silent       never answer\n"
     "  --delay MS     answer MS milliseconds late\n"
@@ -34,6 +36,7 @@ struct Options {
     std::string pty_link; // serial: a symbolic link to the pty, for controllers given a path
     devsim::Reply reply;
     std::vector<std::string> senses, clips;
+    bool louth = false;
 };
 
 [[noreturn]] void usage() {
@@ -80,6 +83,10 @@ Options parse(int argc, char** argv) {
             o.senses.push_back(argv[++i]);
         else if (option == "--clip" && has_value)
             o.clips.push_back(argv[++i]);
+        else if (option == "--louth" && o.link != "tcp")
+            o.louth = true;
+        else if (option == "--refuse" && has_value)
+            o.reply.louth = {0x05, static_cast<uint8_t>(number(argv[++i]))};
         else if (option == "--silent")
             o.reply.silent = true;
         else if (option == "--corrupt")
@@ -137,6 +144,9 @@ int main(int argc, char** argv) {
         fprintf(stderr, "devsim: %s\n", e.what());
         return 1;
     }
+    if (options.louth)
+        sim.set_protocol(options.link == "udp" ? devsim::Link::udp : devsim::Link::serial,
+                         devsim::Protocol::louth);
     sim.set_default(options.reply);
     for (const std::string& sense : options.senses)
         devsim::set_sense_from_text(sim.sony(), sense);
