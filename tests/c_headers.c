@@ -4,5 +4,8 @@
 #include <zqhandler/sony9p.h>
 #include <zqhandler/cnxn.h>
 #include <zqhandler/zqhandler.h>
+#include <zqhandler/mgmt.h>
+#include <zqhandler/zqhandler_mgmt.h>
+#include <zqhandler/zqhandler_cnxn.h>
 
 int c_headers_compiled(void) { return 1; }

@@ -2,8 +2,8 @@
 // stream through the connection protocol) behind one dispatch table, and the pure answer parsers.
 #include "sony9p_transport.h"
 
+#include "datagram.h"
 #include "myserial.h"
-#include "mysocket.h"
 #include "mytime.h"
 #include "select.h"
 
@@ -90,15 +90,9 @@ int read_datagram(t_s9p_handle* hdl, t_s9p_command* ans, int timeout_ms) {
     if (selectin(hdl->fd, timeout_ms) <= 0)
         return fail(ans, S9P_RCV_TIMEOUT);
     uint8_t datagram[512];
-    sockaddr_in sender{};
-    socklen_t sender_len = sizeof sender;
-    int n = mysocket_recvfrom(hdl->fd, datagram, sizeof datagram, 0,
-                              reinterpret_cast<sockaddr*>(&sender), &sender_len);
+    int n = datagram_receive(hdl, datagram, sizeof datagram);
     if (n < 0)
         return fail(ans, S9P_ERR_PROTOCOL);
-    // Every later datagram goes to whoever answered last.
-    hdl->sockadd = sender;
-    hdl->socklen = static_cast<int32_t>(sender_len);
     e_s9p_err code = s9p_parse_datagram({datagram, static_cast<size_t>(n)}, ans);
     return code == S9P_ERR_NONE ? 0 : fail(ans, code);
 }
@@ -171,20 +165,12 @@ int s9p_send_cmd_eth(t_s9p_handle* hdl, t_s9p_command* cmd, int timeout_ms) {
     datagram.size = htons(cmd->len);
     std::copy_n(cmd->data, cmd->len, datagram.data);
 
-    // An answer that came after its command gave up must not be taken for the next one. The
-    // bound keeps a peer that floods the socket from holding the caller here for ever.
+    // An answer that came after its command gave up must not be taken for the next one.
     t_s9p_command stale{};
-    for (int drained = 0; drained < 256 && selectin(hdl->fd, 0) > 0; ++drained)
-        s9p_read_answer(hdl, &stale, 0);
-
-    if (selectout(hdl->fd, timeout_ms) <= 0) {
-        msleep(5);
-        if (selectout(hdl->fd, timeout_ms) < 0)
-            return fail(cmd, S9P_SEND_TIMEOUT);
-    }
-    if (mysocket_sendto(hdl->fd, &datagram, COMHDR_HEADER_SIZE + cmd->len, 0,
-                        reinterpret_cast<const sockaddr*>(&hdl->sockadd),
-                        static_cast<socklen_t>(hdl->socklen)) <= 0)
+    datagram_drain(hdl, [&] { s9p_read_answer(hdl, &stale, 0); });
+    if (!datagram_wait_writable(hdl, timeout_ms))
+        return fail(cmd, S9P_SEND_TIMEOUT);
+    if (datagram_send(hdl, &datagram, COMHDR_HEADER_SIZE + cmd->len) <= 0)
         return fail(cmd, S9P_ERR_SYSTEM);
     return 0;
 }

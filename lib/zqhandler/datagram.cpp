@@ -1,0 +1,31 @@
+// The datagram link's shared steps: the writability wait with its one retry, the send to the
+// peer and the receive that makes the sender the peer.
+#include "datagram.h"
+
+#include "mysocket.h"
+#include "mytime.h"
+
+bool datagram_wait_writable(const t_s9p_handle* hdl, int timeout_ms) {
+    if (selectout(hdl->fd, timeout_ms) > 0)
+        return true;
+    msleep(5);
+    return selectout(hdl->fd, timeout_ms) >= 0;
+}
+
+int datagram_send(const t_s9p_handle* hdl, const void* bytes, size_t length) {
+    return mysocket_sendto(hdl->fd, bytes, length, 0,
+                           reinterpret_cast<const sockaddr*>(&hdl->sockadd),
+                           static_cast<socklen_t>(hdl->socklen));
+}
+
+int datagram_receive(t_s9p_handle* hdl, void* buffer, size_t capacity) {
+    sockaddr_in sender{};
+    socklen_t sender_len = sizeof sender;
+    int n = mysocket_recvfrom(hdl->fd, buffer, capacity, 0, reinterpret_cast<sockaddr*>(&sender),
+                              &sender_len);
+    if (n < 0)
+        return n;
+    hdl->sockadd = sender;
+    hdl->socklen = static_cast<int32_t>(sender_len);
+    return n;
+}
