@@ -3,8 +3,8 @@
 #include "capture.h"
 #include "sim_handle.h"
 
-#include <functional>
 #include <gtest/gtest.h>
+#include <optional>
 #include <zqhandler/zqhandler_mgmt.h>
 
 namespace {
@@ -20,137 +20,88 @@ Bytes pattern(size_t n) {
 }
 
 // An answer datagram announcing `size` and carrying `data`.
-Bytes answer(uint16_t size, const Bytes& data, uint16_t msg_type = 0) {
-    Bytes d = {
-        0, 3, uint8_t(size >> 8), uint8_t(size), uint8_t(msg_type >> 8), uint8_t(msg_type), 0, 0,
-        0, 0};
+Bytes answer(uint16_t size, const Bytes& data, uint8_t msg_type = 0) {
+    Bytes d = {0, 3, uint8_t(size >> 8), uint8_t(size), 0, msg_type, 0, 0, 0, 0};
     d.insert(d.end(), data.begin(), data.end());
     return d;
 }
 
+enum class Op { log, diskinfo, upload, picture };
+
+// The operation with `arg` as its capacity, or as the upload's size (of pattern bytes).
+int run(Op op, int32_t arg, t_zqhandler* z, uint8_t* buffer) {
+    switch (op) {
+    case Op::log:
+        return zqhandler_mgmt_getlog(z, buffer);
+    case Op::diskinfo:
+        return zqhandler_mgmt_get_diskinfo(z, buffer, arg);
+    case Op::upload:
+        return zqhandler_mgmt_put_diskinfo(z, pattern(256).data(), arg);
+    case Op::picture:
+        return zqhandler_mgmt_get_picture(z, buffer, arg, 7);
+    }
+    return 0;
+}
+
 TEST(Mgmt, each_operation_sends_its_request_and_copies_what_the_answer_carries) {
-    // Each run gets a buffer of 4096 bytes and returns the operation's result.
-    using Run = std::function<int(t_zqhandler*, uint8_t*)>;
-    const Run log = [](t_zqhandler* z, uint8_t* b) { return zqhandler_mgmt_getlog(z, b); };
-    auto diskinfo = [](int32_t capacity) -> Run {
-        return
-            [=](t_zqhandler* z, uint8_t* b) { return zqhandler_mgmt_get_diskinfo(z, b, capacity); };
-    };
-    auto put = [](Bytes bytes) -> Run {
-        return [=](t_zqhandler* z, uint8_t*) {
-            return zqhandler_mgmt_put_diskinfo(z, bytes.data(), int32_t(bytes.size()));
-        };
-    };
-    auto picture = [](int32_t capacity) -> Run {
-        return [=](t_zqhandler* z, uint8_t* b) {
-            return zqhandler_mgmt_get_picture(z, b, capacity, 7);
-        };
-    };
+    using Script = std::optional<std::vector<Bytes>>;
+    const Script served, silence = std::vector<Bytes>{};
+    auto one = [](Bytes d) { return Script(std::vector<Bytes>{d}); };
+    const char *log = "00 03 00 00 00 02 00 00 00 00", *disk = "00 03 00 00 00 01 00 00 00 00",
+               *picture = "00 03 00 00 00 07 00 00 00 00";
     struct Case {
         const char* name;
-        std::function<void(devsim::Mgmt&)> serve;
-        Run run;
-        int result; // the count of bytes copied, when above 0, of the pattern the server holds
-        const char* request;
-        Bytes request_data;
-    };
-    const char* kLog = "00 03 00 00 00 02 00 00 00 00";
-    const char* kDiskinfo = "00 03 00 00 00 01 00 00 00 00";
-    const char* kPicture = "00 03 00 00 00 07 00 00 00 00";
-    const Case cases[] = {
-        {"log", [](devsim::Mgmt& m) { m.set_log(pattern(20)); }, log, 20, kLog, {}},
-        {"empty log", [](devsim::Mgmt& m) { m.set_log({}); }, log, 0, kLog, {}},
-        {"log announcing more than came",
-         [](devsim::Mgmt& m) { m.script({answer(600, pattern(100))}); },
-         log,
-         100,
-         kLog,
-         {}},
-        {"log, no answer", [](devsim::Mgmt& m) { m.script({}); }, log, -1, kLog, {}},
-        {"disk information above the capacity",
-         [](devsim::Mgmt& m) { m.set_diskinfo(pattern(600)); },
-         diskinfo(512),
-         512,
-         kDiskinfo,
-         {}},
-        {"disk information announcing more than came",
-         [](devsim::Mgmt& m) { m.script({answer(600, pattern(100))}); },
-         diskinfo(512),
-         100,
-         kDiskinfo,
-         {}},
-        {"disk information announcing none",
-         [](devsim::Mgmt& m) { m.script({answer(0, pattern(100))}); },
-         diskinfo(512),
-         0,
-         kDiskinfo,
-         {}},
-        {"upload accepted", [](devsim::Mgmt&) {}, put(pattern(40)), 0,
-         "00 03 00 28 00 00 00 00 00 00", pattern(40)},
-        {"upload refused", [](devsim::Mgmt& m) { m.accept_uploads(false); }, put(pattern(40)), -1,
-         "00 03 00 28 00 00 00 00 00 00", pattern(40)},
-        {"upload answered too short to refuse",
-         [](devsim::Mgmt& m) {
-             m.script({{0, 3, 0, 0, 1}});
-         },
-         put({}),
-         0,
-         "00 03 00 00 00 00 00 00 00 00",
-         {}},
-        {"upload beyond 255 bytes", [](devsim::Mgmt&) {}, put(pattern(256)), -1, nullptr, {}},
-        {"picture",
-         [](devsim::Mgmt& m) { m.set_picture(7, pattern(990)); },
-         picture(4096),
-         990,
-         kPicture,
-         {}},
-        {"picture above the capacity",
-         [](devsim::Mgmt& m) { m.set_picture(7, pattern(990)); },
-         picture(100),
-         100,
-         kPicture,
-         {}},
-        {"picture sized by its datagram",
-         [](devsim::Mgmt& m) { m.script({answer(0, pattern(50))}); },
-         picture(4096),
-         50,
-         kPicture,
-         {}},
-        {"picture, empty datagram",
-         [](devsim::Mgmt& m) { m.script({{}}); },
-         picture(4096),
-         0,
-         kPicture,
-         {}},
-        {"picture, no answer",
-         [](devsim::Mgmt& m) { m.script({}); },
-         picture(4096),
-         0,
-         kPicture,
-         {}},
+        Op op;
+        int32_t arg;
+        size_t held; // the log, disk information and picture 7 are this many pattern bytes
+        Script script;
+        int result;          // when above 0, that many pattern bytes are copied and no more
+        const char* request; // its header; an upload's data is the pattern; null: nothing sent
+    } const cases[] = {
+        {"log", Op::log, 0, 20, served, 20, log},
+        {"empty log", Op::log, 0, 0, served, 0, log},
+        {"log announcing more than came", Op::log, 0, 0, one(answer(600, pattern(100))), 100, log},
+        {"log, no answer", Op::log, 0, 20, silence, -1, log},
+        {"disk information above the capacity", Op::diskinfo, 512, 600, served, 512, disk},
+        {"disk information announcing more than came", Op::diskinfo, 512, 0,
+         one(answer(600, pattern(100))), 100, disk},
+        {"upload accepted", Op::upload, 40, 0, served, 0, "00 03 00 28 00 00 00 00 00 00"},
+        {"upload refused", Op::upload, 40, 0, one(answer(0, {}, 1)), -1,
+         "00 03 00 28 00 00 00 00 00 00"},
+        {"upload answered too short to refuse", Op::upload, 0, 0, one({0, 3, 0, 0, 1}), 0,
+         "00 03 00 00 00 00 00 00 00 00"},
+        {"upload beyond 255 bytes", Op::upload, 256, 0, served, -1, nullptr},
+        {"picture", Op::picture, 4096, 990, served, 990, picture},
+        {"picture above the capacity", Op::picture, 100, 990, served, 100, picture},
+        {"picture sized by its datagram", Op::picture, 4096, 0, one(answer(0, pattern(50))), 50,
+         picture},
+        {"picture, empty datagram", Op::picture, 4096, 9, one({}), 0, picture},
+        {"picture, no answer", Op::picture, 4096, 9, silence, 0, picture},
     };
     MgmtHandle m;
     zqhandler_set_timeout(m.zqh, 500);
     for (const Case& c : cases) {
-        c.serve(m.sim.mgmt());
+        m.sim.mgmt().set_log(pattern(c.held));
+        m.sim.mgmt().set_diskinfo(pattern(c.held));
+        m.sim.mgmt().set_picture(7, pattern(c.held));
+        if (c.script)
+            m.sim.mgmt().script(*c.script);
         const size_t before = m.sim.received().size();
         m.zqh->lasterr = S9P_ERR_CHECKSUM;
         Bytes buffer(4096, 0xEE);
-        EXPECT_EQ(c.run(m.zqh, buffer.data()), c.result) << c.name;
+        EXPECT_EQ(run(c.op, c.arg, m.zqh, buffer.data()), c.result) << c.name;
         EXPECT_EQ(m.zqh->lasterr, S9P_ERR_CHECKSUM) << c.name;
-        const size_t copied = c.result > 0 ? size_t(c.result) : 0;
-        EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + long(copied)), pattern(copied)) << c.name;
-        EXPECT_EQ(buffer[copied], 0xEE) << c.name << ": nothing copied beyond";
+        const long copied = c.result > 0 ? c.result : 0;
+        EXPECT_EQ(Bytes(buffer.begin(), buffer.begin() + copied), pattern(size_t(copied)))
+            << c.name;
+        EXPECT_EQ(buffer[size_t(copied)], 0xEE) << c.name << ": nothing copied beyond";
         auto received = m.sim.received();
         ASSERT_EQ(received.size(), before + (c.request ? 1 : 0)) << c.name;
         if (c.request) {
-            Bytes data(received.back().wire.begin() + 10, received.back().wire.end());
-            EXPECT_EQ(hex({received.back().wire.begin(), received.back().wire.begin() + 10}),
-                      c.request)
-                << c.name;
-            EXPECT_EQ(data, c.request_data) << c.name;
+            const Bytes& wire = received.back().wire;
+            EXPECT_EQ(hex({wire.begin(), wire.begin() + 10}), c.request) << c.name;
+            EXPECT_EQ(Bytes(wire.begin() + 10, wire.end()), pattern(wire[3])) << c.name;
         }
-        m.sim.mgmt().accept_uploads(true);
     }
 }
 

@@ -59,6 +59,4 @@ struct MgmtHandle {
         zqhandler_delete(zqh);
         sim.stop();
     }
-    MgmtHandle(const MgmtHandle&) = delete;
-    MgmtHandle& operator=(const MgmtHandle&) = delete;
 };
