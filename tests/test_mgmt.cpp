@@ -21,8 +21,8 @@ Bytes pattern(size_t n) {
 
 // An answer datagram announcing `size` and carrying `data`.
 Bytes answer(uint16_t size, const Bytes& data, uint8_t msg_type = 0) {
-    Bytes d = {0, 3, uint8_t(size >> 8), uint8_t(size), 0, msg_type, 0, 0, 0, 0};
-    d.insert(d.end(), data.begin(), data.end());
+    Bytes d = data;
+    d.insert(d.begin(), {0, 3, uint8_t(size >> 8), uint8_t(size), 0, msg_type, 0, 0, 0, 0});
     return d;
 }
 

@@ -102,19 +102,20 @@ bool content_option(Options& o, const std::string& option, const char* value) {
     } else if (option == "--log") {
         add([bytes = file(v)](DevSim& sim) { sim.mgmt().set_log(bytes); });
     } else if (option == "--entry") {
-        auto [entry, path] = pair_argument(v);
-        add([entry, bytes = file(path)](DevSim& sim) {
-            sim.transfers().set_file_entry(static_cast<uint32_t>(entry), bytes);
+        auto [entry_number, path] = pair_argument(v);
+        add([entry = static_cast<uint32_t>(entry_number), bytes = file(path)](DevSim& sim) {
+            sim.transfers().set_file_entry(entry, bytes);
         });
     } else if (option == "--picture") {
-        auto [code, path] = pair_argument(v);
-        add([code, bytes = file(path)](DevSim& sim) {
-            sim.mgmt().set_picture(static_cast<uint16_t>(code), bytes);
+        auto [picture_code, path] = pair_argument(v);
+        add([code = static_cast<uint16_t>(picture_code), bytes = file(path)](DevSim& sim) {
+            sim.mgmt().set_picture(code, bytes);
         });
     } else if (option == "--stall") {
-        auto [after, ms] = pair_argument(v);
+        auto [count, ms] = pair_argument(v);
+        const auto after = static_cast<size_t>(count);
         const int pause = static_cast<int>(number(ms.c_str()));
-        add([=](DevSim& sim) { sim.transfers().stall_next(static_cast<size_t>(after), pause); });
+        add([=](DevSim& sim) { sim.transfers().stall_next(after, pause); });
     } else {
         return false;
     }
