@@ -469,17 +469,7 @@ void DevSim::answer(Link link, int fd, const sockaddr_in& to) {
     }
     if (reply.corrupt_checksum && !frame.empty())
         ++frame.back();
-    Bytes bytes = reply.raw.empty() ? framed(link, frame) : reply.raw;
-    if (link == Link::udp && reply.from_other_address)
-        fd = udp_other_;
-    auto due = Clock::now() + std::chrono::milliseconds(reply.delay_ms);
-    std::vector<Bytes> pieces = split(bytes, reply.pieces);
-    for (size_t i = 0; i < pieces.size(); ++i) {
-        outbox_.push_back(
-            {due, link, fd, to, tcp_generation_, std::move(pieces[i]), i + 1 == pieces.size()});
-        due += std::chrono::milliseconds(reply.piece_gap_ms);
-    }
-    send_due();
+    queue(link, fd, to, reply, reply.raw.empty() ? framed(link, frame) : reply.raw);
 }
 
 void DevSim::answer_louth(Link link, int fd, const sockaddr_in& to, const Bytes& command) {
