@@ -3,6 +3,7 @@
 #include "op_table.h"
 
 #include <regex>
+#include <sstream>
 #include <zqhandler/zqhandler_odetics.h>
 #include <zqhandler/zqhandler_sony.h>
 
@@ -15,29 +16,19 @@ using devsim::Reply;
 
 class Basic : public testing::TestWithParam<Link> {};
 
-const char* const kCommandFrames[BAS_CMD_LAST] = {"20 00",
-                                                  "20 01",
-                                                  "20 02",
-                                                  "20 05",
-                                                  "20 04",
-                                                  "20 0F",
-                                                  "20 10",
-                                                  "20 20",
-                                                  "A0 10",
-                                                  "40 20",
-                                                  "40 21",
-                                                  "A0 06",
-                                                  "A0 07",
-                                                  "A0 01",
-                                                  "30 07",
-                                                  "30 04",
-                                                  "34 09 41 53 41 50",
-                                                  "21 14 01",
-                                                  "21 24 01",
-                                                  "20 61",
-                                                  "20 60"};
+// The frames of the commands in the order of their values.
+const std::vector<std::string> kCommandFrames = [] {
+    std::vector<std::string> frames;
+    std::stringstream list("20 00,20 01,20 02,20 05,20 04,20 0F,20 10,20 20,A0 10,40 20,40 21,"
+                           "A0 06,A0 07,A0 01,30 07,30 04,34 09 41 53 41 50,21 14 01,21 24 01,"
+                           "20 61,20 60");
+    for (std::string frame; std::getline(list, frame, ',');)
+        frames.push_back(frame);
+    return frames;
+}();
 
 TEST_P(Basic, each_command_sends_its_frame_and_needs_an_ack) {
+    ASSERT_EQ(kCommandFrames.size(), size_t{BAS_CMD_LAST});
     SimHandle s(GetParam());
     zqhandler_set_timeout(s.zqh, 2000);
     for (int value = 0; value < BAS_CMD_LAST; ++value) {
@@ -47,7 +38,9 @@ TEST_P(Basic, each_command_sends_its_frame_and_needs_an_ack) {
         EXPECT_EQ(zqhandler_get_last_err(s.zqh), S9P_ERR_PROTOCOL) << value;
         auto received = s.sim.received();
         ASSERT_EQ(received.size(), 2u * (value + 1));
-        EXPECT_EQ(hex(received[2 * value].frame), with_checksum(kCommandFrames[value])) << value;
+        EXPECT_EQ(hex(received[2 * value].frame),
+                  with_checksum(kCommandFrames[static_cast<size_t>(value)]))
+            << value;
     }
 }
 
