@@ -4,6 +4,7 @@
 #include <zqhandler/sony9p.h>
 #include <zqhandler/cnxn.h>
 #include <zqhandler/zqhandler.h>
+#include <zqhandler/trace.h>
 #include <zqhandler/odetics.h>
 #include <zqhandler/tavon.h>
 #include <zqhandler/zqhandler_odetics.h>
