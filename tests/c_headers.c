@@ -5,9 +5,14 @@
 #include <zqhandler/cnxn.h>
 #include <zqhandler/zqhandler.h>
 #include <zqhandler/trace.h>
+#include <zqhandler/s9p_commands.h>
+#include <zqhandler/zqhandler_sony.h>
 #include <zqhandler/odetics.h>
 #include <zqhandler/tavon.h>
 #include <zqhandler/zqhandler_odetics.h>
 #include <zqhandler/zqhandler_tavon.h>
+#include <zqhandler/basic.h>
+#include <zqhandler/louth.h>
+#include <zqhandler/zqhandler_louth.h>
 
 int c_headers_compiled(void) { return 1; }

@@ -2,6 +2,7 @@
 // stream through the connection protocol) behind one dispatch table, and the pure answer parsers.
 #include "sony9p_transport.h"
 
+#include "link_io.h"
 #include "myserial.h"
 #include "mysocket.h"
 #include "mytime.h"
@@ -56,17 +57,8 @@ struct Transport {
     int (*read)(t_s9p_handle* hdl, t_s9p_command* ans, int timeout_ms);
 };
 
-// A negative time-out waits without limit.
-bool past(const MyTick& start, int timeout_ms) {
-    return timeout_ms >= 0 && ElapsedTime2ms(&start) > timeout_ms;
-}
-
 int send_serial(t_s9p_handle* hdl, t_s9p_command* cmd, int timeout_ms) {
-    s_serial_handle* port = hdl->shdl;
-    if (port->tm_out != static_cast<uint32_t>(timeout_ms))
-        serial_set_timeout(port, port->tm_in, static_cast<uint32_t>(timeout_ms));
-    serial_flush_input(port);
-    if (serial_write(port, cmd->data, cmd->len) < cmd->len)
+    if (!serial_send_frame(hdl, {cmd->data, cmd->len}, timeout_ms))
         return fail(cmd, S9P_SEND_TIMEOUT);
     return 0;
 }
@@ -87,19 +79,11 @@ int read_missing(s_serial_handle* port, S9pFrameAssembler& frame) {
 }
 
 int read_datagram(t_s9p_handle* hdl, t_s9p_command* ans, int timeout_ms) {
-    if (selectin(hdl->fd, timeout_ms) <= 0)
-        return fail(ans, S9P_RCV_TIMEOUT);
     uint8_t datagram[512];
-    sockaddr_in sender{};
-    socklen_t sender_len = sizeof sender;
-    int n = mysocket_recvfrom(hdl->fd, datagram, sizeof datagram, 0,
-                              reinterpret_cast<sockaddr*>(&sender), &sender_len);
-    if (n < 0)
-        return fail(ans, S9P_ERR_PROTOCOL);
-    // Every later datagram goes to whoever answered last.
-    hdl->sockadd = sender;
-    hdl->socklen = static_cast<int32_t>(sender_len);
-    e_s9p_err code = s9p_parse_datagram({datagram, static_cast<size_t>(n)}, ans);
+    size_t n = 0;
+    e_s9p_err code = datagram_receive(hdl, datagram, timeout_ms, &n);
+    if (code == S9P_ERR_NONE)
+        code = s9p_parse_datagram({datagram, n}, ans);
     return code == S9P_ERR_NONE ? 0 : fail(ans, code);
 }
 
@@ -171,11 +155,7 @@ int s9p_send_cmd_eth(t_s9p_handle* hdl, t_s9p_command* cmd, int timeout_ms) {
     datagram.size = htons(cmd->len);
     std::copy_n(cmd->data, cmd->len, datagram.data);
 
-    // An answer that came after its command gave up must not be taken for the next one. The
-    // bound keeps a peer that floods the socket from holding the caller here for ever.
-    t_s9p_command stale{};
-    for (int drained = 0; drained < 256 && selectin(hdl->fd, 0) > 0; ++drained)
-        s9p_read_answer(hdl, &stale, 0);
+    datagram_drain(hdl);
 
     if (selectout(hdl->fd, timeout_ms) <= 0) {
         msleep(5);
@@ -205,8 +185,7 @@ int s9p_read_answer_serial(t_s9p_handle* hdl, t_s9p_command* ans, int timeout_ms
     s_serial_handle* port = hdl->shdl;
     if (!port)
         return fail(ans, S9P_ERR_NOT_CONNECTED);
-    if (port->tm_in != static_cast<uint32_t>(timeout_ms))
-        serial_set_timeout(port, static_cast<uint32_t>(timeout_ms), port->tm_out);
+    serial_use_read_timeout(hdl, timeout_ms);
     *ans = t_s9p_command{};
     MyTick start;
     GetMyTick(&start);

@@ -5,10 +5,18 @@
 
 #include "zqhandler.h"
 
+// Where an exchange failed on the link: the library's source file and the line of the send or of
+// the read that failed (a NAK counts as a failed read). For the operations that report it.
+struct S9pFailure {
+    const char* file = nullptr;
+    int line = 0;
+};
+
 // Sends `cmd` (already built) on the handle's transport and reads one answer into the same
 // record, keeping the command, the answer and their completion times in zqh->data.s9p. A failed
-// send or read, or a NAK, stores its code in lasterr and returns -1; any other answer returns 0.
-int s9p_transact(t_zqhandler* zqh, t_s9p_command* cmd);
+// send or read, or a NAK, stores its code in lasterr, fills `where` when given and returns -1;
+// any other answer returns 0.
+int s9p_transact(t_zqhandler* zqh, t_s9p_command* cmd, S9pFailure* where = nullptr);
 
 // One complete operation:
 //   build(t_s9p_command&) -> int        fills the command; non-zero refuses it (nothing is sent,
@@ -17,15 +25,17 @@ int s9p_transact(t_zqhandler* zqh, t_s9p_command* cmd);
 //                                        S9P_ERR_NONE accepts the answer; any other code is
 //                                        stored in lasterr and the operation returns -1
 //   result(const t_s9p_command&) -> int the operation's result for an accepted answer
+// `where`, when given, tells where a failure on the link happened (see s9p_transact).
 // The record lives on this stack frame: the exchange allocates nothing.
 template <typename Build, typename Check, typename Result>
-int s9p_exchange(t_zqhandler* zqh, Build&& build, Check&& check, Result&& result) {
+int s9p_exchange(t_zqhandler* zqh, Build&& build, Check&& check, Result&& result,
+                 S9pFailure* where = nullptr) {
     if (!zqh)
         return -1;
     t_s9p_command cmd{};
     if (build(cmd) != 0)
         return -1;
-    if (s9p_transact(zqh, &cmd) != 0)
+    if (s9p_transact(zqh, &cmd, where) != 0)
         return -1;
     e_s9p_err verdict = check(static_cast<const t_s9p_command&>(cmd));
     if (verdict != S9P_ERR_NONE)

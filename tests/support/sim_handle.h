@@ -14,7 +14,7 @@ struct SimHandle {
     t_zqhandler* zqh = zqhandler_create();
     int connected = -1; // what the connect returned
 
-    explicit SimHandle(devsim::Link link) {
+    explicit SimHandle(devsim::Link link, devsim::Protocol protocol = devsim::Protocol::sony) {
         switch (link) {
         case devsim::Link::udp:
             sim.listen_udp("127.0.0.1", 0);
@@ -28,6 +28,8 @@ struct SimHandle {
             connected = zqhandler_connect_serial(zqh, sim.open_pty().c_str());
             break;
         }
+        if (protocol != devsim::Protocol::sony)
+            sim.set_protocol(link, protocol);
         sim.start();
     }
     ~SimHandle() {

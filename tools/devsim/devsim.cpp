@@ -2,6 +2,8 @@
 // each Sony command with the next scripted reply, framed for its link and sent when it is due.
 #include "devsim.h"
 
+#include "louth.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
@@ -135,6 +137,12 @@ Reply Reply::answer(Bytes frame_without_checksum) {
     return r;
 }
 
+Reply Reply::louth_answer(Bytes answer) {
+    Reply r;
+    r.louth = std::move(answer);
+    return r;
+}
+
 Reply Reply::silence() {
     Reply r;
     r.silent = true;
@@ -153,7 +161,7 @@ Reply Reply::bytes(Bytes raw) {
     return r;
 }
 
-DevSim::DevSim() {
+DevSim::DevSim() : louth_(std::make_unique<LouthServer>()) {
     if (pipe(wake_) != 0)
         fail("pipe");
 }
@@ -196,6 +204,12 @@ std::string DevSim::open_pty() {
     cfmakeraw(&raw);
     tcsetattr(pty_slave_, TCSANOW, &raw);
     return pty_path_;
+}
+
+void DevSim::set_protocol(Link link, Protocol protocol) {
+    if (link == Link::tcp && protocol == Protocol::louth)
+        throw std::runtime_error("the TCP link carries no Louth");
+    (link == Link::udp ? louth_udp_ : louth_serial_) = protocol == Protocol::louth;
 }
 
 void DevSim::start() {
@@ -315,7 +329,13 @@ void DevSim::receive_udp(int fd, uint16_t local_port) {
     if (static_cast<size_t>(n) > kComHdr)
         message.frame.assign(datagram + kComHdr, datagram + n);
     record(message);
-    answer(Link::udp, fd, from);
+    // The header's type tells what a datagram carries (1 Sony, 5 Louth); any other is taken as
+    // the link's protocol. So one UDP link serves controllers of both.
+    const int type = n >= 2 ? datagram[0] << 8 | datagram[1] : 0;
+    if (type == 5 || (type != 1 && louth_udp_))
+        answer_louth(Link::udp, fd, from, message.frame);
+    else
+        answer(Link::udp, fd, from);
 }
 
 void DevSim::accept_tcp() {
@@ -376,6 +396,15 @@ void DevSim::receive_serial() {
     if (n <= 0)
         return;
     serial_buffer_.insert(serial_buffer_.end(), chunk, chunk + n);
+    for (size_t length; louth_serial_ && (length = louth_command_length(serial_buffer_)) > 0;) {
+        Bytes frame(serial_buffer_.begin(), serial_buffer_.begin() + static_cast<long>(length));
+        serial_buffer_.erase(serial_buffer_.begin(),
+                             serial_buffer_.begin() + static_cast<long>(length));
+        record({Link::serial, frame, frame, "", 0, {}});
+        answer_louth(Link::serial, pty_master_, {}, frame);
+    }
+    if (louth_serial_)
+        return;
     // A frame is (CMD1 & 0x0F) + 3 bytes long.
     while (!serial_buffer_.empty()) {
         size_t length = (serial_buffer_[0] & 0x0Fu) + 3;
@@ -394,9 +423,49 @@ void DevSim::answer(Link link, int fd, const sockaddr_in& to) {
     if (reply.silent)
         return;
     Bytes frame = reply.frame;
+    if (frame.empty() && reply.raw.empty()) {
+        std::unique_lock lock(mutex_); // the command answered is the one just recorded
+        Bytes request = received_.empty() ? Bytes{} : received_.back().frame;
+        lock.unlock();
+        frame = with_checksum(sony_.answer(request));
+    }
     if (reply.corrupt_checksum && !frame.empty())
         ++frame.back();
     Bytes bytes = reply.raw.empty() ? framed(link, frame) : reply.raw;
+    if (link == Link::udp && reply.from_other_address)
+        fd = udp_other_;
+    auto due = Clock::now() + std::chrono::milliseconds(reply.delay_ms);
+    std::vector<Bytes> pieces = split(bytes, reply.pieces);
+    for (size_t i = 0; i < pieces.size(); ++i) {
+        outbox_.push_back(
+            {due, link, fd, to, tcp_generation_, std::move(pieces[i]), i + 1 == pieces.size()});
+        due += std::chrono::milliseconds(reply.piece_gap_ms);
+    }
+    send_due();
+}
+
+void DevSim::answer_louth(Link link, int fd, const sockaddr_in& to, const Bytes& command) {
+    Reply reply = next_reply();
+    if (reply.silent)
+        return;
+    Bytes answer = reply.louth.empty() ? louth_->answer(command) : reply.louth;
+    const bool frame = answer.size() >= 4 && answer[0] == 0x02;
+    if (frame && reply.other_unit) { // a frame of the next unit, with its own checksum
+        Bytes body(answer.begin() + 2, answer.end() - 1);
+        body[0] = static_cast<uint8_t>((body[0] & 0xF0) | ((body[0] + 1) & 0x0F));
+        answer = louth_frame(body);
+    }
+    if (frame && reply.corrupt_checksum)
+        ++answer.back();
+    if (!reply.raw.empty())
+        answer = reply.raw;
+    else if (link == Link::udp)
+        answer = louth_datagram(answer);
+    queue(link, fd, to, reply, answer);
+}
+
+void DevSim::queue(Link link, int fd, const sockaddr_in& to, const Reply& reply,
+                   const Bytes& bytes) {
     if (link == Link::udp && reply.from_other_address)
         fd = udp_other_;
     auto due = Clock::now() + std::chrono::milliseconds(reply.delay_ms);

@@ -2,11 +2,14 @@
 // protocol and on a pty serial line, with scriptable faults, and records every message it gets.
 #pragma once
 
+#include "sony_answers.h"
+
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <netinet/in.h>
 #include <string>
@@ -19,29 +22,39 @@ namespace devsim {
 using Bytes = std::vector<uint8_t>;
 
 enum class Link { udp, tcp, serial };
+// What a link speaks: Sony frames (every link) or Louth (UDP and serial).
+enum class Protocol { sony, louth };
+
+class LouthServer;
 
 // A Sony frame from CMD1, CMD2 and data, with its checksum appended.
 Bytes with_checksum(Bytes bytes);
 
-// How the emulator answers one command. The default answer is an ACK (10 01 11), framed for the
-// link the command came on: a ComHdr datagram, a "s9p " message, or the bare frame.
+// How the emulator answers one command, framed for the link the command came on: a ComHdr
+// datagram, a "s9p " message, or the bare frame. Without a frame of its own, the answer is the
+// server's (SonyAnswers): an ACK to a command, the sense's value to a sense.
 struct Reply {
-    Bytes frame = {0x10, 0x01, 0x11}; // the answer frame, checksum included
-    bool silent = false;              // answer nothing
-    int delay_ms = 0;                 // answer this late
-    bool corrupt_checksum = false;    // the frame's last byte plus one
-    bool from_other_address = false;  // UDP: answer from the emulator's second socket
-    Bytes raw;                        // when not empty, exactly these bytes go on the link
-    std::vector<size_t> pieces;       // send in pieces of these sizes, the rest in a last one...
-    int piece_gap_ms = 0;             // ...this far apart
+    Bytes frame;                     // the answer frame, checksum included; empty: the server's
+    bool silent = false;             // answer nothing
+    int delay_ms = 0;                // answer this late
+    bool corrupt_checksum = false;   // the frame's last byte plus one
+    bool from_other_address = false; // UDP: answer from the emulator's second socket
+    Bytes raw;                       // when not empty, exactly these bytes go on the link
+    // Louth links answer from their server's model, not with `frame`; these change that answer.
+    Bytes louth;                // when not empty, this Louth answer (04, 05 xx or a frame)
+    bool other_unit = false;    // Louth: the answer frame's CMD1 names the next unit
+    std::vector<size_t> pieces; // send in pieces of these sizes, the rest in a last one...
+    int piece_gap_ms = 0;       // ...this far apart
 
-    static Reply ack() { return {}; }
+    static Reply ack() { return answer({0x10, 0x01}); }
     static Reply nak(uint8_t error_bits) { return answer({0x11, 0x12, error_bits}); }
     // An answer frame given without its checksum.
     static Reply answer(Bytes frame_without_checksum);
     static Reply silence();
     static Reply late(int ms);
     static Reply bytes(Bytes raw);
+    // Louth: exactly this answer, framed for the link (behind the datagram header on UDP).
+    static Reply louth_answer(Bytes answer);
 };
 
 // One message received, with its exact bytes.
@@ -70,6 +83,10 @@ class DevSim {
     uint16_t listen_tcp(const char* address, uint16_t port);
     // Opens a pty pair in raw mode; returns the path of the end a controller opens.
     std::string open_pty();
+    // Makes a UDP or serial link speak Louth (ComHdr_louth datagrams, or Louth frames on the pty);
+    // call before start(). Every link speaks Sony until told otherwise. On UDP a datagram of type
+    // 1 is always Sony and one of type 5 always Louth: the choice rules the other types.
+    void set_protocol(Link link, Protocol protocol);
 
     void start();
     void stop();
@@ -77,6 +94,8 @@ class DevSim {
     // Answers to the next commands, in order; once used up, the default answers.
     void script(Reply reply);
     void set_default(Reply reply);
+    // The server's own answers, used when no scripted or default reply brings a frame.
+    SonyAnswers& sony() { return sony_; }
     // Called on the serving thread for every message received, after it is recorded.
     void on_receive(std::function<void(const Received&)> observer);
 
@@ -112,6 +131,8 @@ class DevSim {
     void close_tcp_client();
     void record(Received message);
     void answer(Link link, int fd, const sockaddr_in& to);
+    void answer_louth(Link link, int fd, const sockaddr_in& to, const Bytes& command);
+    void queue(Link link, int fd, const sockaddr_in& to, const Reply& reply, const Bytes& bytes);
     Reply next_reply();
     void send_due();
     void send_now(const Outgoing& out);
@@ -124,7 +145,9 @@ class DevSim {
     sockaddr_in tcp_peer_{};
     std::string pty_path_;
     Bytes tcp_buffer_, serial_buffer_;
-    std::deque<Outgoing> outbox_; // serving thread only
+    bool louth_udp_ = false, louth_serial_ = false;
+    std::unique_ptr<LouthServer> louth_; // serving thread only
+    std::deque<Outgoing> outbox_;        // serving thread only
     std::thread thread_;
 
     mutable std::mutex mutex_;
@@ -134,6 +157,7 @@ class DevSim {
     std::vector<Received> received_;
     size_t replies_sent_ = 0;
     std::function<void(const Received&)> observer_;
+    SonyAnswers sony_;
 };
 
 using ::hex; // "43 BF F0 04 0C 02"

@@ -8,6 +8,7 @@
 #include <exception>
 #include <string>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -15,8 +16,14 @@ const char kUsage[] =
     "usage: devsim udp ADDRESS PORT [OPTION...]\n"
     "       devsim tcp ADDRESS PORT [OPTION...]\n"
     "       devsim serial [LINK] [OPTION...]\n"
-    "Answers Sony 9-pin commands (ACK by default) and prints each one as hex bytes.\n"
+    "Answers Sony 9-pin commands as a server would (ACK to commands, values to senses, an Odetics\n"
+    "ID list), or Louth commands, and prints each one as hex bytes.\n"
     "options:\n"
+    "  --sense CMD2[.SEL]=HEX  answer the sense with this CMD2 (and selector) with these data "
+    "bytes\n"
+    "  --clip ID      add ID to the Odetics ID list (repeatable; walked in this order)\n"
+    "  --louth        udp and serial: speak Louth instead of Sony 9-pin\n"
+    "  --refuse BYTE  Louth: refuse every command (05 BYTE)\n"
     "  --nak BITS     answer every command with a NAK carrying these error bits\n"
     "  --silent       never answer\n"
     "  --delay MS     answer MS milliseconds late\n"
@@ -28,6 +35,8 @@ struct Options {
     uint16_t port = 0;
     std::string pty_link; // serial: a symbolic link to the pty, for controllers given a path
     devsim::Reply reply;
+    std::vector<std::string> senses, clips;
+    bool louth = false;
 };
 
 [[noreturn]] void usage() {
@@ -36,6 +45,11 @@ struct Options {
 
 long number(const char* text) {
     return number_argument(text, kUsage);
+}
+
+bool valid_sense(const char* text) {
+    devsim::SonyAnswers scratch;
+    return devsim::set_sense_from_text(scratch, text);
 }
 
 Options parse(int argc, char** argv) {
@@ -65,6 +79,14 @@ Options parse(int argc, char** argv) {
             o.reply = devsim::Reply::nak(static_cast<uint8_t>(number(argv[++i])));
         else if (option == "--delay" && has_value)
             o.reply.delay_ms = static_cast<int>(number(argv[++i]));
+        else if (option == "--sense" && has_value && valid_sense(argv[i + 1]))
+            o.senses.push_back(argv[++i]);
+        else if (option == "--clip" && has_value)
+            o.clips.push_back(argv[++i]);
+        else if (option == "--louth" && o.link != "tcp")
+            o.louth = true;
+        else if (option == "--refuse" && has_value)
+            o.reply.louth = {0x05, static_cast<uint8_t>(number(argv[++i]))};
         else if (option == "--silent")
             o.reply.silent = true;
         else if (option == "--corrupt")
@@ -122,7 +144,14 @@ int main(int argc, char** argv) {
         fprintf(stderr, "devsim: %s\n", e.what());
         return 1;
     }
+    if (options.louth)
+        sim.set_protocol(options.link == "udp" ? devsim::Link::udp : devsim::Link::serial,
+                         devsim::Protocol::louth);
     sim.set_default(options.reply);
+    for (const std::string& sense : options.senses)
+        devsim::set_sense_from_text(sim.sony(), sense);
+    for (const std::string& clip : options.clips)
+        sim.sony().add_clip(clip);
     sim.on_receive(print);
     sim.start();
     printf("listening on %s\n", where.c_str());

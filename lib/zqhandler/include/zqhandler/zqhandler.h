@@ -1,8 +1,10 @@
-/* The device-control handle: its connections, time-out, last error and the Sony exchange. */
+/* The device-control handle: its connections, time-out, last error, the records of its last
+ * Sony or Louth exchange, and the Sony exchange (the Louth operations are in zqhandler_louth.h). */
 #ifndef ZQHANDLER_ZQHANDLER_H
 #define ZQHANDLER_ZQHANDLER_H
 
 #include <stdint.h>
+#include <zqhandler/louth.h>
 #include <zqhandler/sony9p.h>
 #include <zqhandler/zq_api.h>
 
@@ -16,6 +18,12 @@ typedef struct s_s9p_data {
     uint32_t rcv_completion_time;  /* ms the last answer took to arrive or to fail */
 } t_s9p_data;
 
+/* The records of the handle's last Louth exchange. A Louth exchange keeps no completion times. */
+typedef struct s_louth_data {
+    t_louth_command last_sent; /* the last command sent successfully */
+    t_louth_command last_rcv;  /* the last answer read successfully (a refusal included) */
+} t_louth_data;
+
 /* One controller's handle on one video server. Created by zqhandler_create and freed by
  * zqhandler_delete; it owns its socket or serial port. Used by one thread at a time. */
 typedef struct s_zqhandler {
@@ -25,8 +33,11 @@ typedef struct s_zqhandler {
     t_s9p_handle comm_handle; /* the transport */
     int32_t timeout;          /* ms, for every wait of every exchange */
     int32_t proto_ver;        /* connection-protocol version for GOP transfers */
+    /* The two forms overlay each other: an exchange of one protocol overwrites what the other
+     * kept, so only the form of the protocol used last is meaningful. */
     union {
         t_s9p_data s9p;
+        t_louth_data louth;
     } data;
 } t_zqhandler;
 
