@@ -14,5 +14,8 @@
 #include <zqhandler/basic.h>
 #include <zqhandler/louth.h>
 #include <zqhandler/zqhandler_louth.h>
+#include <zqhandler/mgmt.h>
+#include <zqhandler/zqhandler_mgmt.h>
+#include <zqhandler/zqhandler_cnxn.h>
 
 int c_headers_compiled(void) { return 1; }

@@ -247,3 +247,12 @@ void cnxn_flush_input(t_s9p_handle* hdl) {
             return;
     }
 }
+
+CnxnAnnounce cnxn_check_announce(std::span<const uint8_t, CNXN_HEADER_SIZE> header,
+                                 const char (&tag)[5], int32_t capacity) {
+    if (!cnxn_tag_is(header.data(), tag))
+        return CnxnAnnounce::wrong_tag;
+    if (capacity < 0 || cnxn_arg1(header.data()) > static_cast<uint32_t>(capacity))
+        return CnxnAnnounce::too_big;
+    return CnxnAnnounce::fits;
+}

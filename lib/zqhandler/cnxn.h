@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <span>
 
 // Time-outs are in ms and unsigned: a negative int handed down from the handle becomes a bound
 // that never runs out, so the handle's "negative waits without limit" holds here too.
@@ -41,3 +42,10 @@ inline uint32_t cnxn_arg1(const uint8_t* header) {
 inline uint32_t cnxn_arg2(const uint8_t* header) {
     return get_be32(header + 8);
 }
+
+// How a transfer's answer header stands against what its operation asked for: the tag it expects,
+// and a size announced in arg1 (unsigned: 2^31 and above exceed every capacity) that `capacity`
+// bytes must hold. A negative capacity holds nothing.
+enum class CnxnAnnounce { fits, wrong_tag, too_big };
+CnxnAnnounce cnxn_check_announce(std::span<const uint8_t, CNXN_HEADER_SIZE> header,
+                                 const char (&tag)[5], int32_t capacity);

@@ -3,9 +3,9 @@
 #include "louth.h"
 
 #include "fields.h"
+#include "datagram.h"
 #include "link_io.h"
 #include "myserial.h"
-#include "mysocket.h"
 #include "select.h"
 #include "sony9p.h"
 #include "wire.h"
@@ -256,9 +256,7 @@ int send_datagram(t_s9p_handle* hdl, t_louth_command* cmd, int timeout_ms) {
     // A wait that merely runs out does not stop the send: the system queues the datagram.
     if (selectout(hdl->fd, timeout_ms) < 0)
         return fail(cmd, S9P_SEND_TIMEOUT);
-    if (mysocket_sendto(hdl->fd, &datagram, COMHDR_LOUTH_HEADER_SIZE + cmd->len, 0,
-                        reinterpret_cast<const sockaddr*>(&hdl->sockadd),
-                        static_cast<socklen_t>(hdl->socklen)) <= 0)
+    if (datagram_send(hdl, &datagram, COMHDR_LOUTH_HEADER_SIZE + cmd->len) <= 0)
         return fail(cmd, S9P_INVAL_ARG);
     return 0;
 }
@@ -266,7 +264,7 @@ int send_datagram(t_s9p_handle* hdl, t_louth_command* cmd, int timeout_ms) {
 int read_datagram(t_s9p_handle* hdl, t_louth_command* ans, int timeout_ms) {
     uint8_t datagram[512];
     size_t n = 0;
-    e_s9p_err code = datagram_receive(hdl, datagram, timeout_ms, &n);
+    e_s9p_err code = datagram_await(hdl, datagram, timeout_ms, &n);
     if (code == S9P_ERR_NONE)
         code = louth_parse_datagram({datagram, n}, ans);
     return code == S9P_ERR_NONE ? 0 : fail(ans, code);

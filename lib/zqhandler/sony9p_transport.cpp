@@ -2,9 +2,9 @@
 // stream through the connection protocol) behind one dispatch table, and the pure answer parsers.
 #include "sony9p_transport.h"
 
+#include "datagram.h"
 #include "link_io.h"
 #include "myserial.h"
-#include "mysocket.h"
 #include "mytime.h"
 #include "select.h"
 
@@ -81,7 +81,7 @@ int read_missing(s_serial_handle* port, S9pFrameAssembler& frame) {
 int read_datagram(t_s9p_handle* hdl, t_s9p_command* ans, int timeout_ms) {
     uint8_t datagram[512];
     size_t n = 0;
-    e_s9p_err code = datagram_receive(hdl, datagram, timeout_ms, &n);
+    e_s9p_err code = datagram_await(hdl, datagram, timeout_ms, &n);
     if (code == S9P_ERR_NONE)
         code = s9p_parse_datagram({datagram, n}, ans);
     return code == S9P_ERR_NONE ? 0 : fail(ans, code);
@@ -156,15 +156,9 @@ int s9p_send_cmd_eth(t_s9p_handle* hdl, t_s9p_command* cmd, int timeout_ms) {
     std::copy_n(cmd->data, cmd->len, datagram.data);
 
     datagram_drain(hdl);
-
-    if (selectout(hdl->fd, timeout_ms) <= 0) {
-        msleep(5);
-        if (selectout(hdl->fd, timeout_ms) < 0)
-            return fail(cmd, S9P_SEND_TIMEOUT);
-    }
-    if (mysocket_sendto(hdl->fd, &datagram, COMHDR_HEADER_SIZE + cmd->len, 0,
-                        reinterpret_cast<const sockaddr*>(&hdl->sockadd),
-                        static_cast<socklen_t>(hdl->socklen)) <= 0)
+    if (!datagram_wait_writable(hdl, timeout_ms))
+        return fail(cmd, S9P_SEND_TIMEOUT);
+    if (datagram_send(hdl, &datagram, COMHDR_HEADER_SIZE + cmd->len) <= 0)
         return fail(cmd, S9P_ERR_SYSTEM);
     return 0;
 }

@@ -5,6 +5,8 @@
 
 #include "zqhandler.h"
 
+#include <cstdio>
+
 // Where an exchange failed on the link: the library's source file and the line of the send or of
 // the read that failed (a NAK counts as a failed read). For the operations that report it.
 struct S9pFailure {
@@ -67,4 +69,19 @@ inline auto s9p_expect(uint8_t cmd1, uint8_t cmd2, int data = 0) {
         const bool ok = ans.data[0] == cmd1 && ans.data[1] == cmd2 && s9p_data_count(ans) >= data;
         return ok ? S9P_ERR_NONE : S9P_ERR_PROTOCOL;
     };
+}
+
+// `check`, printing `message` on standard output when it refuses the answer.
+template <typename Check> auto s9p_printing(Check check, const char* message) {
+    return [=](const t_s9p_command& ans) {
+        e_s9p_err verdict = check(ans);
+        if (verdict != S9P_ERR_NONE)
+            printf("%s", message);
+        return verdict;
+    };
+}
+
+// An operation answered by an ACK, with result 0.
+template <typename Build> int s9p_acked(t_zqhandler* zqh, Build&& build) {
+    return s9p_exchange(zqh, build, s9p_accept_ack, [](const t_s9p_command&) { return 0; });
 }

@@ -11,11 +11,6 @@
 
 namespace {
 
-// An operation whose answer is an ACK and whose result is 0.
-template <typename Build> int acked(t_zqhandler* zqh, Build&& build) {
-    return s9p_exchange(zqh, build, s9p_accept_ack, [](const t_s9p_command&) { return 0; });
-}
-
 // One step of the ID list: 0x88 and `cmd2` (0 for any) with the ID, or 0x80 at the list's end.
 template <typename Build> int list_step(t_zqhandler* zqh, Build&& build, uint8_t cmd2, char* id) {
     if (!id)
@@ -36,41 +31,41 @@ template <typename Build> int list_step(t_zqhandler* zqh, Build&& build, uint8_t
 } // namespace
 
 int zqhandler_cmd_automode(t_zqhandler* zqh, int on) {
-    return acked(zqh, [&](t_s9p_command& c) { return odetics_automode(&c, on); });
+    return s9p_acked(zqh, [&](t_s9p_command& c) { return odetics_automode(&c, on); });
 }
 
 int zqhandler_cmd_odetics_inPreset(t_zqhandler* zqh, const char* id, const char* tc) {
-    return acked(zqh, [&](t_s9p_command& c) { return odetics_inPreset(&c, id, tc); });
+    return s9p_acked(zqh, [&](t_s9p_command& c) { return odetics_inPreset(&c, id, tc); });
 }
 
 int zqhandler_cmd_odetics_outPreset(t_zqhandler* zqh, const char* tc) {
-    return acked(zqh, [&](t_s9p_command& c) { return odetics_outPreset(&c, tc); });
+    return s9p_acked(zqh, [&](t_s9p_command& c) { return odetics_outPreset(&c, tc); });
 }
 
 int zqhandler_cmd_odetics_inPreview(t_zqhandler* zqh, const char* id, const char* tc) {
-    return acked(zqh, [&](t_s9p_command& c) { return odetics_inPreview(&c, id, tc); });
+    return s9p_acked(zqh, [&](t_s9p_command& c) { return odetics_inPreview(&c, id, tc); });
 }
 
 int zqhandler_cmd_odetics_outPreview(t_zqhandler* zqh, const char* tc) {
-    return acked(zqh, [&](t_s9p_command& c) { return odetics_outPreview(&c, tc); });
+    return s9p_acked(zqh, [&](t_s9p_command& c) { return odetics_outPreview(&c, tc); });
 }
 
 int zqhandler_cmd_odetics_recordCueUp(t_zqhandler* zqh, const char* id, const char* tc) {
-    return acked(zqh, [&](t_s9p_command& c) { return odetics_recordCueUp(&c, id, tc); });
+    return s9p_acked(zqh, [&](t_s9p_command& c) { return odetics_recordCueUp(&c, id, tc); });
 }
 
 int zqhandler_cmd_odetics_eraseID(t_zqhandler* zqh, const char* id) {
-    return acked(zqh, [&](t_s9p_command& c) { return odetics_eraseID(&c, id); });
+    return s9p_acked(zqh, [&](t_s9p_command& c) { return odetics_eraseID(&c, id); });
 }
 
 int zqhandler_cmd_odetics_eraseSegment(t_zqhandler* zqh, const char* first_tc,
                                        const char* second_tc) {
-    return acked(zqh,
-                 [&](t_s9p_command& c) { return odetics_eraseSegment(&c, first_tc, second_tc); });
+    return s9p_acked(
+        zqh, [&](t_s9p_command& c) { return odetics_eraseSegment(&c, first_tc, second_tc); });
 }
 
 int zqhandler_cmd_odetics_set_deviceID(t_zqhandler* zqh, const uint8_t device_id[8]) {
-    return acked(zqh, [&](t_s9p_command& c) { return odetics_set_deviceID(&c, device_id); });
+    return s9p_acked(zqh, [&](t_s9p_command& c) { return odetics_set_deviceID(&c, device_id); });
 }
 
 int zqhandler_cmd_odetics_sense_firstID(t_zqhandler* zqh, char* id) {

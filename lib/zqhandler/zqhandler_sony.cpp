@@ -36,21 +36,6 @@ e_s9p_err accept_if(bool ok) {
     return ok ? S9P_ERR_NONE : S9P_ERR_PROTOCOL;
 }
 
-// `check`, printing `message` on standard output when it refuses the answer.
-template <typename Check> auto printing(Check check, const char* message) {
-    return [=](const t_s9p_command& ans) {
-        e_s9p_err verdict = check(ans);
-        if (verdict != S9P_ERR_NONE)
-            printf("%s", message);
-        return verdict;
-    };
-}
-
-// An operation answered by an ACK, with result 0.
-template <typename Build> int acked(t_zqhandler* zqh, Build&& build) {
-    return s9p_exchange(zqh, build, s9p_accept_ack, zero);
-}
-
 // Copies the answer's N announced data bytes to `out`; returns N.
 auto copy_announced(uint8_t* out) {
     return [=](const t_s9p_command& ans) {
@@ -190,7 +175,7 @@ constexpr uint8_t kTimeData[] = {0x00, 0x01, 0x04, 0x05, 0x06, 0x07, 0x0C, 0x14,
 // Forward with `value` when it is 0 or more, else reverse with -value.
 template <typename Forward, typename Reverse>
 int signed_motion(t_zqhandler* zqh, int value, Forward forward, Reverse reverse) {
-    return acked(zqh, [&](t_s9p_command& c) {
+    return s9p_acked(zqh, [&](t_s9p_command& c) {
         return value >= 0 ? forward(&c, value) : reverse(&c, value == INT_MIN ? INT_MAX : -value);
     });
 }
@@ -217,7 +202,7 @@ int zqhandler_cmd_sense_misc(t_zqhandler* zqh, const uint8_t* bytes, int count, 
 int zqhandler_cmd_basic(t_zqhandler* zqh, int command) {
     if (command < 0 || command >= BAS_CMD_LAST)
         return -1;
-    return acked(zqh, [&](t_s9p_command& c) { return kBasicCommands[command].build(&c); });
+    return s9p_acked(zqh, [&](t_s9p_command& c) { return kBasicCommands[command].build(&c); });
 }
 
 int zqhandler_cmd_sense_basic(t_zqhandler* zqh, int sense, uint8_t* out) {
@@ -252,7 +237,7 @@ int zqhandler_cmd_sense_timecode(t_zqhandler* zqh, int which, char* tc) {
 }
 
 int zqhandler_cmd_cueWithData(t_zqhandler* zqh, const char* tc) {
-    return acked(zqh, [&](t_s9p_command& c) { return s9p_cueWithData(&c, tc); });
+    return s9p_acked(zqh, [&](t_s9p_command& c) { return s9p_cueWithData(&c, tc); });
 }
 
 int zqhandler_cmd_sense_clip_range(t_zqhandler* zqh, int* first, int* last) {
@@ -285,36 +270,38 @@ int zqhandler_cmd_sense_clip_parameters(t_zqhandler* zqh, int clip, uint32_t* va
 
 int zqhandler_cmd_save_clip_parameters(t_zqhandler* zqh, int clip, uint32_t value1,
                                        uint32_t value2) {
-    return acked(
+    return s9p_acked(
         zqh, [&](t_s9p_command& c) { return s9p_save_clip_parameters(&c, clip, value1, value2); });
 }
 
 int zqhandler_cmd_preset_clip_prev(t_zqhandler* zqh, int clip, int other_clip) {
-    return acked(zqh, [&](t_s9p_command& c) { return s9p_preset_clip_prev(&c, clip, other_clip); });
+    return s9p_acked(zqh,
+                     [&](t_s9p_command& c) { return s9p_preset_clip_prev(&c, clip, other_clip); });
 }
 
 int zqhandler_cmd_preset_clip_next(t_zqhandler* zqh, int clip, int other_clip) {
-    return acked(zqh, [&](t_s9p_command& c) { return s9p_preset_clip_next(&c, clip, other_clip); });
+    return s9p_acked(zqh,
+                     [&](t_s9p_command& c) { return s9p_preset_clip_next(&c, clip, other_clip); });
 }
 
 int zqhandler_menu_recall_current(t_zqhandler* zqh) {
-    return acked(zqh, [](t_s9p_command& c) { return s9p_menu_recall_current(&c); });
+    return s9p_acked(zqh, [](t_s9p_command& c) { return s9p_menu_recall_current(&c); });
 }
 
 int zqhandler_menu_recall_flash(t_zqhandler* zqh) {
-    return acked(zqh, [](t_s9p_command& c) { return s9p_menu_recall_flash(&c); });
+    return s9p_acked(zqh, [](t_s9p_command& c) { return s9p_menu_recall_flash(&c); });
 }
 
 int zqhandler_menu_preset_default(t_zqhandler* zqh) {
-    return acked(zqh, [](t_s9p_command& c) { return s9p_menu_preset_default(&c); });
+    return s9p_acked(zqh, [](t_s9p_command& c) { return s9p_menu_preset_default(&c); });
 }
 
 int zqhandler_menu_save_flash(t_zqhandler* zqh) {
-    return acked(zqh, [](t_s9p_command& c) { return s9p_menu_save_flash(&c); });
+    return s9p_acked(zqh, [](t_s9p_command& c) { return s9p_menu_save_flash(&c); });
 }
 
 int zqhandler_menu_commit_section(t_zqhandler* zqh, int section) {
-    return acked(zqh, [&](t_s9p_command& c) { return s9p_menu_commit_section(&c, section); });
+    return s9p_acked(zqh, [&](t_s9p_command& c) { return s9p_menu_commit_section(&c, section); });
 }
 
 int zqhandler_menu_read_section(t_zqhandler* zqh, int section, uint8_t* out) {
@@ -327,42 +314,42 @@ int zqhandler_menu_read_section(t_zqhandler* zqh, int section, uint8_t* out) {
 }
 
 int zqhandler_menu_save_section(t_zqhandler* zqh, int section, const uint8_t* bytes, int count) {
-    return acked(
+    return s9p_acked(
         zqh, [&](t_s9p_command& c) { return s9p_menu_save_section(&c, section, bytes, count); });
 }
 
 int zqhandler_cmd_preset_channel(t_zqhandler* zqh, int channel) {
-    return acked(zqh, [&](t_s9p_command& c) { return s9p_preset_channel(&c, channel); });
+    return s9p_acked(zqh, [&](t_s9p_command& c) { return s9p_preset_channel(&c, channel); });
 }
 
 int zqhandler_cmd_preset_current(t_zqhandler* zqh, uint32_t field) {
     S9pFailure where;
     int result = s9p_exchange(
         zqh, [&](t_s9p_command& c) { return s9p_preset_current_field(&c, field); },
-        printing(s9p_accept_ack, "preset current field failed\n"), zero, &where);
+        s9p_printing(s9p_accept_ack, "preset current field failed\n"), zero, &where);
     if (where.file)
         printf("zqhandler_send_s9p failed in %s:%d\n", where.file, where.line);
     return result;
 }
 
 int zqhandler_cmd_preset_field0(t_zqhandler* zqh, uint32_t field) {
-    return acked(zqh, [&](t_s9p_command& c) { return s9p_preset_field0(&c, field); });
+    return s9p_acked(zqh, [&](t_s9p_command& c) { return s9p_preset_field0(&c, field); });
 }
 
 int zqhandler_cmd_preset_lastField(t_zqhandler* zqh, uint32_t field) {
-    return acked(zqh, [&](t_s9p_command& c) { return s9p_preset_lastField(&c, field); });
+    return s9p_acked(zqh, [&](t_s9p_command& c) { return s9p_preset_lastField(&c, field); });
 }
 
 int zqhandler_cmd_loopmode(t_zqhandler* zqh, int on) {
     return s9p_exchange(
         zqh, [&](t_s9p_command& c) { return s9p_loopmode(&c, on); },
-        printing(s9p_accept_ack, "loopmode failed\n"), zero);
+        s9p_printing(s9p_accept_ack, "loopmode failed\n"), zero);
 }
 
 int zqhandler_cmd_timermode(t_zqhandler* zqh, int mode) {
     return s9p_exchange(
         zqh, [&](t_s9p_command& c) { return s9p_timermode(&c, mode); },
-        printing(s9p_accept_ack, "timermode failed\n"), zero);
+        s9p_printing(s9p_accept_ack, "timermode failed\n"), zero);
 }
 
 int zqhandler_cmd_var_play(t_zqhandler* zqh, int speed) {

@@ -23,16 +23,6 @@ auto information(uint8_t cmd2, uint8_t selector) {
     };
 }
 
-// `check`, printing `message` when it refuses the answer.
-template <typename Check> auto printing(Check check, const char* message) {
-    return [=](const t_s9p_command& ans) {
-        e_s9p_err verdict = check(ans);
-        if (verdict != S9P_ERR_NONE)
-            printf("%s", message);
-        return verdict;
-    };
-}
-
 // Copies the answer's data from `skip` bytes after CMD2 to `info`; returns the count.
 auto copy_data(uint8_t* info, int skip) {
     return [=](const t_s9p_command& ans) {
@@ -101,11 +91,11 @@ int zqhandler_cmd_tavon_sense_startup_vinfo(t_zqhandler* zqh, uint8_t* info) {
 int zqhandler_cmd_tavon_sense_startup_ainfo(t_zqhandler* zqh, uint8_t* info) {
     return info_query(
         zqh, info, [](t_s9p_command& c) { return tavon_sense_startup_ainfo(&c); },
-        printing(information(0xB4, 0x02), "sense startup ainfo failed\n"), 0);
+        s9p_printing(information(0xB4, 0x02), "sense startup ainfo failed\n"), 0);
 }
 
 int zqhandler_cmd_tavon_ccmode(t_zqhandler* zqh, int on) {
     return s9p_exchange(
         zqh, [on](t_s9p_command& c) { return tavon_ccmode(&c, on); },
-        printing(s9p_accept_ack, "ccmode failed\n"), [](const t_s9p_command&) { return 0; });
+        s9p_printing(s9p_accept_ack, "ccmode failed\n"), [](const t_s9p_command&) { return 0; });
 }

@@ -46,3 +46,19 @@ struct SimHandle {
 
     static std::string port(uint16_t number) { return std::to_string(number); }
 };
+
+// A handle connected by datagram to the emulator's management endpoint.
+struct MgmtHandle {
+    devsim::DevSim sim;
+    t_zqhandler* zqh = zqhandler_create();
+
+    MgmtHandle() {
+        uint16_t port = sim.listen_mgmt("127.0.0.1", 0);
+        zqhandler_connect_eth(zqh, "127.0.0.1", std::to_string(port).c_str());
+        sim.start();
+    }
+    ~MgmtHandle() {
+        zqhandler_delete(zqh);
+        sim.stop();
+    }
+};

@@ -169,7 +169,7 @@ DevSim::DevSim() : louth_(std::make_unique<LouthServer>()) {
 DevSim::~DevSim() {
     stop();
     for (int* fd : {&udp_, &udp_other_, &tcp_listener_, &tcp_client_, &pty_master_, &pty_slave_,
-                    &wake_[0], &wake_[1]})
+                    &wake_[0], &wake_[1], &mgmt_})
         close_fd(*fd);
 }
 
@@ -187,6 +187,12 @@ uint16_t DevSim::listen_tcp(const char* address, uint16_t port) {
         fail("listen");
     tcp_port_ = bound_port(tcp_listener_);
     return tcp_port_;
+}
+
+uint16_t DevSim::listen_mgmt(const char* address, uint16_t port) {
+    mgmt_ = bound_socket(SOCK_DGRAM, ipv4(address, port));
+    mgmt_port_ = bound_port(mgmt_);
+    return mgmt_port_;
 }
 
 std::string DevSim::open_pty() {
@@ -276,7 +282,8 @@ void DevSim::serve() {
     for (;;) {
         pollfd fds[] = {{wake_[0], POLLIN, 0},    {udp_, POLLIN, 0},
                         {udp_other_, POLLIN, 0},  {tcp_listener_, POLLIN, 0},
-                        {tcp_client_, POLLIN, 0}, {pty_master_, POLLIN, 0}};
+                        {tcp_client_, POLLIN, 0}, {pty_master_, POLLIN, 0},
+                        {mgmt_, POLLIN, 0}};
         // poll() ignores negative descriptors, so links that are not set up cost nothing.
         if (poll(fds, std::size(fds), poll_timeout_ms()) < 0 && errno != EINTR)
             return;
@@ -292,6 +299,8 @@ void DevSim::serve() {
             receive_tcp();
         if (fds[5].revents)
             receive_serial();
+        if (fds[6].revents)
+            receive_mgmt();
         send_due();
     }
 }
@@ -353,6 +362,7 @@ void DevSim::accept_tcp() {
 void DevSim::close_tcp_client() {
     close_fd(tcp_client_);
     tcp_buffer_.clear();
+    transfers_.reset();
 }
 
 void DevSim::receive_tcp() {
@@ -363,6 +373,7 @@ void DevSim::receive_tcp() {
         return;
     }
     tcp_buffer_.insert(tcp_buffer_.end(), chunk, chunk + n);
+    transfers_.take_upload(tcp_buffer_); // an accepted upload's bytes are not messages
     // Messages: a 12-byte header; "s9p " carries arg1 frame bytes after it, the others nothing.
     while (tcp_buffer_.size() >= kHeader) {
         std::string tag(tcp_buffer_.begin(), tcp_buffer_.begin() + 4);
@@ -385,8 +396,12 @@ void DevSim::receive_tcp() {
                           tcp_buffer_.begin() + static_cast<long>(wire.size()));
         Bytes frame(wire.begin() + kHeader, wire.end());
         record({Link::tcp, wire, frame, tag, tcp_port_, tcp_peer_});
-        if (tag == "s9p ")
+        if (tag == "s9p ") {
             answer(Link::tcp, tcp_client_, tcp_peer_);
+        } else {
+            queue(Link::tcp, tcp_client_, tcp_peer_, transfers_.answer(wire.data()));
+            transfers_.take_upload(tcp_buffer_);
+        }
     }
 }
 
@@ -418,6 +433,29 @@ void DevSim::receive_serial() {
     }
 }
 
+void DevSim::receive_mgmt() {
+    uint8_t datagram[2048];
+    sockaddr_in from{};
+    socklen_t length = sizeof from;
+    ssize_t n =
+        recvfrom(mgmt_, datagram, sizeof datagram, 0, reinterpret_cast<sockaddr*>(&from), &length);
+    if (n < 0)
+        return;
+    Bytes wire(datagram, datagram + n);
+    record({Link::udp, wire, {}, "", mgmt_port_, from});
+    queue(Link::udp, mgmt_, from, mgmt_model_.answer(wire));
+}
+
+void DevSim::queue(Link link, int fd, const sockaddr_in& to, std::vector<Piece> pieces) {
+    auto due = Clock::now();
+    for (size_t i = 0; i < pieces.size(); ++i) {
+        due += std::chrono::milliseconds(pieces[i].delay_ms);
+        outbox_.push_back({due, link, fd, to, tcp_generation_, std::move(pieces[i].bytes),
+                           i + 1 == pieces.size()});
+    }
+    send_due();
+}
+
 void DevSim::answer(Link link, int fd, const sockaddr_in& to) {
     Reply reply = next_reply();
     if (reply.silent)
@@ -431,17 +469,7 @@ void DevSim::answer(Link link, int fd, const sockaddr_in& to) {
     }
     if (reply.corrupt_checksum && !frame.empty())
         ++frame.back();
-    Bytes bytes = reply.raw.empty() ? framed(link, frame) : reply.raw;
-    if (link == Link::udp && reply.from_other_address)
-        fd = udp_other_;
-    auto due = Clock::now() + std::chrono::milliseconds(reply.delay_ms);
-    std::vector<Bytes> pieces = split(bytes, reply.pieces);
-    for (size_t i = 0; i < pieces.size(); ++i) {
-        outbox_.push_back(
-            {due, link, fd, to, tcp_generation_, std::move(pieces[i]), i + 1 == pieces.size()});
-        due += std::chrono::milliseconds(reply.piece_gap_ms);
-    }
-    send_due();
+    queue(link, fd, to, reply, reply.raw.empty() ? framed(link, frame) : reply.raw);
 }
 
 void DevSim::answer_louth(Link link, int fd, const sockaddr_in& to, const Bytes& command) {

@@ -3,6 +3,8 @@
 #pragma once
 
 #include "sony_answers.h"
+#include "mgmt.h"
+#include "transfers.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -87,6 +89,12 @@ class DevSim {
     // call before start(). Every link speaks Sony until told otherwise. On UDP a datagram of type
     // 1 is always Sony and one of type 5 always Louth: the choice rules the other types.
     void set_protocol(Link link, Protocol protocol);
+    // Binds the management endpoint's UDP socket; returns the bound port.
+    uint16_t listen_mgmt(const char* address, uint16_t port);
+
+    // The server's transfers on the TCP link and its management endpoint: contents and faults.
+    Transfers& transfers() { return transfers_; }
+    Mgmt& mgmt() { return mgmt_model_; }
 
     void start();
     void stop();
@@ -109,6 +117,7 @@ class DevSim {
     uint16_t udp_other_port() const { return udp_other_port_; }
     uint16_t tcp_port() const { return tcp_port_; }
     const std::string& pty_path() const { return pty_path_; }
+    uint16_t mgmt_port() const { return mgmt_port_; }
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -136,6 +145,9 @@ class DevSim {
     Reply next_reply();
     void send_due();
     void send_now(const Outgoing& out);
+    void receive_mgmt();
+    // Queues a model's answer for the serving thread to send piece by piece.
+    void queue(Link link, int fd, const sockaddr_in& to, std::vector<Piece> pieces);
 
     int wake_[2] = {-1, -1};
     int udp_ = -1, udp_other_ = -1, tcp_listener_ = -1, tcp_client_ = -1;
@@ -158,6 +170,11 @@ class DevSim {
     size_t replies_sent_ = 0;
     std::function<void(const Received&)> observer_;
     SonyAnswers sony_;
+
+    int mgmt_ = -1;
+    uint16_t mgmt_port_ = 0;
+    Transfers transfers_;
+    Mgmt mgmt_model_;
 };
 
 using ::hex; // "43 BF F0 04 0C 02"

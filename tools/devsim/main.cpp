@@ -6,6 +6,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <fstream>
+#include <functional>
+#include <iterator>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -27,7 +30,15 @@ const char kUsage[] =
     "  --nak BITS     answer every command with a NAK carrying these error bits\n"
     "  --silent       never answer\n"
     "  --delay MS     answer MS milliseconds late\n"
-    "  --corrupt      answer with a wrong checksum\n";
+    "  --corrupt      answer with a wrong checksum\n"
+    "  --mgmt PORT    also serve the management protocol on ADDRESS:PORT (UDP)\n"
+    "  --version A:B  the version words a \"ver \" request gets\n"
+    "  --diskinfo FILE, --gop FILE, --log FILE\n"
+    "                 the disk information, the GOP, the log the server holds\n"
+    "  --entry N:FILE, --picture CODE:FILE\n"
+    "                 file entry N, picture CODE\n"
+    "  --refuse-uploads  refuse GOP and disk-information uploads\n"
+    "  --stall BYTES:MS  the first raw transfer pauses MS ms after BYTES bytes\n";
 
 struct Options {
     std::string link;
@@ -37,6 +48,8 @@ struct Options {
     devsim::Reply reply;
     std::vector<std::string> senses, clips;
     bool louth = false;
+    int mgmt_port = -1;
+    std::vector<std::function<void(devsim::DevSim&)>> contents; // applied before the start
 };
 
 [[noreturn]] void usage() {
@@ -50,6 +63,76 @@ long number(const char* text) {
 bool valid_sense(const char* text) {
     devsim::SonyAnswers scratch;
     return devsim::set_sense_from_text(scratch, text);
+}
+
+devsim::Bytes file(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        perror(path.c_str());
+        exit(1);
+    }
+    return devsim::Bytes(std::istreambuf_iterator<char>(in), {});
+}
+
+// "A:B" into its two numbers; "N:FILE" into the number and the path.
+std::pair<long, std::string> pair_argument(const std::string& text) {
+    size_t colon = text.find(':');
+    if (colon == std::string::npos)
+        usage();
+    return {number(text.substr(0, colon).c_str()), text.substr(colon + 1)};
+}
+
+// The contents and faults of the transfers and the management endpoint.
+bool content_option(Options& o, const std::string& option, const char* value) {
+    using devsim::DevSim;
+    auto add = [&](std::function<void(DevSim&)> apply) { o.contents.push_back(std::move(apply)); };
+    if (option == "--refuse-uploads") {
+        add([](DevSim& sim) {
+            sim.transfers().accept_uploads(false);
+            sim.mgmt().accept_uploads(false);
+        });
+        return true;
+    }
+    if (!value)
+        return false;
+    const std::string v = value;
+    if (option == "--mgmt") {
+        o.mgmt_port = static_cast<int>(number(value));
+        if (o.mgmt_port < 0 || o.mgmt_port > 65535)
+            usage();
+    } else if (option == "--version") {
+        auto [first, second] = pair_argument(v);
+        uint32_t words[2] = {static_cast<uint32_t>(first),
+                             static_cast<uint32_t>(number(second.c_str()))};
+        add([=](DevSim& sim) { sim.transfers().set_version(words[0], words[1]); });
+    } else if (option == "--diskinfo") {
+        add([bytes = file(v)](DevSim& sim) {
+            sim.transfers().set_diskinfo(bytes);
+            sim.mgmt().set_diskinfo(bytes);
+        });
+    } else if (option == "--gop") {
+        add([bytes = file(v)](DevSim& sim) { sim.transfers().set_gop(bytes); });
+    } else if (option == "--log") {
+        add([bytes = file(v)](DevSim& sim) { sim.mgmt().set_log(bytes); });
+    } else if (option == "--entry") {
+        auto [entry_number, path] = pair_argument(v);
+        add([entry = static_cast<uint32_t>(entry_number), bytes = file(path)](DevSim& sim) {
+            sim.transfers().set_file_entry(entry, bytes);
+        });
+    } else if (option == "--picture") {
+        auto [picture_code, path] = pair_argument(v);
+        add([code = static_cast<uint16_t>(picture_code), bytes = file(path)](DevSim& sim) {
+            sim.mgmt().set_picture(code, bytes);
+        });
+    } else if (option == "--stall") {
+        auto [count, ms] = pair_argument(v);
+        const auto after = static_cast<size_t>(count);
+        const int pause = static_cast<int>(number(ms.c_str()));
+        add([=](DevSim& sim) { sim.transfers().stall_next(after, pause); });
+    } else {
+        return false;
+    }
+    return true;
 }
 
 Options parse(int argc, char** argv) {
@@ -91,14 +174,18 @@ Options parse(int argc, char** argv) {
             o.reply.silent = true;
         else if (option == "--corrupt")
             o.reply.corrupt_checksum = true;
+        else if (content_option(o, option, has_value ? argv[i + 1] : nullptr))
+            i += option == "--refuse-uploads" ? 0 : 1;
         else
             usage();
     }
     return o;
 }
 
-void print(const devsim::Received& message) {
-    if (message.link == devsim::Link::tcp && message.tag != "s9p ") {
+void print(const devsim::Received& message, uint16_t mgmt_port) {
+    if (message.link == devsim::Link::udp && mgmt_port != 0 && message.local_port == mgmt_port) {
+        printf("mgmt %s\n", devsim::hex(message.wire).c_str());
+    } else if (message.link == devsim::Link::tcp && message.tag != "s9p ") {
         printf("%s %s\n", message.tag.c_str(), devsim::hex(message.wire).c_str());
     } else {
         printf("%s\n", devsim::hex(message.frame).c_str());
@@ -140,6 +227,10 @@ int main(int argc, char** argv) {
     std::string where;
     try {
         where = open_link(sim, options);
+        if (options.mgmt_port >= 0)
+            where += ", mgmt " + options.address + ":" +
+                     std::to_string(sim.listen_mgmt(options.address.c_str(),
+                                                    static_cast<uint16_t>(options.mgmt_port)));
     } catch (const std::exception& e) {
         fprintf(stderr, "devsim: %s\n", e.what());
         return 1;
@@ -152,7 +243,9 @@ int main(int argc, char** argv) {
         devsim::set_sense_from_text(sim.sony(), sense);
     for (const std::string& clip : options.clips)
         sim.sony().add_clip(clip);
-    sim.on_receive(print);
+    for (const auto& apply : options.contents)
+        apply(sim);
+    sim.on_receive([port = sim.mgmt_port()](const devsim::Received& m) { print(m, port); });
     sim.start();
     printf("listening on %s\n", where.c_str());
 

@@ -1,0 +1,96 @@
+// The management endpoint: one answer datagram per request, a 10-byte header (type 3, size,
+// msgType, two zero words, big-endian) and up to 1490 bytes of data.
+#include "mgmt.h"
+
+#include <algorithm>
+
+namespace devsim {
+
+namespace {
+
+constexpr size_t kHeader = 10;
+constexpr size_t kMaxData = 1490;
+constexpr uint16_t kPutDiskinfo = 0, kGetDiskinfo = 1, kGetLog = 2;
+
+uint16_t be16(const uint8_t* p) {
+    return static_cast<uint16_t>(p[0] << 8 | p[1]);
+}
+
+void put_be16(Bytes& out, size_t value) {
+    out.push_back(static_cast<uint8_t>(value >> 8));
+    out.push_back(static_cast<uint8_t>(value));
+}
+
+Bytes datagram(uint16_t msg_type, const Bytes& data) {
+    const size_t size = std::min(data.size(), kMaxData);
+    Bytes out;
+    put_be16(out, 3);
+    put_be16(out, size);
+    put_be16(out, msg_type);
+    out.resize(kHeader, 0);
+    out.insert(out.end(), data.begin(), data.begin() + static_cast<long>(size));
+    return out;
+}
+
+} // namespace
+
+void Mgmt::set_log(Bytes bytes) {
+    std::lock_guard lock(mutex_);
+    log_ = std::move(bytes);
+}
+
+void Mgmt::set_diskinfo(Bytes bytes) {
+    std::lock_guard lock(mutex_);
+    diskinfo_ = std::move(bytes);
+}
+
+void Mgmt::set_picture(uint16_t code, Bytes bytes) {
+    std::lock_guard lock(mutex_);
+    pictures_[code] = std::move(bytes);
+}
+
+void Mgmt::accept_uploads(bool accept) {
+    std::lock_guard lock(mutex_);
+    accept_ = accept;
+}
+
+void Mgmt::script(std::vector<Bytes> datagrams, int delay_ms) {
+    std::vector<Piece> pieces;
+    for (Bytes& d : datagrams)
+        pieces.push_back({std::move(d), pieces.empty() ? delay_ms : 0});
+    std::lock_guard lock(mutex_);
+    script_.push_back(std::move(pieces));
+}
+
+Bytes Mgmt::uploaded() const {
+    std::lock_guard lock(mutex_);
+    return uploaded_;
+}
+
+std::vector<Piece> Mgmt::answer(const Bytes& request) {
+    if (request.size() < kHeader || be16(request.data()) != 3)
+        return {};
+    const uint16_t code = be16(request.data() + 4);
+    std::lock_guard lock(mutex_);
+    if (code == kPutDiskinfo) // recorded even when the answer is scripted
+        uploaded_.assign(request.begin() + kHeader, request.end());
+    if (!script_.empty()) {
+        std::vector<Piece> scripted = std::move(script_.front());
+        script_.pop_front();
+        return scripted;
+    }
+    switch (code) {
+    case kPutDiskinfo:
+        return {{datagram(accept_ ? 0 : 1, {}), 0}};
+    case kGetDiskinfo:
+        return {{datagram(code, diskinfo_), 0}};
+    case kGetLog:
+        return {{datagram(code, log_), 0}};
+    default: {
+        auto picture = pictures_.find(code);
+        return {{datagram(code, picture == pictures_.end() ? Bytes{} : picture->second), 0}};
+    }
+    }
+}
+
+} // namespace devsim

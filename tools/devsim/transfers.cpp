@@ -1,0 +1,158 @@
+// The connection protocol's transfers, from the server's side: each request header gets its
+// answer header or raw bytes; an accepted "pgop" makes the next bytes on the stream its upload.
+#include "transfers.h"
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <utility>
+
+namespace devsim {
+
+namespace {
+
+uint32_t be32(const uint8_t* p) {
+    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
+           static_cast<uint32_t>(p[2]) << 8 | p[3];
+}
+
+void put_be32(Bytes& out, uint32_t value) {
+    for (int shift = 24; shift >= 0; shift -= 8)
+        out.push_back(static_cast<uint8_t>(value >> shift));
+}
+
+} // namespace
+
+void Transfers::set_version(uint32_t first, uint32_t second) {
+    std::lock_guard lock(mutex_);
+    version_[0] = first;
+    version_[1] = second;
+}
+
+void Transfers::set_diskinfo(Bytes bytes) {
+    std::lock_guard lock(mutex_);
+    diskinfo_ = std::move(bytes);
+}
+
+void Transfers::set_file_entry(uint32_t entry, Bytes bytes) {
+    std::lock_guard lock(mutex_);
+    entries_[entry] = std::move(bytes);
+}
+
+void Transfers::set_gop(Bytes bytes) {
+    std::lock_guard lock(mutex_);
+    gop_ = std::move(bytes);
+}
+
+void Transfers::accept_uploads(bool accept) {
+    std::lock_guard lock(mutex_);
+    accept_ = accept;
+}
+
+void Transfers::script_header(Bytes raw) {
+    std::lock_guard lock(mutex_);
+    scripted_header_ = std::move(raw);
+}
+
+void Transfers::stall_next(size_t after, int ms) {
+    std::lock_guard lock(mutex_);
+    stall_ = {after, ms};
+}
+
+Bytes Transfers::uploaded() const {
+    std::lock_guard lock(mutex_);
+    return uploaded_;
+}
+
+bool Transfers::wait_uploads(size_t count, int timeout_ms) const {
+    std::unique_lock lock(mutex_);
+    return uploaded_changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
+                                      [&] { return uploads_ >= count; });
+}
+
+void Transfers::take_upload(Bytes& stream) {
+    std::lock_guard lock(mutex_);
+    if (!expecting_)
+        return;
+    size_t n = std::min(stream.size(), *expecting_ - upload_.size());
+    upload_.insert(upload_.end(), stream.begin(), stream.begin() + static_cast<long>(n));
+    stream.erase(stream.begin(), stream.begin() + static_cast<long>(n));
+    if (upload_.size() == *expecting_)
+        finish_upload();
+}
+
+void Transfers::finish_upload() {
+    uploaded_ = std::exchange(upload_, {});
+    expecting_.reset();
+    ++uploads_;
+    uploaded_changed_.notify_all();
+}
+
+void Transfers::reset() {
+    std::lock_guard lock(mutex_);
+    expecting_.reset();
+    upload_.clear();
+}
+
+std::vector<Piece> Transfers::raw(const Bytes& bytes) {
+    if (!stall_)
+        return {{bytes, 0}};
+    auto [after, ms] = *stall_;
+    stall_.reset();
+    auto cut = bytes.begin() + static_cast<long>(std::min(after, bytes.size()));
+    return {{Bytes(bytes.begin(), cut), 0}, {Bytes(cut, bytes.end()), ms}};
+}
+
+std::vector<Piece> Transfers::header(const char* tag, uint32_t arg1, uint32_t arg2) {
+    if (scripted_header_) {
+        Bytes scripted = std::move(*scripted_header_);
+        scripted_header_.reset();
+        expecting_.reset(); // a scripted answer to "pgop" accepts nothing
+        if (scripted.empty())
+            return {};
+        return {{scripted, 0}};
+    }
+    Bytes out(tag, tag + 4);
+    put_be32(out, arg1);
+    put_be32(out, arg2);
+    return {{out, 0}};
+}
+
+// A header announcing `bytes`, which the next "data" request sends.
+std::vector<Piece> Transfers::announce(const char* tag, const Bytes& bytes) {
+    pending_ = bytes;
+    return header(tag, static_cast<uint32_t>(bytes.size()), 0);
+}
+
+std::vector<Piece> Transfers::answer(const uint8_t* request) {
+    const std::string tag(request, request + 4);
+    const uint32_t arg1 = be32(request + 4), arg2 = be32(request + 8);
+    std::lock_guard lock(mutex_);
+    if (tag == "ver ")
+        return header("ver ", version_[0], version_[1]);
+    if (tag == "gfif")
+        return announce("gfif", diskinfo_);
+    if (tag == "uuuu") {
+        auto entry = entries_.find(arg1);
+        return announce("uuuu", entry == entries_.end() ? Bytes{} : entry->second);
+    }
+    if (tag == "cggp")
+        return announce("cggp", gop_);
+    if (tag == "data")
+        return raw(std::exchange(pending_, {}));
+    if (tag == "ggop")
+        return raw(gop_);
+    if (tag == "pgop") {
+        if (!accept_)
+            return header("pgna", 0, 0);
+        expecting_ = arg2;
+        upload_.clear();
+        std::vector<Piece> answer = header("pgac", 0, 0);
+        if (expecting_ == size_t{0})
+            finish_upload(); // nothing to wait for
+        return answer;
+    }
+    return {}; // "aliv" and whatever the server does not know
+}
+
+} // namespace devsim

@@ -1,0 +1,61 @@
+// The server's side of the connection protocol's transfers: its version words, disk information,
+// file entries and GOP, the uploads it accepts or refuses, and the faults a test asks for (another
+// header, a transfer that stalls half-way).
+#pragma once
+
+#include "piece.h"
+
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <optional>
+
+namespace devsim {
+
+class Transfers {
+  public:
+    // What the server holds; any thread. Entries never set have size 0.
+    void set_version(uint32_t first, uint32_t second);
+    void set_diskinfo(Bytes bytes);
+    void set_file_entry(uint32_t entry, Bytes bytes);
+    void set_gop(Bytes bytes);
+    void accept_uploads(bool accept); // accepted by default
+
+    // The next header answer is these bytes instead; empty: that request gets no answer.
+    void script_header(Bytes raw);
+    // The next raw transfer ("data" or "ggop") sends `after` bytes, then waits `ms` before the
+    // rest; a client waiting meanwhile sends keep-alives.
+    void stall_next(size_t after, int ms);
+
+    // The last upload received whole; waiting until `count` uploads were received whole.
+    Bytes uploaded() const;
+    bool wait_uploads(size_t count, int timeout_ms) const;
+
+    // Serving thread. Moves the bytes of an upload under way from the front of `stream`.
+    void take_upload(Bytes& stream);
+    // The answer to one request header (12 bytes), in pieces; none for "aliv" and unknown tags.
+    std::vector<Piece> answer(const uint8_t* header);
+    // The client went away: an upload under way is dropped.
+    void reset();
+
+  private:
+    std::vector<Piece> raw(const Bytes& bytes);
+    std::vector<Piece> header(const char* tag, uint32_t arg1, uint32_t arg2);
+    std::vector<Piece> announce(const char* tag, const Bytes& bytes);
+    void finish_upload();
+
+    mutable std::mutex mutex_;
+    mutable std::condition_variable uploaded_changed_;
+    uint32_t version_[2] = {1, 0};
+    Bytes diskinfo_, gop_;
+    std::map<uint32_t, Bytes> entries_;
+    bool accept_ = true;
+    std::optional<Bytes> scripted_header_;
+    std::optional<std::pair<size_t, int>> stall_;
+    Bytes pending_;                   // what the next "data" sends
+    std::optional<size_t> expecting_; // bytes of the upload under way
+    Bytes upload_, uploaded_;
+    size_t uploads_ = 0;
+};
+
+} // namespace devsim
