@@ -7,6 +7,7 @@ TEST_PACKAGES=(
   pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev
   g++-mips-linux-gnu qemu-user
   clang libclang-rt-14-dev
+  mandoc
 )
 
 as_root() {

@@ -4,6 +4,7 @@
 #include <zqhandler/sony9p.h>
 #include <zqhandler/cnxn.h>
 #include <zqhandler/zqhandler.h>
+#include <zqhandler/trace.h>
 #include <zqhandler/s9p_commands.h>
 #include <zqhandler/zqhandler_sony.h>
 #include <zqhandler/odetics.h>

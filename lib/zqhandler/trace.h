@@ -2,6 +2,8 @@
 // and a trace filtered by a process-wide numeric limit.
 #pragma once
 
+#include <zqhandler/trace.h> // the limit, for the library's users
+
 #define VLM_PRINTF(fmt_index, first_arg) __attribute__((format(printf, fmt_index, first_arg)))
 
 // Trace level of the library's transport failures; written while the limit is above it.
@@ -15,9 +17,6 @@ void vlmlibwarning(const char* format, ...) VLM_PRINTF(1, 2);
 [[noreturn]] void vlmliberror(const char* format, ...) VLM_PRINTF(1, 2);
 // Written only when level < the trace limit (unsigned comparison).
 void vlmlibtrace(unsigned level, const char* format, ...) VLM_PRINTF(2, 3);
-
-void _vlmlib_set_trace_level(unsigned limit);
-unsigned _vlmlib_get_trace_level();
 
 // Reports "file:line: FXASSERT(expression) failed." and returns; it never stops the process.
 void vlmlibassert(const char* expression, const char* file, int line);

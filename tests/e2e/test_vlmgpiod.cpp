@@ -154,6 +154,51 @@ TEST_F(Vlmgpiod, gpo_requests_of_eight_bytes_or_more_are_written) {
     }
 }
 
+// gpioctl as a person runs it: a monitor line per edge, the daemon's own and a relayed one; the
+// setter's pairs and mask reaching the GPO register.
+TEST_F(Vlmgpiod, gpioctl_monitors_edges_and_sets_lines) {
+    board.emplace(path);
+    start({});
+    gpi.reset(); // the monitor takes the event port
+    FILE* monitor = popen(GPIOCTL_PATH " -n 4 monitor 2>&1", "r");
+    ASSERT_NE(monitor, nullptr);
+    char line[128];
+    ASSERT_NE(fgets(line, sizeof line, monitor), nullptr);
+    EXPECT_STREQ(line, "gpioctl: monitoring GPI events on 127.0.0.1:42000\n");
+    board->setGpi(0x05);
+    ASSERT_TRUE(boardSaw(2));
+    board->pulse(3);
+    sendLocal(INET_GPI_PORT, datagram({6, 0})); // from the network, relayed
+    const std::regex format("[0-9]+\\.[0-9]{9}\t(rising|falling|both)\t[0-7]\n");
+    std::string edges;
+    while (fgets(line, sizeof line, monitor)) {
+        EXPECT_TRUE(std::regex_match(line, format)) << line;
+        edges += strchr(line, '\t') + 1;
+    }
+    EXPECT_EQ(edges, "rising\t0\nrising\t2\nboth\t3\nfalling\t6\n");
+    EXPECT_EQ(pclose(monitor), 0);
+
+    // Refused command lines send nothing: the writes counted after them show it.
+    struct Set {
+        const char* arguments;
+        int exit_status;
+        size_t writes; // GPO register writes so far
+        uint8_t gpo;
+    } const sets[] = {{"set 8=1", 2, 0, 0},
+                      {"set 1=2", 2, 0, 0},
+                      {"set", 2, 0, 0},
+                      {"set 2=1 5=1", 0, 2, 0x24},
+                      {"set --mask 0xF3", 0, 3, 0xF3},
+                      {"set 1=0", 0, 4, 0xF1}};
+    for (const Set& set : sets) {
+        std::string command = std::string(GPIOCTL_PATH " ") + set.arguments + " 2>/dev/null";
+        EXPECT_EQ(WEXITSTATUS(system(command.c_str())), set.exit_status) << set.arguments;
+        ASSERT_TRUE(boardSaw(0, set.writes)) << set.arguments;
+        EXPECT_EQ(count(board->transfers(), true, sdiboard::kGpoRegister), set.writes);
+        EXPECT_EQ(board->registerValue(sdiboard::kGpoRegister), set.gpo) << set.arguments;
+    }
+}
+
 TEST_F(Vlmgpiod, without_ctrld_each_active_cycle_warns_and_its_events_still_go_out) {
     board.emplace(path);
     start({"-v"});

@@ -15,7 +15,7 @@
 // A UDP socket bound to 127.0.0.1 on a port the system chose (or the one given). Closed on exit.
 class UdpEndpoint {
   public:
-    explicit UdpEndpoint(uint16_t port = 0) : fd_(socket(AF_INET, SOCK_DGRAM, 0)) {
+    explicit UdpEndpoint(uint16_t port = 0) : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
         sockaddr_in address = loopback_address(port);
         if (fd_ < 0 || bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
             perror("UdpEndpoint");
