@@ -28,10 +28,10 @@ int refused(const std::string& operation, const std::string& why) {
     return 2;
 }
 
-bool integer(const char* text, long& value) {
+bool integer(const char* text, int64_t& value) {
     char* end = nullptr;
     errno = 0;
-    value = strtol(text, &end, 0);
+    value = strtoll(text, &end, 0);
     return *text && !*end && errno == 0;
 }
 
@@ -148,7 +148,7 @@ struct Link {
     std::string where;
 };
 
-int connect(Session& s, const Link& link, long timeout_ms) {
+int connect(Session& s, const Link& link, int64_t timeout_ms) {
     int result = -1;
     if (link.kind == 's') {
         result = zqhandler_connect_serial(s.zqh, link.where.c_str());
@@ -180,7 +180,7 @@ int main(int argc, char** argv) {
         {"help", no_argument, nullptr, 'h'},         {nullptr, 0, nullptr, 0}};
     Session s;
     Link link;
-    long timeout_ms = -1, number = 0;
+    int64_t timeout_ms = -1, number = 0;
     // '+': options end at the command, so that negative speeds and steps stay arguments.
     for (int option;
          (option = getopt_long(argc, argv, "+u:t:s:LU:T:jqr:n:h", kLong, nullptr)) != -1;) {

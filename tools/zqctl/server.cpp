@@ -15,8 +15,8 @@ namespace {
 constexpr int32_t kInfoCapacity = 64 * 1024;
 constexpr int32_t kGopCapacity = 16 * 1024 * 1024;
 
-bool number_argument(const char* operation, const char* text, long low, long high, long& value,
-                     int& status) {
+bool number_argument(const char* operation, const char* text, int64_t low, int64_t high,
+                     int64_t& value, int& status) {
     if (integer(text, value) && value >= low && value <= high)
         return true;
     status = refused(operation, std::string("'") + text + "' is out of range");
@@ -59,9 +59,9 @@ int diskinfo(Session& s, Args) {
 }
 
 int file_entry(Session& s, Args args) {
-    long entry = 0;
+    int64_t entry = 0;
     int status = 0;
-    if (!number_argument("file entry", args[0], 0, 0xFFFFFFFFL, entry, status))
+    if (!number_argument("file entry", args[0], 0, 0xFFFFFFFF, entry, status))
         return status;
     std::vector<uint8_t> buffer(kInfoCapacity);
     int32_t size = 0;
@@ -112,7 +112,7 @@ int log(Session& s, Args) {
 }
 
 int picture(Session& s, Args args) {
-    long code = 0;
+    int64_t code = 0;
     int status = 0;
     if (!number_argument("picture", args[0], 0, 0xFFFF, code, status))
         return status;

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <thread>
 #include <zqhandler/zqhandler_louth.h>
@@ -83,15 +84,16 @@ int basic(Session& s, const char* operation, e_basic_command command) {
 
 #define BASIC(word, command) [](Session& s, Args) { return basic(s, word, command); }
 
-bool signed_number(const char* operation, const char* text, long& value, int& status) {
-    if (integer(text, value))
+// A number that fits the library's 32-bit arguments.
+bool signed_number(const char* operation, const char* text, int64_t& value, int& status) {
+    if (integer(text, value) && value >= INT32_MIN && value <= INT32_MAX)
         return true;
-    status = refused(operation, std::string("'") + text + "' is not a number");
+    status = refused(operation, std::string("'") + text + "' is not a 32-bit number");
     return false;
 }
 
 int step(Session& s, Args args) {
-    long count = 1;
+    int64_t count = 1;
     int status = 0;
     if (!args.empty() && !signed_number("step", args[0], count, status))
         return status;
@@ -104,7 +106,7 @@ int step(Session& s, Args args) {
 
 // jog, var and shuttle: a signed speed in percent of play speed (Louth jog: frames).
 int motion(Session& s, const char* operation, const char* speed_text) {
-    long speed = 0;
+    int64_t speed = 0;
     int status = 0;
     if (!signed_number(operation, speed_text, speed, status))
         return status;
@@ -192,7 +194,7 @@ int sense(Session& s, const std::string& name) {
 int raw(Session& s, Args args) {
     std::vector<uint8_t> frame;
     for (const char* word : args) {
-        long byte = 0;
+        int64_t byte = 0;
         if (!integer((std::string("0x") + word).c_str(), byte) || byte < 0 || byte > 0xFF)
             return refused("raw", std::string("'") + word + "' is not a hex byte");
         frame.push_back(static_cast<uint8_t>(byte));
@@ -221,7 +223,7 @@ int watch(Session& s, Args) {
     signal(SIGTERM, [](int) { interrupted = 1; });
     const auto period = std::chrono::duration<double>(1.0 / s.rate_hz);
     std::string last;
-    long lines = 0;
+    int64_t lines = 0;
     for (auto next = std::chrono::steady_clock::now(); !interrupted;
          next += std::chrono::duration_cast<std::chrono::steady_clock::duration>(period)) {
         std::this_thread::sleep_until(next);

@@ -16,7 +16,7 @@ struct Session {
     int unit = 0;       // Louth unit
     bool json = false;
     double rate_hz = 10; // watch: polls per second
-    long count = 0;      // watch: stop after this many lines (0: until interrupted)
+    int64_t count = 0;   // watch: stop after this many lines (0: until interrupted)
 };
 
 using Args = std::span<char* const>;
@@ -43,7 +43,7 @@ int failed(Session& s, const std::string& operation);
 int refused(const std::string& operation, const std::string& why);
 
 // A whole number argument, else nothing.
-bool integer(const char* text, long& value);
+bool integer(const char* text, int64_t& value);
 
 // Output: one value per line as text, or one JSON object per call.
 void print_bytes(Session& s, const char* key, std::span<const uint8_t> bytes);
