@@ -16,7 +16,8 @@ for _ in $(seq 200); do # 10 s at most
 done
 [ -n "$port" ] || { echo "install: the emulator did not start" >&2; kill $devsim; exit 1; }
 for controller in "$work/controller-c" "$work/cpp/controller"; do
-  "$controller" 127.0.0.1 "$port" | grep -q '^playing at [0-9][0-9]:' || {
+  said=$("$controller" 127.0.0.1 "$port") || true
+  grep -q '^playing at [0-9][0-9]:' <<<"$said" || {
     echo "install: $controller did not play against the emulator" >&2
     kill $devsim
     exit 1
