@@ -161,7 +161,7 @@ Reply Reply::bytes(Bytes raw) {
     return r;
 }
 
-DevSim::DevSim() : louth_(std::make_unique<LouthServer>()) {
+DevSim::DevSim() : louth_(std::make_unique<LouthServer>(model_)) {
     if (pipe(wake_) != 0)
         fail("pipe");
 }

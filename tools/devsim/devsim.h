@@ -2,6 +2,7 @@
 // protocol and on a pty serial line, with scriptable faults, and records every message it gets.
 #pragma once
 
+#include "model.h"
 #include "sony_answers.h"
 #include "mgmt.h"
 #include "transfers.h"
@@ -104,6 +105,8 @@ class DevSim {
     void set_default(Reply reply);
     // The server's own answers, used when no scripted or default reply brings a frame.
     SonyAnswers& sony() { return sony_; }
+    // The server behind every link: transport, position, clips.
+    Model& model() { return model_; }
     // Called on the serving thread for every message received, after it is recorded.
     void on_receive(std::function<void(const Received&)> observer);
 
@@ -149,6 +152,7 @@ class DevSim {
     // Queues a model's answer for the serving thread to send piece by piece.
     void queue(Link link, int fd, const sockaddr_in& to, std::vector<Piece> pieces);
 
+    Model model_; // before the answers that keep a reference to it
     int wake_[2] = {-1, -1};
     int udp_ = -1, udp_other_ = -1, tcp_listener_ = -1, tcp_client_ = -1;
     int pty_master_ = -1, pty_slave_ = -1;
@@ -169,7 +173,7 @@ class DevSim {
     std::vector<Received> received_;
     size_t replies_sent_ = 0;
     std::function<void(const Received&)> observer_;
-    SonyAnswers sony_;
+    SonyAnswers sony_{model_};
 
     int mgmt_ = -1;
     uint16_t mgmt_port_ = 0;

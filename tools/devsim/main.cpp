@@ -61,7 +61,8 @@ long number(const char* text) {
 }
 
 bool valid_sense(const char* text) {
-    devsim::SonyAnswers scratch;
+    devsim::Model model;
+    devsim::SonyAnswers scratch(model);
     return devsim::set_sense_from_text(scratch, text);
 }
 
