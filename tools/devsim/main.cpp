@@ -24,7 +24,9 @@ const char kUsage[] =
     "options:\n"
     "  --sense CMD2[.SEL]=HEX  answer the sense with this CMD2 (and selector) with these data "
     "bytes\n"
-    "  --clip ID      add ID to the Odetics ID list (repeatable; walked in this order)\n"
+    "  --clip ID      add an empty clip ID to the clip store (repeatable; listed in this order)\n"
+    "  --standard STD the video standard: 25 (default), 29.97df, 30, 50 or 59.94df\n"
+    "  --scenario FILE  standard, clips, sense values and faults from FILE (see devsim(1))\n"
     "  --louth        udp and serial: speak Louth instead of Sony 9-pin\n"
     "  --refuse BYTE  Louth: refuse every command (05 BYTE)\n"
     "  --nak BITS     answer every command with a NAK carrying these error bits\n"
@@ -47,6 +49,8 @@ struct Options {
     std::string pty_link; // serial: a symbolic link to the pty, for controllers given a path
     devsim::Reply reply;
     std::vector<std::string> senses, clips;
+    devsim::Standard standard = devsim::Standard::pal25;
+    std::string scenario;
     bool louth = false;
     int mgmt_port = -1;
     std::vector<std::function<void(devsim::DevSim&)>> contents; // applied before the start
@@ -167,6 +171,10 @@ Options parse(int argc, char** argv) {
             o.senses.push_back(argv[++i]);
         else if (option == "--clip" && has_value)
             o.clips.push_back(argv[++i]);
+        else if (option == "--standard" && has_value && devsim::standard_from_text(argv[i + 1]))
+            o.standard = *devsim::standard_from_text(argv[++i]);
+        else if (option == "--scenario" && has_value)
+            o.scenario = argv[++i];
         else if (option == "--louth" && o.link != "tcp")
             o.louth = true;
         else if (option == "--refuse" && has_value)
@@ -240,6 +248,7 @@ int main(int argc, char** argv) {
         sim.set_protocol(options.link == "udp" ? devsim::Link::udp : devsim::Link::serial,
                          devsim::Protocol::louth);
     sim.set_default(options.reply);
+    sim.model().set_standard(options.standard);
     for (const std::string& sense : options.senses)
         devsim::set_sense_from_text(sim.sony(), sense);
     for (const std::string& clip : options.clips)

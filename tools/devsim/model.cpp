@@ -233,11 +233,16 @@ void Model::add_clip(const std::string& id, int64_t start, int64_t length, uint8
         clips_.push_back({clip_id(id), start, length, status});
 }
 
+int64_t Model::end_locked() const {
+    int64_t end = 0;
+    for (const Clip& c : clips_)
+        end = std::max(end, c.start + c.length);
+    return end;
+}
+
 void Model::append_clip(const std::string& id, int64_t length, uint8_t status) {
-    int64_t start = 0;
-    for (const Clip& c : clips())
-        start = std::max(start, c.start + c.length);
-    add_clip(id, start, length, status);
+    std::lock_guard lock(mutex_);
+    clips_.push_back({clip_id(id), end_locked(), length, status});
 }
 
 bool Model::erase(const std::string& id) {
@@ -266,7 +271,7 @@ void Model::record_cue(const std::string& id) {
     std::lock_guard lock(mutex_);
     advance(Clock::now());
     if (!find(id))
-        clips_.push_back({clip_id(id), static_cast<int64_t>(position_), 0, 0});
+        clips_.push_back({clip_id(id), end_locked(), 0, 0});
     loaded_ = clip_id(id);
     position_ = static_cast<double>(find(id)->start);
     state_ = State::still;

@@ -62,14 +62,14 @@ class Model {
 
     // The clip store, in the order clips were added. IDs are padded or cut to 8 bytes.
     void add_clip(const std::string& id, int64_t start, int64_t length, uint8_t status = 0);
-    // Adds a clip that starts where the store's last clip ends.
+    // Adds a clip that starts where the store's last clip ends (an ID there is added again).
     void append_clip(const std::string& id, int64_t length, uint8_t status = 0);
     // Erases one clip (true when it was there), or every clip when `id` is empty.
     bool erase(const std::string& id);
     std::vector<Clip> clips() const;
     std::optional<Clip> clip(const std::string& id) const;
-    // Record cue-up: creates the clip (at the position) unless it exists and loads it; recording
-    // then fills its length.
+    // Record cue-up: creates the clip (empty, where the store's last clip ends) unless it exists,
+    // loads it and cues to its start; recording then fills its length.
     void record_cue(const std::string& id);
     // Loads the clip and cues to its start; play then stops at its end. False: no such clip.
     bool load(const std::string& id);
@@ -81,6 +81,7 @@ class Model {
     void advance(Clock::time_point now) const;
     double rate_locked() const;
     Clip* find(const std::string& id) const;
+    int64_t end_locked() const; // where the store's last clip ends
 
     mutable std::mutex mutex_;
     Standard standard_ = Standard::pal25;

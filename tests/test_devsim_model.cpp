@@ -1,0 +1,218 @@
+// The emulator as a virtual server, driven through the library: the position runs in real time,
+// the status bits follow the transport, timecodes count as the standard says, and one clip store
+// answers Louth on a pty, Sony and Odetics over UDP and TCP alike.
+#include "devsim.h"
+
+#include <chrono>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <gtest/gtest.h>
+#include <zqhandler/zqhandler.h>
+#include <zqhandler/zqhandler_louth.h>
+#include <zqhandler/zqhandler_odetics.h>
+#include <zqhandler/zqhandler_sony.h>
+
+namespace {
+
+using devsim::Link;
+using devsim::Standard;
+using Clock = std::chrono::steady_clock;
+
+// One emulator with a Sony UDP link, a Sony TCP link and a Louth pty, a handle on each.
+struct Server {
+    devsim::DevSim sim;
+    t_zqhandler *udp = zqhandler_create(), *tcp = zqhandler_create(), *louth = zqhandler_create();
+
+    explicit Server(Standard standard = Standard::pal25) {
+        sim.model().set_standard(standard);
+        const std::string udp_port = std::to_string(sim.listen_udp("127.0.0.1", 0));
+        const std::string tcp_port = std::to_string(sim.listen_tcp("127.0.0.1", 0));
+        EXPECT_EQ(zqhandler_connect_serial(louth, sim.open_pty().c_str()), 0);
+        sim.set_protocol(Link::serial, devsim::Protocol::louth);
+        sim.start();
+        EXPECT_EQ(zqhandler_connect_eth(udp, "127.0.0.1", udp_port.c_str()), 0);
+        EXPECT_EQ(zqhandler_connect_tcp(tcp, "127.0.0.1", tcp_port.c_str()), 0);
+        for (t_zqhandler* h : {udp, tcp, louth})
+            zqhandler_set_timeout(h, 2000);
+    }
+    ~Server() {
+        for (t_zqhandler* h : {udp, tcp, louth})
+            zqhandler_delete(h);
+        sim.stop();
+    }
+
+    std::string timecode(t_zqhandler* h) {
+        char tc[ZQ_TC_BYTES] = {};
+        EXPECT_EQ(zqhandler_cmd_sense_timecode(h, BAS_SENSE_TC, tc), 0);
+        return tc;
+    }
+    // Status bytes 1 and 2.
+    std::pair<int, int> status(t_zqhandler* h) {
+        uint8_t out[ZQ_SENSE_BYTES] = {};
+        EXPECT_EQ(zqhandler_cmd_sense_status(h, out), 10);
+        return {out[1], out[2]};
+    }
+    // The Odetics list (over `h`) or the Louth list, "|" after each ID.
+    std::string odetics_list(t_zqhandler* h) {
+        std::string ids;
+        char id[9];
+        for (int r = zqhandler_cmd_odetics_sense_firstID(h, id); r == 0;
+             r = zqhandler_cmd_odetics_sense_nextID(h, id))
+            ids += std::string(id) + "|";
+        return ids;
+    }
+    std::string louth_list() {
+        std::string ids;
+        char id[9];
+        for (int r = zqhandler_cmd_louth_sense_firstID(louth, 0, id); r > 0;
+             r = zqhandler_cmd_louth_sense_nextID(louth, 0, id))
+            ids += std::string(id) + "|";
+        return ids;
+    }
+};
+
+// "HH:MM:SS:FF" at 25 frames per second to frames.
+long frames25(const std::string& tc) {
+    return ((std::stol(tc.substr(0, 2)) * 60 + std::stol(tc.substr(3, 2))) * 60 +
+            std::stol(tc.substr(6, 2))) *
+               25 +
+           std::stol(tc.substr(9, 2));
+}
+
+TEST(VirtualServer, the_position_runs_at_the_frame_rate_and_stills_freeze_it) {
+    Server s;
+    ASSERT_EQ(zqhandler_cmd_cueWithData(s.udp, "00:10:00:00"), 0);
+    EXPECT_EQ(s.timecode(s.tcp), "00:10:00:00");
+    EXPECT_EQ(s.status(s.udp), std::make_pair(0x80, 0x03)); // standby, still, cue-up complete
+    ASSERT_EQ(zqhandler_cmd_basic(s.udp, BAS_CMD_PLAY), 0);
+    // Each sense's moment is taken half-way through its exchange.
+    auto sense = [&](double& at) {
+        auto before = Clock::now();
+        const std::string tc = s.timecode(s.udp);
+        auto after = Clock::now();
+        at = std::chrono::duration<double>(before.time_since_epoch() + (after - before) / 2)
+                 .count();
+        return frames25(tc);
+    };
+    double t0, t1;
+    const long first = sense(t0);
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    const long second = sense(t1);
+    EXPECT_NEAR(static_cast<double>(second - first), 25 * (t1 - t0), 2);
+    EXPECT_GE(second - first, 23);
+    ASSERT_EQ(zqhandler_cmd_basic(s.tcp, BAS_CMD_STILL), 0);
+    const std::string frozen = s.timecode(s.udp);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(s.timecode(s.tcp), frozen);
+}
+
+TEST(VirtualServer, status_bits_follow_each_transport_command) {
+    struct Case {
+        const char* name;
+        int (*command)(t_zqhandler*);
+        int byte1, byte2; // after the command
+    };
+    const Case cases[] = {
+        {"play", [](t_zqhandler* h) { return zqhandler_cmd_basic(h, BAS_CMD_PLAY); }, 0x01, 0},
+        {"still", [](t_zqhandler* h) { return zqhandler_cmd_basic(h, BAS_CMD_STILL); }, 0x80, 0x02},
+        {"stop", [](t_zqhandler* h) { return zqhandler_cmd_basic(h, BAS_CMD_STOP); }, 0x20, 0},
+        {"record", [](t_zqhandler* h) { return zqhandler_cmd_basic(h, BAS_CMD_RECORD); }, 0x02, 0},
+        {"fast forward", [](t_zqhandler* h) { return zqhandler_cmd_basic(h, BAS_CMD_FF); }, 0x04,
+         0},
+        {"rewind", [](t_zqhandler* h) { return zqhandler_cmd_basic(h, BAS_CMD_RW); }, 0x08, 0x04},
+        {"jog forward", [](t_zqhandler* h) { return zqhandler_cmd_jog(h, 100); }, 0, 0x10},
+        {"var reverse", [](t_zqhandler* h) { return zqhandler_cmd_var_play(h, -50); }, 0, 0x0C},
+        {"shuttle", [](t_zqhandler* h) { return zqhandler_cmd_shuttle(h, 200); }, 0, 0x20},
+        {"step", [](t_zqhandler* h) { return zqhandler_cmd_step(h, 3); }, 0x80, 0x02},
+        {"cue", [](t_zqhandler* h) { return zqhandler_cmd_cueWithData(h, "00:00:10:00"); }, 0x80,
+         0x03},
+        {"continue", [](t_zqhandler* h) { return zqhandler_cmd_basic(h, BAS_CMD_CONTINUE); }, 0x01,
+         0},
+        {"eject", [](t_zqhandler* h) { return zqhandler_cmd_basic(h, BAS_CMD_EJECT); }, 0x10, 0},
+    };
+    Server s;
+    for (const Case& c : cases) {
+        ASSERT_EQ(c.command(s.udp), 0) << c.name;
+        EXPECT_EQ(s.status(s.tcp), std::make_pair(c.byte1, c.byte2)) << c.name;
+    }
+}
+
+// Timecodes roll over as each standard counts: drop-frame skips two labels a minute, and at 50
+// and 59.94 the timecode counts pairs of frames.
+TEST(VirtualServer, timecodes_count_as_the_standard_says) {
+    struct Case {
+        Standard standard;
+        const char* cue;
+        int steps;
+        const char* after;
+    };
+    const Case cases[] = {
+        {Standard::pal25, "00:00:59:24", 1, "00:01:00:00"},
+        {Standard::ntsc30, "00:00:59:29", 1, "00:01:00:00"},
+        {Standard::ntsc2997df, "00:00:59;29", 1, "00:01:00;02"},
+        {Standard::ntsc2997df, "00:09:59;29", 1, "00:10:00;00"},
+        {Standard::pal50, "00:00:59:24", 2, "00:01:00:00"},
+        {Standard::ntsc5994df, "00:00:59;29", 2, "00:01:00;02"},
+        {Standard::ntsc5994df, "00:00:59;29", 1, "00:00:59;29"},
+    };
+    for (const Case& c : cases) {
+        Server s(c.standard);
+        ASSERT_EQ(zqhandler_cmd_cueWithData(s.udp, c.cue), 0);
+        EXPECT_EQ(s.timecode(s.udp), c.cue) << devsim::standard_name(c.standard);
+        ASSERT_EQ(zqhandler_cmd_step(s.udp, c.steps), 0);
+        EXPECT_EQ(s.timecode(s.udp), c.after) << devsim::standard_name(c.standard);
+    }
+}
+
+TEST(VirtualServer, a_clip_recorded_through_louth_is_listed_cued_and_erased_on_every_link) {
+    Server s;
+    s.sim.model().append_clip("NEWS", 250);
+    ASSERT_EQ(zqhandler_cmd_louth_record_init(s.louth, 0, "PROMO"), 0);
+    ASSERT_EQ(zqhandler_cmd_louth_basic(s.louth, BAS_CMD_RECORD, 0), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    ASSERT_EQ(zqhandler_cmd_louth_basic(s.louth, BAS_CMD_STOP, 0), 0);
+
+    EXPECT_EQ(s.odetics_list(s.udp), "NEWS    |PROMO   |");
+    char length[ZQ_TC_BYTES] = {}, louth_length[ZQ_TC_BYTES] = {};
+    ASSERT_EQ(zqhandler_cmd_odetics_sense_id_length(s.udp, "PROMO", length), 0);
+    ASSERT_EQ(zqhandler_cmd_louth_sense_id_length(s.louth, 0, "PROMO", louth_length), 0);
+    EXPECT_STREQ(length, louth_length);
+    const long frames = frames25(length);
+    EXPECT_GE(frames, 9); // 400 ms and the stop's exchange
+    EXPECT_LE(frames, 40);
+
+    // Cued by ID over TCP: the position goes to the clip's start; play stops at its end.
+    ASSERT_EQ(zqhandler_cmd_odetics_inPreset(s.tcp, "PROMO", nullptr), 0);
+    uint8_t loaded[ZQ_SENSE_BYTES] = {};
+    ASSERT_EQ(zqhandler_cmd_sense_basic(s.tcp, BAS_SENSE_LOADED_ID, loaded), 9);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(loaded) + 1, 8), "PROMO   ");
+    const std::string start = s.timecode(s.tcp);
+    EXPECT_EQ(frames25(start), 250); // after NEWS
+    ASSERT_EQ(zqhandler_cmd_basic(s.tcp, BAS_CMD_PLAY), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(40 * frames + 200));
+    EXPECT_EQ(frames25(s.timecode(s.udp)), 250 + frames);
+    EXPECT_EQ(s.status(s.udp), std::make_pair(0x80, 0x02));
+
+    ASSERT_EQ(zqhandler_cmd_louth_eraseID(s.louth, 0, "PROMO"), 0);
+    EXPECT_EQ(s.odetics_list(s.tcp), "NEWS    |");
+    EXPECT_EQ(s.louth_list(), "NEWS    |");
+    ASSERT_EQ(zqhandler_cmd_odetics_eraseID(s.udp, "NEWS"), 0);
+    EXPECT_EQ(s.louth_list(), "");
+}
+
+// A controller that asks for data gets data (an ACK fails these operations): device type, then
+// status and time at frame rate.
+TEST(VirtualServer, senses_get_data_never_an_ack) {
+    Server s;
+    uint8_t out[ZQ_SENSE_BYTES] = {};
+    ASSERT_EQ(zqhandler_cmd_sense_basic(s.udp, BAS_SENSE_DEVICE_TYPE, out), 2);
+    for (int i = 0; i < 25; ++i) {
+        EXPECT_EQ(zqhandler_cmd_sense_status(s.tcp, out), 10);
+        char tc[ZQ_TC_BYTES];
+        EXPECT_EQ(zqhandler_cmd_sense_timecode(s.udp, BAS_SENSE_TC, tc), 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(40));
+    }
+}
+
+} // namespace
