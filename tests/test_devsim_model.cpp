@@ -2,13 +2,17 @@
 // the status bits follow the transport, timecodes count as the standard says, and one clip store
 // answers Louth on a pty, Sony and Odetics over UDP and TCP alike.
 #include "devsim.h"
+#include "scenario.h"
 
 #include <chrono>
 #include <cstring>
+#include <functional>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <gtest/gtest.h>
 #include <zqhandler/zqhandler.h>
+#include <zqhandler/zqhandler_cnxn.h>
 #include <zqhandler/zqhandler_louth.h>
 #include <zqhandler/zqhandler_odetics.h>
 #include <zqhandler/zqhandler_sony.h>
@@ -212,6 +216,108 @@ TEST(VirtualServer, senses_get_data_never_an_ack) {
         char tc[ZQ_TC_BYTES];
         EXPECT_EQ(zqhandler_cmd_sense_timecode(s.udp, BAS_SENSE_TC, tc), 0);
         std::this_thread::sleep_for(std::chrono::milliseconds(40));
+    }
+}
+
+double elapsed_ms(Clock::time_point since) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - since).count();
+}
+
+// Each directive of a scenario file, loaded into a fresh server and seen through the library.
+TEST(Scenario, each_directive_shapes_what_the_server_answers) {
+    using Check = std::function<void(Server&)>;
+    auto play = [](Server& s) { return zqhandler_cmd_basic(s.udp, BAS_CMD_PLAY); };
+    auto fails = [](Server& s, int result, e_s9p_err code) {
+        EXPECT_EQ(result, -1);
+        EXPECT_EQ(zqhandler_get_last_err(s.udp), code);
+    };
+    const std::pair<const char*, Check> cases[] = {
+        {"standard 29.97df", [](Server& s) { EXPECT_EQ(s.timecode(s.udp), "01:00:00;00"); }},
+        {"# the store\n\nclip NEWS 00:00:10:00 00:00:04:00",
+         [](Server& s) {
+             EXPECT_EQ(s.odetics_list(s.udp), "NEWS    |");
+             char length[ZQ_TC_BYTES];
+             ASSERT_EQ(zqhandler_cmd_odetics_sense_id_length(s.udp, "NEWS", length), 0);
+             EXPECT_STREQ(length, "00:00:04:00");
+             ASSERT_EQ(zqhandler_cmd_odetics_inPreset(s.udp, "NEWS", nullptr), 0);
+             EXPECT_EQ(s.timecode(s.udp), "00:00:10:00");
+         }},
+        {"sense B1=41 42",
+         [](Server& s) {
+             uint8_t out[ZQ_SENSE_BYTES] = {};
+             EXPECT_EQ(zqhandler_cmd_sense_basic(s.udp, BAS_SENSE_PRODUCT, out), 2);
+             EXPECT_STREQ(reinterpret_cast<char*>(out), "AB");
+         }},
+        {"local on",
+         [](Server& s) {
+             uint8_t out[ZQ_SENSE_BYTES] = {};
+             EXPECT_EQ(zqhandler_cmd_sense_status(s.udp, out), 10);
+             EXPECT_EQ(out[0], 0x01);
+         }},
+        {"at 2 nak 01",
+         [&](Server& s) {
+             EXPECT_EQ(play(s), 0);
+             fails(s, play(s), S9P_NOT_IMPLEMENTED);
+             EXPECT_EQ(play(s), 0);
+         }},
+        {"at 1 silence",
+         [&](Server& s) {
+             zqhandler_set_timeout(s.udp, 200);
+             fails(s, play(s), S9P_RCV_TIMEOUT);
+             EXPECT_EQ(play(s), 0);
+         }},
+        {"at 1 delay 300",
+         [&](Server& s) {
+             auto start = Clock::now();
+             EXPECT_EQ(play(s), 0);
+             EXPECT_GE(elapsed_ms(start), 300);
+         }},
+        {"at 1 corrupt", [&](Server& s) { fails(s, play(s), S9P_ERR_CHECKSUM); }},
+        {"at frame 01:00:10:00 nak 01",
+         [&](Server& s) {
+             EXPECT_EQ(zqhandler_cmd_cueWithData(s.udp, "01:00:09:24"), 0);
+             EXPECT_EQ(play(s), 0);
+             EXPECT_EQ(zqhandler_cmd_cueWithData(s.udp, "01:00:10:00"), 0);
+             fails(s, play(s), S9P_NOT_IMPLEMENTED);
+         }},
+        {"stall 2 300",
+         [](Server& s) {
+             s.sim.transfers().set_gop({1, 2, 3, 4});
+             uint8_t gop[8];
+             int32_t size = 0;
+             EXPECT_EQ(zqhandler_cnxn_get_gop(s.tcp, gop, &size, sizeof gop), 0);
+             EXPECT_EQ(size, 4);
+             EXPECT_GE(s.sim.count_tag("aliv"), 5u) << "keep-alives while it stalled";
+         }},
+    };
+    for (const auto& [text, check] : cases) {
+        SCOPED_TRACE(text);
+        Server s;
+        std::istringstream in(text);
+        std::string error;
+        ASSERT_TRUE(devsim::load_scenario(s.sim, in, error)) << error;
+        check(s);
+    }
+}
+
+TEST(Scenario, a_line_it_cannot_read_is_named) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"standard 24", "line 1: no standard named '24'"},
+        {"# faults\nat 0 silence", "line 2: usage: at N FAULT (N from 1; FAULT nak BITS, silence, "
+                                    "delay MS or corrupt)"},
+        {"at frame 1:2 corrupt", "line 1: usage: at frame TIMECODE FAULT"},
+        {"clip NEWS 00:00:10:00", "line 1: unknown directive 'clip'"},
+        {"clip LONGCLIPNAME 00:00:10:00 00:00:01:00",
+         "line 1: usage: clip ID START LENGTH (an ID of at most 8 bytes, two timecodes)"},
+        {"sense B1", "line 1: usage: sense CMD2[.SEL]=HEX"},
+        {"repeat 3", "line 1: unknown directive 'repeat'"},
+    };
+    for (const auto& [text, message] : cases) {
+        devsim::DevSim sim;
+        std::istringstream in(text);
+        std::string error;
+        EXPECT_FALSE(devsim::load_scenario(sim, in, error)) << text;
+        EXPECT_EQ(error, message) << text;
     }
 }
 

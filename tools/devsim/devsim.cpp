@@ -317,12 +317,32 @@ void DevSim::record(Received message) {
         observer(message);
 }
 
-Reply DevSim::next_reply() {
+void DevSim::fault_at_command(size_t command, Reply reply) {
     std::lock_guard lock(mutex_);
-    if (script_.empty())
+    faults_.push_back({command, 0, std::move(reply)});
+}
+
+void DevSim::fault_at_frame(int64_t frame, Reply reply) {
+    std::lock_guard lock(mutex_);
+    faults_.push_back({0, frame, std::move(reply)});
+}
+
+Reply DevSim::next_reply() {
+    const int64_t position = model_.position();
+    std::lock_guard lock(mutex_);
+    ++commands_;
+    if (!script_.empty()) {
+        Reply reply = std::move(script_.front());
+        script_.pop_front();
+        return reply;
+    }
+    auto fault = std::find_if(faults_.begin(), faults_.end(), [&](const Fault& f) {
+        return f.command ? f.command == commands_ : position >= f.frame;
+    });
+    if (fault == faults_.end())
         return default_;
-    Reply reply = std::move(script_.front());
-    script_.pop_front();
+    Reply reply = std::move(fault->reply);
+    faults_.erase(fault);
     return reply;
 }
 

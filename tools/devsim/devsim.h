@@ -103,6 +103,11 @@ class DevSim {
     // Answers to the next commands, in order; once used up, the default answers.
     void script(Reply reply);
     void set_default(Reply reply);
+    // Faults that a scripted reply does not cover: `reply` answers the command-th Sony or Louth
+    // command received (counted from 1 on every link together), or the first command received
+    // while the position is at `frame` or past it. Each plays once.
+    void fault_at_command(size_t command, Reply reply);
+    void fault_at_frame(int64_t frame, Reply reply);
     // The server's own answers, used when no scripted or default reply brings a frame.
     SonyAnswers& sony() { return sony_; }
     // The server behind every link: transport, position, clips.
@@ -168,7 +173,14 @@ class DevSim {
 
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
+    struct Fault {
+        size_t command; // 0: at `frame`
+        int64_t frame;
+        Reply reply;
+    };
     std::deque<Reply> script_;
+    std::vector<Fault> faults_;
+    size_t commands_ = 0; // Sony and Louth commands answered
     Reply default_;
     std::vector<Received> received_;
     size_t replies_sent_ = 0;

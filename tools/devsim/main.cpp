@@ -1,5 +1,6 @@
 // devsim: a video server for a controller to talk to; prints every message it receives.
 #include "devsim.h"
+#include "scenario.h"
 
 #include <csignal>
 #include <cstdio>
@@ -252,9 +253,21 @@ int main(int argc, char** argv) {
     for (const std::string& sense : options.senses)
         devsim::set_sense_from_text(sim.sony(), sense);
     for (const std::string& clip : options.clips)
-        sim.sony().add_clip(clip);
+        sim.model().append_clip(clip, 0);
     for (const auto& apply : options.contents)
         apply(sim);
+    if (!options.scenario.empty()) {
+        std::ifstream in(options.scenario);
+        std::string error;
+        if (!in) {
+            perror(options.scenario.c_str());
+            return 1;
+        }
+        if (!devsim::load_scenario(sim, in, error)) {
+            fprintf(stderr, "devsim: %s: %s\n", options.scenario.c_str(), error.c_str());
+            return 1;
+        }
+    }
     sim.on_receive([port = sim.mgmt_port()](const devsim::Received& m) { print(m, port); });
     sim.start();
     printf("listening on %s\n", where.c_str());
