@@ -4,12 +4,14 @@
 #include "devsim.h"
 #include "scenario.h"
 
+#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <functional>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 #include <gtest/gtest.h>
 #include <zqhandler/zqhandler.h>
 #include <zqhandler/zqhandler_cnxn.h>
@@ -217,6 +219,46 @@ TEST(VirtualServer, senses_get_data_never_an_ack) {
         EXPECT_EQ(zqhandler_cmd_sense_timecode(s.udp, BAS_SENSE_TC, tc), 0);
         std::this_thread::sleep_for(std::chrono::milliseconds(40));
     }
+}
+
+// Eight controllers, four on UDP and four on TCP, poll status and time at 60 Hz for a second
+// while a ninth records and cues clips: every answer comes within the time-out. (bench_devsim_load
+// runs the long version and measures it.)
+TEST(VirtualServer, several_controllers_at_once_get_every_answer) {
+    Server s;
+    constexpr int kPolls = 60;
+    std::atomic<int> answers{0};
+    std::vector<std::thread> controllers;
+    for (int i = 0; i < 8; ++i)
+        controllers.emplace_back([&, i] {
+            t_zqhandler* h = zqhandler_create();
+            const std::string udp = std::to_string(s.sim.udp_port()),
+                              tcp = std::to_string(s.sim.tcp_port());
+            EXPECT_EQ(i % 2 ? zqhandler_connect_tcp(h, "127.0.0.1", tcp.c_str())
+                            : zqhandler_connect_eth(h, "127.0.0.1", udp.c_str()),
+                      0);
+            zqhandler_set_timeout(h, 500);
+            auto next = Clock::now();
+            for (int poll = 0; poll < kPolls; ++poll) {
+                uint8_t status[ZQ_SENSE_BYTES];
+                char tc[ZQ_TC_BYTES];
+                answers += zqhandler_cmd_sense_status(h, status) == 10;
+                answers += zqhandler_cmd_sense_timecode(h, BAS_SENSE_TC, tc) == 0;
+                std::this_thread::sleep_until(next += std::chrono::microseconds(16667));
+            }
+            zqhandler_delete(h);
+        });
+    for (const char* id : {"A", "B", "C", "D"}) {
+        EXPECT_EQ(zqhandler_cmd_odetics_recordCueUp(s.udp, id, nullptr), 0);
+        EXPECT_EQ(zqhandler_cmd_basic(s.udp, BAS_CMD_RECORD), 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        EXPECT_EQ(zqhandler_cmd_basic(s.udp, BAS_CMD_STOP), 0);
+        EXPECT_EQ(zqhandler_cmd_odetics_inPreset(s.udp, id, nullptr), 0);
+    }
+    for (std::thread& t : controllers)
+        t.join();
+    EXPECT_EQ(answers, 8 * kPolls * 2);
+    EXPECT_EQ(s.odetics_list(s.tcp), "A       |B       |C       |D       |");
 }
 
 double elapsed_ms(Clock::time_point since) {

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <netinet/in.h>
@@ -82,7 +83,7 @@ class DevSim {
     // Binds UDP `port` (0: the system chooses) and a second socket on another port for answers
     // "from another address". Returns the bound port.
     uint16_t listen_udp(const char* address, uint16_t port);
-    // Listens for one TCP client at a time (a new one replaces the old). Returns the bound port.
+    // Listens for TCP clients, any number at once, each served on its own. Returns the bound port.
     uint16_t listen_tcp(const char* address, uint16_t port);
     // Opens a pty pair in raw mode; returns the path of the end a controller opens.
     std::string open_pty();
@@ -142,10 +143,15 @@ class DevSim {
     void serve();
     int poll_timeout_ms() const;
     void receive_udp(int fd, uint16_t local_port);
+    struct TcpClient {
+        int fd;
+        sockaddr_in peer;
+        Bytes buffer;
+    };
     void accept_tcp();
-    void receive_tcp();
+    void receive_tcp(unsigned id);
     void receive_serial();
-    void close_tcp_client();
+    void close_tcp_client(unsigned id);
     void record(Received message);
     void answer(Link link, int fd, const sockaddr_in& to);
     void answer_louth(Link link, int fd, const sockaddr_in& to, const Bytes& command);
@@ -159,13 +165,13 @@ class DevSim {
 
     Model model_; // before the answers that keep a reference to it
     int wake_[2] = {-1, -1};
-    int udp_ = -1, udp_other_ = -1, tcp_listener_ = -1, tcp_client_ = -1;
+    int udp_ = -1, udp_other_ = -1, tcp_listener_ = -1;
     int pty_master_ = -1, pty_slave_ = -1;
     uint16_t udp_port_ = 0, udp_other_port_ = 0, tcp_port_ = 0;
-    unsigned tcp_generation_ = 0;
-    sockaddr_in tcp_peer_{};
+    std::map<unsigned, TcpClient> tcp_clients_; // serving thread only
+    unsigned next_tcp_ = 0, tcp_answering_ = 0; // the next client's number; the one answered
     std::string pty_path_;
-    Bytes tcp_buffer_, serial_buffer_;
+    Bytes serial_buffer_;
     bool louth_udp_ = false, louth_serial_ = false;
     std::unique_ptr<LouthServer> louth_; // serving thread only
     std::deque<Outgoing> outbox_;        // serving thread only

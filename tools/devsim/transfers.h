@@ -31,18 +31,24 @@ class Transfers {
     Bytes uploaded() const;
     bool wait_uploads(size_t count, int timeout_ms) const;
 
-    // Serving thread. Moves the bytes of an upload under way from the front of `stream`.
-    void take_upload(Bytes& stream);
+    // Serving thread; each TCP client has its own transfer under way, named by `client`.
+    // Moves the bytes of an upload under way from the front of `stream`.
+    void take_upload(unsigned client, Bytes& stream);
     // The answer to one request header (12 bytes), in pieces; none for "aliv" and unknown tags.
-    std::vector<Piece> answer(const uint8_t* header);
+    std::vector<Piece> answer(unsigned client, const uint8_t* header);
     // The client went away: an upload under way is dropped.
-    void reset();
+    void reset(unsigned client);
 
   private:
     std::vector<Piece> raw(const Bytes& bytes);
-    std::vector<Piece> header(const char* tag, uint32_t arg1, uint32_t arg2);
-    std::vector<Piece> announce(const char* tag, const Bytes& bytes);
-    void finish_upload();
+    struct Session {
+        Bytes pending;                   // what the next "data" sends
+        std::optional<size_t> expecting; // bytes of the upload under way
+        Bytes upload;
+    };
+    std::vector<Piece> header(Session& session, const char* tag, uint32_t arg1, uint32_t arg2);
+    std::vector<Piece> announce(Session& session, const char* tag, const Bytes& bytes);
+    void finish_upload(Session& session);
 
     mutable std::mutex mutex_;
     mutable std::condition_variable uploaded_changed_;
@@ -52,9 +58,8 @@ class Transfers {
     bool accept_ = true;
     std::optional<Bytes> scripted_header_;
     std::optional<std::pair<size_t, int>> stall_;
-    Bytes pending_;                   // what the next "data" sends
-    std::optional<size_t> expecting_; // bytes of the upload under way
-    Bytes upload_, uploaded_;
+    std::map<unsigned, Session> sessions_;
+    Bytes uploaded_;
     size_t uploads_ = 0;
 };
 
