@@ -8,14 +8,15 @@
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <gtest/gtest.h>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
-#include <gtest/gtest.h>
 #include <zqhandler/zqhandler.h>
 #include <zqhandler/zqhandler_cnxn.h>
 #include <zqhandler/zqhandler_louth.h>
+#include <zqhandler/zqhandler_mgmt.h>
 #include <zqhandler/zqhandler_odetics.h>
 #include <zqhandler/zqhandler_sony.h>
 
@@ -34,6 +35,7 @@ struct Server {
         sim.model().set_standard(standard);
         const std::string udp_port = std::to_string(sim.listen_udp("127.0.0.1", 0));
         const std::string tcp_port = std::to_string(sim.listen_tcp("127.0.0.1", 0));
+        sim.listen_mgmt("127.0.0.1", 0);
         EXPECT_EQ(zqhandler_connect_serial(louth, sim.open_pty().c_str()), 0);
         sim.set_protocol(Link::serial, devsim::Protocol::louth);
         sim.start();
@@ -97,8 +99,8 @@ TEST(VirtualServer, the_position_runs_at_the_frame_rate_and_stills_freeze_it) {
         auto before = Clock::now();
         const std::string tc = s.timecode(s.udp);
         auto after = Clock::now();
-        at = std::chrono::duration<double>(before.time_since_epoch() + (after - before) / 2)
-                 .count();
+        at =
+            std::chrono::duration<double>(before.time_since_epoch() + (after - before) / 2).count();
         return frames25(tc);
     };
     double t0, t1;
@@ -219,6 +221,41 @@ TEST(VirtualServer, senses_get_data_never_an_ack) {
         EXPECT_EQ(zqhandler_cmd_sense_timecode(s.udp, BAS_SENSE_TC, tc), 0);
         std::this_thread::sleep_for(std::chrono::milliseconds(40));
     }
+}
+
+// The transfers and the management endpoint list the same store; the management log shows every
+// command the server received, on any link.
+TEST(VirtualServer, transfers_and_management_list_the_store_and_log_the_commands) {
+    Server s;
+    s.sim.model().add_clip("NEWS", 250, 100);
+    ASSERT_EQ(zqhandler_cmd_louth_record_init(s.louth, 0, "PROMO"), 0);
+    const std::string listing =
+        "NEWS     00:00:10:00 00:00:04:00\nPROMO    00:00:14:00 00:00:00:00\n";
+    uint8_t buffer[1490] = {};
+    ASSERT_EQ(zqhandler_cnxn_get_diskinfo(s.tcp, buffer, sizeof buffer), 0);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer)), listing);
+    std::memset(buffer, 0, sizeof buffer);
+    int32_t size = 0;
+    ASSERT_EQ(zqhandler_cnxn_get_file_entry(s.tcp, 1, buffer, &size, sizeof buffer), 0);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer), static_cast<size_t>(size)),
+              listing.substr(33));
+    ASSERT_EQ(zqhandler_cnxn_get_file_entry(s.tcp, 2, buffer, &size, sizeof buffer), 0);
+    EXPECT_EQ(size, 0);
+
+    t_zqhandler* mgmt = zqhandler_create();
+    ASSERT_EQ(zqhandler_connect_eth(mgmt, "127.0.0.1", std::to_string(s.sim.mgmt_port()).c_str()),
+              0);
+    const int n = zqhandler_mgmt_get_diskinfo(mgmt, buffer, sizeof buffer);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer), static_cast<size_t>(std::max(n, 0))),
+              listing);
+    ASSERT_EQ(zqhandler_cmd_basic(s.udp, BAS_CMD_PLAY), 0);
+    const int logged = zqhandler_mgmt_getlog(mgmt, buffer);
+    ASSERT_GT(logged, 0);
+    const std::string log(reinterpret_cast<char*>(buffer), static_cast<size_t>(logged));
+    for (const char* line : {"serial 02 0A 20 23 50 52 4F 4D 4F 20 20 20 D0\n", "tcp gfif ",
+                             "tcp uuuu ", "udp 20 01 21\n"})
+        EXPECT_NE(log.find(line), std::string::npos) << line << " in\n" << log;
+    zqhandler_delete(mgmt);
 }
 
 // Eight controllers, four on UDP and four on TCP, poll status and time at 60 Hz for a second
@@ -346,7 +383,7 @@ TEST(Scenario, a_line_it_cannot_read_is_named) {
     const std::pair<const char*, const char*> cases[] = {
         {"standard 24", "line 1: no standard named '24'"},
         {"# faults\nat 0 silence", "line 2: usage: at N FAULT (N from 1; FAULT nak BITS, silence, "
-                                    "delay MS or corrupt)"},
+                                   "delay MS or corrupt)"},
         {"at frame 1:2 corrupt", "line 1: usage: at frame TIMECODE FAULT"},
         {"clip NEWS 00:00:10:00", "line 1: unknown directive 'clip'"},
         {"clip LONGCLIPNAME 00:00:10:00 00:00:01:00",

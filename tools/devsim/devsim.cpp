@@ -284,7 +284,7 @@ void DevSim::serve() {
     std::vector<pollfd> fds;
     std::vector<unsigned> clients; // the TCP client of each descriptor after the fixed ones
     for (;;) {
-        fds = {{wake_[0], POLLIN, 0},   {udp_, POLLIN, 0},        {udp_other_, POLLIN, 0},
+        fds = {{wake_[0], POLLIN, 0},      {udp_, POLLIN, 0},        {udp_other_, POLLIN, 0},
                {tcp_listener_, POLLIN, 0}, {pty_master_, POLLIN, 0}, {mgmt_, POLLIN, 0}};
         const size_t fixed = fds.size();
         clients.clear();
@@ -315,6 +315,10 @@ void DevSim::serve() {
 }
 
 void DevSim::record(Received message) {
+    static const char* const kLinks[] = {"udp", "tcp", "serial"};
+    mgmt_model_.log_received(std::string(kLinks[static_cast<int>(message.link)]) + " " +
+                             (message.tag.empty() ? "" : message.tag + " ") +
+                             hex(message.frame.empty() ? message.wire : message.frame) + "\n");
     std::function<void(const Received&)> observer;
     {
         std::lock_guard lock(mutex_);
@@ -413,8 +417,12 @@ void DevSim::receive_tcp(unsigned id) {
         size_t body = tag == "s9p " ? be32(buffer.data() + 4) : 0;
         if (body > kMaxFrame) {
             // No Sony frame is that long: record the header and drop the client as a server would.
-            record({Link::tcp, Bytes(buffer.begin(), buffer.begin() + kHeader), {}, tag,
-                    tcp_port_, client.peer});
+            record({Link::tcp,
+                    Bytes(buffer.begin(), buffer.begin() + kHeader),
+                    {},
+                    tag,
+                    tcp_port_,
+                    client.peer});
             close_tcp_client(id);
             return;
         }

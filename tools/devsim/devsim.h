@@ -2,9 +2,9 @@
 // protocol and on a pty serial line, with scriptable faults, and records every message it gets.
 #pragma once
 
+#include "mgmt.h"
 #include "model.h"
 #include "sony_answers.h"
-#include "mgmt.h"
 #include "transfers.h"
 
 #include <chrono>
@@ -195,8 +195,8 @@ class DevSim {
 
     int mgmt_ = -1;
     uint16_t mgmt_port_ = 0;
-    Transfers transfers_;
-    Mgmt mgmt_model_;
+    Transfers transfers_{model_};
+    Mgmt mgmt_model_{model_};
 };
 
 using ::hex; // "43 BF F0 04 0C 02"

@@ -53,12 +53,17 @@ LouthServer::LouthServer(Model& model) : model_(model) {}
 void LouthServer::transport(uint8_t cmd2, const Bytes& data) {
     using State = Model::State;
     switch (cmd2) {
-    case 0x00: return model_.command(State::stopped);
+    case 0x00:
+        return model_.command(State::stopped);
     case 0x01:
-    case 0x06: return model_.command(State::playing);
-    case 0x02: return model_.command(State::recording);
-    case 0x04: return model_.command(State::still);
-    case 0x05: return model_.step(1);
+    case 0x06:
+        return model_.command(State::playing);
+    case 0x02:
+        return model_.command(State::recording);
+    case 0x04:
+        return model_.command(State::still);
+    case 0x05:
+        return model_.step(1);
     case 0x07: // jog: a signed frame count, one byte or four
         if (data.size() == 1)
             model_.step(static_cast<int8_t>(data[0]));
@@ -71,7 +76,8 @@ void LouthServer::transport(uint8_t cmd2, const Bytes& data) {
         if (data.size() >= 2)
             model_.command(State::var, static_cast<int8_t>(data[0]) + data[1] / 256.0);
         return;
-    default: return;
+    default:
+        return;
     }
 }
 

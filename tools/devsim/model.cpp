@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 
 namespace devsim {
 
@@ -124,8 +125,8 @@ Model::Clip* Model::find(const std::string& id) const {
 void Model::advance(Clock::time_point now) const {
     const double seconds = std::chrono::duration<double>(now - since_).count();
     since_ = now;
-    const bool moving = state_ != State::stopped && state_ != State::still &&
-                        state_ != State::ejected;
+    const bool moving =
+        state_ != State::stopped && state_ != State::still && state_ != State::ejected;
     if (!moving)
         return;
     position_ = std::max(0.0, position_ + speed_ * seconds * rate_locked());
@@ -144,10 +145,10 @@ void Model::command(State state, double speed) {
     std::lock_guard lock(mutex_);
     advance(Clock::now());
     state_ = state;
-    speed_ = state == State::fast_forward ? kFastSpeed
-             : state == State::rewind     ? -kFastSpeed
+    speed_ = state == State::fast_forward                           ? kFastSpeed
+             : state == State::rewind                               ? -kFastSpeed
              : state == State::playing || state == State::recording ? 1
-                                                                      : speed;
+                                                                    : speed;
     if (state != State::stopped && state != State::still)
         cued_ = false;
     if (state == State::ejected)
@@ -189,19 +190,37 @@ Bytes Model::status() const {
     Bytes bytes(16, 0);
     bytes[0] = local_ ? 0x01 : 0x00;
     switch (state_) {
-    case State::stopped: bytes[1] = 0x20; break;
-    case State::playing: bytes[1] = 0x01; break;
-    case State::recording: bytes[1] = 0x02; break;
-    case State::fast_forward: bytes[1] = 0x04; break;
-    case State::rewind: bytes[1] = 0x08; break;
-    case State::ejected: bytes[1] = 0x10; break;
+    case State::stopped:
+        bytes[1] = 0x20;
+        break;
+    case State::playing:
+        bytes[1] = 0x01;
+        break;
+    case State::recording:
+        bytes[1] = 0x02;
+        break;
+    case State::fast_forward:
+        bytes[1] = 0x04;
+        break;
+    case State::rewind:
+        bytes[1] = 0x08;
+        break;
+    case State::ejected:
+        bytes[1] = 0x10;
+        break;
     case State::still:
         bytes[1] = 0x80;
         bytes[2] = 0x02;
         break;
-    case State::jog: bytes[2] = 0x10; break;
-    case State::var: bytes[2] = 0x08; break;
-    case State::shuttle: bytes[2] = 0x20; break;
+    case State::jog:
+        bytes[2] = 0x10;
+        break;
+    case State::var:
+        bytes[2] = 0x08;
+        break;
+    case State::shuttle:
+        bytes[2] = 0x20;
+        break;
     }
     if (speed_ < 0 && (state_ == State::jog || state_ == State::var || state_ == State::shuttle ||
                        state_ == State::rewind))
@@ -213,15 +232,21 @@ Bytes Model::status() const {
 
 uint8_t Model::louth_status() const {
     switch (state()) {
-    case State::playing: return 0x01;
-    case State::recording: return 0x02;
-    case State::still: return 0x04;
-    case State::jog: return 0x07;
+    case State::playing:
+        return 0x01;
+    case State::recording:
+        return 0x02;
+    case State::still:
+        return 0x04;
+    case State::jog:
+        return 0x07;
     case State::var:
     case State::shuttle:
     case State::fast_forward:
-    case State::rewind: return 0x08;
-    default: return 0x00;
+    case State::rewind:
+        return 0x08;
+    default:
+        return 0x00;
     }
 }
 
@@ -250,8 +275,8 @@ bool Model::erase(const std::string& id) {
     advance(Clock::now());
     if (id.empty() || loaded_ == clip_id(id))
         loaded_.clear();
-    return std::erase_if(clips_,
-                         [&](const Clip& c) { return id.empty() || c.id == clip_id(id); }) > 0;
+    return std::erase_if(clips_, [&](const Clip& c) { return id.empty() || c.id == clip_id(id); }) >
+           0;
 }
 
 std::vector<Model::Clip> Model::clips() const {
@@ -289,6 +314,35 @@ bool Model::load(const std::string& id) {
     state_ = State::still;
     cued_ = true;
     return true;
+}
+
+std::string Model::line_locked(const Clip& clip) const {
+    auto text = [&](int64_t frames) {
+        const Bytes b = frames_to_bcd(standard_, frames);
+        char out[12];
+        snprintf(out, sizeof out, "%02x:%02x:%02x%c%02x", b[3], b[2], b[1], b[0] & 0x40 ? ';' : ':',
+                 b[0] & 0x3F);
+        return std::string(out);
+    };
+    return clip.id + " " + text(clip.start) + " " + text(clip.length) + "\n";
+}
+
+Bytes Model::listing() const {
+    std::lock_guard lock(mutex_);
+    advance(Clock::now());
+    std::string text;
+    for (const Clip& clip : clips_)
+        text += line_locked(clip);
+    return Bytes(text.begin(), text.end());
+}
+
+std::optional<Bytes> Model::listing_line(size_t clip) const {
+    std::lock_guard lock(mutex_);
+    advance(Clock::now());
+    if (clip >= clips_.size())
+        return std::nullopt;
+    const std::string line = line_locked(clips_[clip]);
+    return Bytes(line.begin(), line.end());
 }
 
 std::string Model::loaded() const {

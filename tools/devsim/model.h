@@ -29,10 +29,20 @@ int64_t bcd_to_frames(Standard standard, const uint8_t* bcd);
 // Thread-safe: every link's serving code and a test may call it at once.
 class Model {
   public:
-    enum class State { stopped, playing, still, fast_forward, rewind, jog, var, shuttle, recording,
-                       ejected };
+    enum class State {
+        stopped,
+        playing,
+        still,
+        fast_forward,
+        rewind,
+        jog,
+        var,
+        shuttle,
+        recording,
+        ejected
+    };
     struct Clip {
-        std::string id; // 8 bytes, padded with spaces
+        std::string id;                // 8 bytes, padded with spaces
         int64_t start = 0, length = 0; // frames
         uint8_t status = 0;
     };
@@ -75,7 +85,13 @@ class Model {
     bool load(const std::string& id);
     std::string loaded() const; // 8 bytes, or empty
 
+    // The store as text, one line a clip: its ID (8 bytes), its start and its length as
+    // timecodes ("NEWS     00:00:10:00 00:00:04:00\n"); one clip's line (from 0), or nullopt.
+    Bytes listing() const;
+    std::optional<Bytes> listing_line(size_t clip) const;
+
   private:
+    std::string line_locked(const Clip& clip) const;
     using Clock = std::chrono::steady_clock;
     // Brings the position up to now and applies the clip's end and the record length.
     void advance(Clock::time_point now) const;

@@ -22,9 +22,8 @@ bool timecode(const Model& model, const std::string& text, int64_t& frames) {
     std::string part;
     for (long& p : parts) {
         char separator = 0;
-        if (!(in >> p) || p < 0 || p > 99 || (&p != &parts[3] && (!in.get(separator) ||
-                                                                   (separator != ':' &&
-                                                                    separator != ';'))))
+        if (!(in >> p) || p < 0 || p > 99 ||
+            (&p != &parts[3] && (!in.get(separator) || (separator != ':' && separator != ';'))))
             return false;
     }
     if (in.get() != EOF)

@@ -48,7 +48,7 @@ double speed_of(uint8_t n) {
 SonyAnswers::SonyAnswers(Model& model) : model_(model) {
     // Plausible contents for every sense of the library; tests set what they assert on.
     const std::pair<uint8_t, Bytes> plain[] = {
-        {0x11, {0xF0, 0x20}}, // device type
+        {0x11, {0xF0, 0x20}},             // device type
         {0x95, {0x01, 0x00}},             // version
         {0xB1, text("DEVSIM")},           // product name
         {0xB2, text("DS00000042")},       // serial number, and the capture status
@@ -83,16 +83,16 @@ SonyAnswers::SonyAnswers(Model& model) : model_(model) {
     for (const auto& [cmd2, value] : plain)
         senses_[key(cmd2, -1)] = value;
     const std::tuple<uint8_t, uint8_t, Bytes> selected[] = {
-        {0xC1, 0x00, {0x00, 0x00}},                                   // errors
-        {0xC1, 0x02, {0x00, 0x01, 0x00, 0x42}},                       // clip range 1 to 42
-        {0x94, 0x01, {0x01, 0x10}},                                   // compression ratio
-        {0xB0, 0x00, {0x00, 0x02, 0x01}},                             // protocol version
-        {0xB3, 0x00, {0x00, 0x01, 0x02, 0x03}},                       // current video
-        {0xB3, 0x02, {0x02, 0x01, 0x02, 0x03}},                       // start-up video
-        {0xB4, 0x00, {0x00, 0x02, 0x30}},                             // current audio
-        {0xB4, 0x02, {0x02, 0x02, 0x30}},                             // start-up audio
-        {0xBB, 0x01, {0x01, 0x01, 0x02, 0x03}},                       // a file's video
-        {0xBC, 0x01, {0x01, 0x02, 0x30}},                             // a file's audio
+        {0xC1, 0x00, {0x00, 0x00}},             // errors
+        {0xC1, 0x02, {0x00, 0x01, 0x00, 0x42}}, // clip range 1 to 42
+        {0x94, 0x01, {0x01, 0x10}},             // compression ratio
+        {0xB0, 0x00, {0x00, 0x02, 0x01}},       // protocol version
+        {0xB3, 0x00, {0x00, 0x01, 0x02, 0x03}}, // current video
+        {0xB3, 0x02, {0x02, 0x01, 0x02, 0x03}}, // start-up video
+        {0xB4, 0x00, {0x00, 0x02, 0x30}},       // current audio
+        {0xB4, 0x02, {0x02, 0x02, 0x30}},       // start-up audio
+        {0xBB, 0x01, {0x01, 0x01, 0x02, 0x03}}, // a file's video
+        {0xBC, 0x01, {0x01, 0x02, 0x30}},       // a file's audio
     };
     for (const auto& [cmd2, selector, value] : selected)
         senses_[key(cmd2, selector)] = value;
@@ -184,27 +184,44 @@ void SonyAnswers::transport(uint8_t cmd1, uint8_t cmd2, const Bytes& data) {
     const double speed = data.empty() ? 1 : speed_of(data[0]);
     const int64_t frames = data.empty() ? 1 : data[0];
     switch (cmd2) {
-    case 0x00: return model_.command(State::stopped);
-    case 0x01: return model_.command(State::playing);
-    case 0x02: return model_.command(State::recording);
-    case 0x04: return model_.command(State::playing); // standby off: continue
-    case 0x05: return model_.command(State::still);
-    case 0x0F: return model_.command(State::ejected);
-    case 0x10: return model_.command(State::fast_forward);
-    case 0x20: return model_.command(State::rewind);
-    case 0x11: return model_.command(State::jog, speed);
-    case 0x21: return model_.command(State::jog, -speed);
-    case 0x12: return model_.command(State::var, speed);
-    case 0x22: return model_.command(State::var, -speed);
-    case 0x13: return model_.command(State::shuttle, speed);
-    case 0x23: return model_.command(State::shuttle, -speed);
-    case 0x14: return model_.step(frames);
-    case 0x24: return model_.step(-frames);
+    case 0x00:
+        return model_.command(State::stopped);
+    case 0x01:
+        return model_.command(State::playing);
+    case 0x02:
+        return model_.command(State::recording);
+    case 0x04:
+        return model_.command(State::playing); // standby off: continue
+    case 0x05:
+        return model_.command(State::still);
+    case 0x0F:
+        return model_.command(State::ejected);
+    case 0x10:
+        return model_.command(State::fast_forward);
+    case 0x20:
+        return model_.command(State::rewind);
+    case 0x11:
+        return model_.command(State::jog, speed);
+    case 0x21:
+        return model_.command(State::jog, -speed);
+    case 0x12:
+        return model_.command(State::var, speed);
+    case 0x22:
+        return model_.command(State::var, -speed);
+    case 0x13:
+        return model_.command(State::shuttle, speed);
+    case 0x23:
+        return model_.command(State::shuttle, -speed);
+    case 0x14:
+        return model_.step(frames);
+    case 0x24:
+        return model_.step(-frames);
     case 0x31:
         if (cmd1 == 0x24 && data.size() == 4)
             model_.cue(bcd_to_frames(model_.standard(), data.data()));
         return;
-    default: return;
+    default:
+        return;
     }
 }
 

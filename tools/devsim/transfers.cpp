@@ -134,10 +134,12 @@ std::vector<Piece> Transfers::answer(unsigned client, const uint8_t* request) {
     if (tag == "ver ")
         return header(session, "ver ", version_[0], version_[1]);
     if (tag == "gfif")
-        return announce(session, "gfif", diskinfo_);
+        return announce(session, "gfif", diskinfo_ ? *diskinfo_ : model_.listing());
     if (tag == "uuuu") {
         auto entry = entries_.find(arg1);
-        return announce(session, "uuuu", entry == entries_.end() ? Bytes{} : entry->second);
+        return announce(session, "uuuu",
+                        entry != entries_.end() ? entry->second
+                                                : model_.listing_line(arg1).value_or(Bytes{}));
     }
     if (tag == "cggp")
         return announce(session, "cggp", gop_);

@@ -3,6 +3,7 @@
 // header, a transfer that stalls half-way).
 #pragma once
 
+#include "model.h"
 #include "piece.h"
 
 #include <condition_variable>
@@ -14,7 +15,10 @@ namespace devsim {
 
 class Transfers {
   public:
-    // What the server holds; any thread. Entries never set have size 0.
+    explicit Transfers(const Model& model) : model_(model) {}
+
+    // What the server holds; any thread. Until set, the disk information is the model's clip
+    // store as text (Model::listing) and file entry N its clip N's line (none: size 0).
     void set_version(uint32_t first, uint32_t second);
     void set_diskinfo(Bytes bytes);
     void set_file_entry(uint32_t entry, Bytes bytes);
@@ -41,6 +45,7 @@ class Transfers {
 
   private:
     std::vector<Piece> raw(const Bytes& bytes);
+    const Model& model_;
     struct Session {
         Bytes pending;                   // what the next "data" sends
         std::optional<size_t> expecting; // bytes of the upload under way
@@ -53,7 +58,8 @@ class Transfers {
     mutable std::mutex mutex_;
     mutable std::condition_variable uploaded_changed_;
     uint32_t version_[2] = {1, 0};
-    Bytes diskinfo_, gop_;
+    std::optional<Bytes> diskinfo_;
+    Bytes gop_;
     std::map<uint32_t, Bytes> entries_;
     bool accept_ = true;
     std::optional<Bytes> scripted_header_;
