@@ -242,6 +242,25 @@ TEST(VirtualServer, transfers_and_management_list_the_store_and_log_the_commands
     ASSERT_EQ(zqhandler_cnxn_get_file_entry(s.tcp, 2, buffer, &size, sizeof buffer), 0);
     EXPECT_EQ(size, 0);
 
+    // GOPs: the same for the same clip and position, another after a step; an upload comes back.
+    auto gop = [&] {
+        uint8_t bytes[128];
+        int32_t n = 0;
+        EXPECT_EQ(zqhandler_cnxn_get_gop(s.tcp, bytes, &n, sizeof bytes), 0);
+        return std::string(reinterpret_cast<char*>(bytes), static_cast<size_t>(std::max(n, 0)));
+    };
+    ASSERT_EQ(zqhandler_cmd_odetics_inPreset(s.udp, "NEWS", nullptr), 0);
+    const std::string at_news = gop();
+    EXPECT_EQ(at_news.size(), 64u);
+    EXPECT_EQ(at_news.substr(0, 16), std::string("GOP NEWS    \0\0\0\xFA", 16));
+    EXPECT_EQ(gop(), at_news);
+    ASSERT_EQ(zqhandler_cmd_step(s.udp, 1), 0);
+    EXPECT_NE(gop().substr(16), at_news.substr(16));
+    const uint8_t upload[] = {9, 8, 7};
+    ASSERT_EQ(zqhandler_cnxn_put_gop(s.tcp, 0, upload, 3), 0);
+    ASSERT_TRUE(s.sim.transfers().wait_uploads(1, 2000));
+    EXPECT_EQ(gop(), "\x09\x08\x07");
+
     t_zqhandler* mgmt = zqhandler_create();
     ASSERT_EQ(zqhandler_connect_eth(mgmt, "127.0.0.1", std::to_string(s.sim.mgmt_port()).c_str()),
               0);

@@ -83,8 +83,26 @@ void Transfers::take_upload(unsigned client, Bytes& stream) {
         finish_upload(session);
 }
 
+Bytes Transfers::model_gop() const {
+    std::string id = model_.loaded();
+    id.resize(8, ' ');
+    const auto position = static_cast<uint32_t>(model_.position());
+    Bytes gop = {'G', 'O', 'P', ' '};
+    gop.insert(gop.end(), id.begin(), id.end());
+    put_be32(gop, position);
+    uint32_t x = position * 2654435761u;
+    for (char c : id)
+        x = (x ^ static_cast<uint8_t>(c)) * 16777619u;
+    while (gop.size() < 64) {
+        x = x * 1103515245u + 12345u;
+        gop.push_back(static_cast<uint8_t>(x >> 16));
+    }
+    return gop;
+}
+
 void Transfers::finish_upload(Session& session) {
     uploaded_ = std::exchange(session.upload, {});
+    gop_ = uploaded_; // downloadable again
     session.expecting.reset();
     ++uploads_;
     uploaded_changed_.notify_all();
@@ -142,11 +160,11 @@ std::vector<Piece> Transfers::answer(unsigned client, const uint8_t* request) {
                                                 : model_.listing_line(arg1).value_or(Bytes{}));
     }
     if (tag == "cggp")
-        return announce(session, "cggp", gop_);
+        return announce(session, "cggp", gop_ ? *gop_ : model_gop());
     if (tag == "data")
         return raw(std::exchange(session.pending, {}));
     if (tag == "ggop")
-        return raw(gop_);
+        return raw(gop_ ? *gop_ : model_gop());
     if (tag == "pgop") {
         if (!accept_)
             return header(session, "pgna", 0, 0);

@@ -18,7 +18,10 @@ class Transfers {
     explicit Transfers(const Model& model) : model_(model) {}
 
     // What the server holds; any thread. Until set, the disk information is the model's clip
-    // store as text (Model::listing) and file entry N its clip N's line (none: size 0).
+    // store as text (Model::listing) and file entry N its clip N's line (none: size 0). The GOP
+    // is the one set or uploaded last; before either, 64 bytes made from the model: "GOP ", the
+    // loaded ID (8 bytes, spaces when none), the position in frames (big-endian 32 bits), then
+    // 48 bytes that follow from those two, so each clip and position has its own GOP.
     void set_version(uint32_t first, uint32_t second);
     void set_diskinfo(Bytes bytes);
     void set_file_entry(uint32_t entry, Bytes bytes);
@@ -59,7 +62,8 @@ class Transfers {
     mutable std::condition_variable uploaded_changed_;
     uint32_t version_[2] = {1, 0};
     std::optional<Bytes> diskinfo_;
-    Bytes gop_;
+    std::optional<Bytes> gop_;
+    Bytes model_gop() const;
     std::map<uint32_t, Bytes> entries_;
     bool accept_ = true;
     std::optional<Bytes> scripted_header_;
