@@ -157,8 +157,8 @@ Bytes SonyAnswers::answer(const Bytes& request) {
         return frame(0x70, 0x04, frames_to_bcd(model_.standard(), model_.position()));
     if (cmd2 == 0xC1 && data.size() == 1 && data[0] == 0x01 && !has(0xC1, 0x01)) {
         const std::string loaded = model_.loaded();
-        Bytes value{0x01};
-        value.insert(value.end(), loaded.begin(), loaded.end());
+        Bytes value(1 + loaded.size(), 0x01); // sized first, as GCC 12 -Warray-bounds wants
+        std::copy(loaded.begin(), loaded.end(), value.begin() + 1);
         return frame(0x70, 0xC1, value);
     }
     if (cmd2 == 0x20 && data.size() == 1) {

@@ -87,8 +87,9 @@ Bytes Transfers::model_gop() const {
     std::string id = model_.loaded();
     id.resize(8, ' ');
     const auto position = static_cast<uint32_t>(model_.position());
-    Bytes gop = {'G', 'O', 'P', ' '};
-    gop.insert(gop.end(), id.begin(), id.end());
+    // Sized first: GCC 12 at -O2 misreads an insert after a braced initialiser (-Warray-bounds).
+    Bytes gop(12);
+    std::copy(id.begin(), id.end(), std::copy_n("GOP ", 4, gop.begin()));
     put_be32(gop, position);
     uint32_t x = position * 2654435761u;
     for (char c : id)
