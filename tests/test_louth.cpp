@@ -288,6 +288,8 @@ TEST_P(LouthOperations, each_accepts_its_answer_and_refuses_the_others) {
     };
     SimHandle s(GetParam(), Protocol::louth);
     ASSERT_EQ(s.connected, 0);
+    s.sim.model().append_clip("NEWS", 90 * 25); // 00:01:30:00
+    s.sim.model().append_clip("WEATHER", 12);
     zqhandler_set_timeout(s.zqh, 2000);
     for (const Case& c : cases) {
         const size_t before = s.sim.received().size();

@@ -298,33 +298,4 @@ TEST(SonyOperations, messages_are_printed_only_for_their_failures) {
     zqhandler_delete(h);
 }
 
-// --- the emulator's Odetics ID list --------------------------------------------------------------
-
-TEST(OdeticsList, is_walked_first_to_last_and_follows_erasures) {
-    SimHandle s(Link::udp);
-    s.sim.sony().add_clip("CLIP1", 0x05, {0x00, 0x10, 0x00, 0x00});
-    s.sim.sony().add_clip("LONGCLIPNAME");
-    s.sim.sony().add_clip("C3");
-    auto walk = [&] {
-        std::string ids;
-        char id[9];
-        for (int r = zqhandler_cmd_odetics_sense_firstID(s.zqh, id); r == 0;
-             r = zqhandler_cmd_odetics_sense_nextID(s.zqh, id))
-            ids += std::string(id) + "|";
-        EXPECT_EQ(zqhandler_get_last_err(s.zqh), S9P_NOTFOUND);
-        return ids;
-    };
-    EXPECT_EQ(walk(), "CLIP1   |LONGCLIP|C3      |");
-    uint8_t status = 0;
-    char length[ZQ_TC_BYTES] = {};
-    EXPECT_EQ(zqhandler_cmd_odetics_sense_id_status(s.zqh, "CLIP1", &status), 0);
-    EXPECT_EQ(status, 0x05);
-    EXPECT_EQ(zqhandler_cmd_odetics_sense_id_length(s.zqh, "CLIP1", length), 0);
-    EXPECT_STREQ(length, "00:00:10:00");
-    EXPECT_EQ(zqhandler_cmd_odetics_eraseID(s.zqh, "LONGCLIPNAME"), 0);
-    EXPECT_EQ(walk(), "CLIP1   |C3      |");
-    EXPECT_EQ(zqhandler_cmd_basic(s.zqh, BAS_CMD_ERASE_ALL), 0);
-    EXPECT_EQ(walk(), "");
-}
-
 } // namespace

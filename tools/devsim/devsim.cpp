@@ -161,16 +161,18 @@ Reply Reply::bytes(Bytes raw) {
     return r;
 }
 
-DevSim::DevSim() : louth_(std::make_unique<LouthServer>()) {
+DevSim::DevSim() : louth_(std::make_unique<LouthServer>(model_)) {
     if (pipe(wake_) != 0)
         fail("pipe");
 }
 
 DevSim::~DevSim() {
     stop();
-    for (int* fd : {&udp_, &udp_other_, &tcp_listener_, &tcp_client_, &pty_master_, &pty_slave_,
-                    &wake_[0], &wake_[1], &mgmt_})
+    for (int* fd : {&udp_, &udp_other_, &tcp_listener_, &pty_master_, &pty_slave_, &wake_[0],
+                    &wake_[1], &mgmt_})
         close_fd(*fd);
+    for (auto& [id, client] : tcp_clients_)
+        close_fd(client.fd);
 }
 
 uint16_t DevSim::listen_udp(const char* address, uint16_t port) {
@@ -183,7 +185,7 @@ uint16_t DevSim::listen_udp(const char* address, uint16_t port) {
 
 uint16_t DevSim::listen_tcp(const char* address, uint16_t port) {
     tcp_listener_ = bound_socket(SOCK_STREAM, ipv4(address, port));
-    if (listen(tcp_listener_, 4) != 0)
+    if (listen(tcp_listener_, 16) != 0)
         fail("listen");
     tcp_port_ = bound_port(tcp_listener_);
     return tcp_port_;
@@ -279,13 +281,19 @@ int DevSim::poll_timeout_ms() const {
 }
 
 void DevSim::serve() {
+    std::vector<pollfd> fds;
+    std::vector<unsigned> clients; // the TCP client of each descriptor after the fixed ones
     for (;;) {
-        pollfd fds[] = {{wake_[0], POLLIN, 0},    {udp_, POLLIN, 0},
-                        {udp_other_, POLLIN, 0},  {tcp_listener_, POLLIN, 0},
-                        {tcp_client_, POLLIN, 0}, {pty_master_, POLLIN, 0},
-                        {mgmt_, POLLIN, 0}};
+        fds = {{wake_[0], POLLIN, 0},      {udp_, POLLIN, 0},        {udp_other_, POLLIN, 0},
+               {tcp_listener_, POLLIN, 0}, {pty_master_, POLLIN, 0}, {mgmt_, POLLIN, 0}};
+        const size_t fixed = fds.size();
+        clients.clear();
+        for (const auto& [id, client] : tcp_clients_) {
+            fds.push_back({client.fd, POLLIN, 0});
+            clients.push_back(id);
+        }
         // poll() ignores negative descriptors, so links that are not set up cost nothing.
-        if (poll(fds, std::size(fds), poll_timeout_ms()) < 0 && errno != EINTR)
+        if (poll(fds.data(), fds.size(), poll_timeout_ms()) < 0 && errno != EINTR)
             return;
         if (fds[0].revents)
             return;
@@ -296,16 +304,21 @@ void DevSim::serve() {
         if (fds[3].revents)
             accept_tcp();
         if (fds[4].revents)
-            receive_tcp();
-        if (fds[5].revents)
             receive_serial();
-        if (fds[6].revents)
+        if (fds[5].revents)
             receive_mgmt();
+        for (size_t i = fixed; i < fds.size(); ++i)
+            if (fds[i].revents)
+                receive_tcp(clients[i - fixed]);
         send_due();
     }
 }
 
 void DevSim::record(Received message) {
+    static const char* const kLinks[] = {"udp", "tcp", "serial"};
+    mgmt_model_.log_received(std::string(kLinks[static_cast<int>(message.link)]) + " " +
+                             (message.tag.empty() ? "" : message.tag + " ") +
+                             hex(message.frame.empty() ? message.wire : message.frame) + "\n");
     std::function<void(const Received&)> observer;
     {
         std::lock_guard lock(mutex_);
@@ -317,12 +330,32 @@ void DevSim::record(Received message) {
         observer(message);
 }
 
-Reply DevSim::next_reply() {
+void DevSim::fault_at_command(size_t command, Reply reply) {
     std::lock_guard lock(mutex_);
-    if (script_.empty())
+    faults_.push_back({command, 0, std::move(reply)});
+}
+
+void DevSim::fault_at_frame(int64_t frame, Reply reply) {
+    std::lock_guard lock(mutex_);
+    faults_.push_back({0, frame, std::move(reply)});
+}
+
+Reply DevSim::next_reply() {
+    const int64_t position = model_.position();
+    std::lock_guard lock(mutex_);
+    ++commands_;
+    if (!script_.empty()) {
+        Reply reply = std::move(script_.front());
+        script_.pop_front();
+        return reply;
+    }
+    auto fault = std::find_if(faults_.begin(), faults_.end(), [&](const Fault& f) {
+        return f.command ? f.command == commands_ : position >= f.frame;
+    });
+    if (fault == faults_.end())
         return default_;
-    Reply reply = std::move(script_.front());
-    script_.pop_front();
+    Reply reply = std::move(fault->reply);
+    faults_.erase(fault);
     return reply;
 }
 
@@ -351,56 +384,59 @@ void DevSim::accept_tcp() {
     sockaddr_in peer{};
     socklen_t length = sizeof peer;
     int client = accept(tcp_listener_, reinterpret_cast<sockaddr*>(&peer), &length);
-    if (client < 0)
+    if (client >= 0)
+        tcp_clients_[++next_tcp_] = {client, peer, {}};
+}
+
+void DevSim::close_tcp_client(unsigned id) {
+    if (auto found = tcp_clients_.find(id); found != tcp_clients_.end()) {
+        close_fd(found->second.fd);
+        tcp_clients_.erase(found);
+    }
+    transfers_.reset(id);
+}
+
+void DevSim::receive_tcp(unsigned id) {
+    auto found = tcp_clients_.find(id);
+    if (found == tcp_clients_.end())
         return;
-    close_tcp_client();
-    tcp_client_ = client;
-    tcp_peer_ = peer;
-    ++tcp_generation_;
-}
-
-void DevSim::close_tcp_client() {
-    close_fd(tcp_client_);
-    tcp_buffer_.clear();
-    transfers_.reset();
-}
-
-void DevSim::receive_tcp() {
+    TcpClient& client = found->second;
+    Bytes& buffer = client.buffer;
     uint8_t chunk[2048];
-    ssize_t n = recv(tcp_client_, chunk, sizeof chunk, 0);
+    ssize_t n = recv(client.fd, chunk, sizeof chunk, 0);
     if (n <= 0) {
-        close_tcp_client();
+        close_tcp_client(id);
         return;
     }
-    tcp_buffer_.insert(tcp_buffer_.end(), chunk, chunk + n);
-    transfers_.take_upload(tcp_buffer_); // an accepted upload's bytes are not messages
+    tcp_answering_ = id;
+    buffer.insert(buffer.end(), chunk, chunk + n);
+    transfers_.take_upload(id, buffer); // an accepted upload's bytes are not messages
     // Messages: a 12-byte header; "s9p " carries arg1 frame bytes after it, the others nothing.
-    while (tcp_buffer_.size() >= kHeader) {
-        std::string tag(tcp_buffer_.begin(), tcp_buffer_.begin() + 4);
-        size_t body = tag == "s9p " ? be32(tcp_buffer_.data() + 4) : 0;
+    while (buffer.size() >= kHeader) {
+        std::string tag(buffer.begin(), buffer.begin() + 4);
+        size_t body = tag == "s9p " ? be32(buffer.data() + 4) : 0;
         if (body > kMaxFrame) {
             // No Sony frame is that long: record the header and drop the client as a server would.
             record({Link::tcp,
-                    Bytes(tcp_buffer_.begin(), tcp_buffer_.begin() + kHeader),
+                    Bytes(buffer.begin(), buffer.begin() + kHeader),
                     {},
                     tag,
                     tcp_port_,
-                    tcp_peer_});
-            close_tcp_client();
+                    client.peer});
+            close_tcp_client(id);
             return;
         }
-        if (tcp_buffer_.size() < kHeader + body)
+        if (buffer.size() < kHeader + body)
             return;
-        Bytes wire(tcp_buffer_.begin(), tcp_buffer_.begin() + static_cast<long>(kHeader + body));
-        tcp_buffer_.erase(tcp_buffer_.begin(),
-                          tcp_buffer_.begin() + static_cast<long>(wire.size()));
+        Bytes wire(buffer.begin(), buffer.begin() + static_cast<long>(kHeader + body));
+        buffer.erase(buffer.begin(), buffer.begin() + static_cast<long>(wire.size()));
         Bytes frame(wire.begin() + kHeader, wire.end());
-        record({Link::tcp, wire, frame, tag, tcp_port_, tcp_peer_});
+        record({Link::tcp, wire, frame, tag, tcp_port_, client.peer});
         if (tag == "s9p ") {
-            answer(Link::tcp, tcp_client_, tcp_peer_);
+            answer(Link::tcp, client.fd, client.peer);
         } else {
-            queue(Link::tcp, tcp_client_, tcp_peer_, transfers_.answer(wire.data()));
-            transfers_.take_upload(tcp_buffer_);
+            queue(Link::tcp, client.fd, client.peer, transfers_.answer(id, wire.data()));
+            transfers_.take_upload(id, buffer);
         }
     }
 }
@@ -450,7 +486,7 @@ void DevSim::queue(Link link, int fd, const sockaddr_in& to, std::vector<Piece> 
     auto due = Clock::now();
     for (size_t i = 0; i < pieces.size(); ++i) {
         due += std::chrono::milliseconds(pieces[i].delay_ms);
-        outbox_.push_back({due, link, fd, to, tcp_generation_, std::move(pieces[i].bytes),
+        outbox_.push_back({due, link, fd, to, tcp_answering_, std::move(pieces[i].bytes),
                            i + 1 == pieces.size()});
     }
     send_due();
@@ -500,7 +536,7 @@ void DevSim::queue(Link link, int fd, const sockaddr_in& to, const Reply& reply,
     std::vector<Bytes> pieces = split(bytes, reply.pieces);
     for (size_t i = 0; i < pieces.size(); ++i) {
         outbox_.push_back(
-            {due, link, fd, to, tcp_generation_, std::move(pieces[i]), i + 1 == pieces.size()});
+            {due, link, fd, to, tcp_answering_, std::move(pieces[i]), i + 1 == pieces.size()});
         due += std::chrono::milliseconds(reply.piece_gap_ms);
     }
     send_due();
@@ -527,9 +563,10 @@ void DevSim::send_now(const Outgoing& out) {
                reinterpret_cast<const sockaddr*>(&out.to), sizeof out.to);
         break;
     case Link::tcp:
-        if (out.tcp_client != tcp_generation_ || tcp_client_ < 0)
+        if (auto client = tcp_clients_.find(out.tcp_client); client != tcp_clients_.end())
+            send(client->second.fd, out.bytes.data(), out.bytes.size(), MSG_NOSIGNAL);
+        else
             return;
-        send(tcp_client_, out.bytes.data(), out.bytes.size(), MSG_NOSIGNAL);
         break;
     case Link::serial:
         (void)!write(pty_master_, out.bytes.data(), out.bytes.size());

@@ -2,8 +2,9 @@
 // protocol and on a pty serial line, with scriptable faults, and records every message it gets.
 #pragma once
 
-#include "sony_answers.h"
 #include "mgmt.h"
+#include "model.h"
+#include "sony_answers.h"
 #include "transfers.h"
 
 #include <chrono>
@@ -11,6 +12,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <netinet/in.h>
@@ -81,7 +83,7 @@ class DevSim {
     // Binds UDP `port` (0: the system chooses) and a second socket on another port for answers
     // "from another address". Returns the bound port.
     uint16_t listen_udp(const char* address, uint16_t port);
-    // Listens for one TCP client at a time (a new one replaces the old). Returns the bound port.
+    // Listens for TCP clients, any number at once, each served on its own. Returns the bound port.
     uint16_t listen_tcp(const char* address, uint16_t port);
     // Opens a pty pair in raw mode; returns the path of the end a controller opens.
     std::string open_pty();
@@ -102,8 +104,15 @@ class DevSim {
     // Answers to the next commands, in order; once used up, the default answers.
     void script(Reply reply);
     void set_default(Reply reply);
+    // Faults that a scripted reply does not cover: `reply` answers the command-th Sony or Louth
+    // command received (counted from 1 on every link together), or the first command received
+    // while the position is at `frame` or past it. Each plays once.
+    void fault_at_command(size_t command, Reply reply);
+    void fault_at_frame(int64_t frame, Reply reply);
     // The server's own answers, used when no scripted or default reply brings a frame.
     SonyAnswers& sony() { return sony_; }
+    // The server behind every link: transport, position, clips.
+    Model& model() { return model_; }
     // Called on the serving thread for every message received, after it is recorded.
     void on_receive(std::function<void(const Received&)> observer);
 
@@ -134,10 +143,15 @@ class DevSim {
     void serve();
     int poll_timeout_ms() const;
     void receive_udp(int fd, uint16_t local_port);
+    struct TcpClient {
+        int fd;
+        sockaddr_in peer;
+        Bytes buffer;
+    };
     void accept_tcp();
-    void receive_tcp();
+    void receive_tcp(unsigned id);
     void receive_serial();
-    void close_tcp_client();
+    void close_tcp_client(unsigned id);
     void record(Received message);
     void answer(Link link, int fd, const sockaddr_in& to);
     void answer_louth(Link link, int fd, const sockaddr_in& to, const Bytes& command);
@@ -149,14 +163,15 @@ class DevSim {
     // Queues a model's answer for the serving thread to send piece by piece.
     void queue(Link link, int fd, const sockaddr_in& to, std::vector<Piece> pieces);
 
+    Model model_; // before the answers that keep a reference to it
     int wake_[2] = {-1, -1};
-    int udp_ = -1, udp_other_ = -1, tcp_listener_ = -1, tcp_client_ = -1;
+    int udp_ = -1, udp_other_ = -1, tcp_listener_ = -1;
     int pty_master_ = -1, pty_slave_ = -1;
     uint16_t udp_port_ = 0, udp_other_port_ = 0, tcp_port_ = 0;
-    unsigned tcp_generation_ = 0;
-    sockaddr_in tcp_peer_{};
+    std::map<unsigned, TcpClient> tcp_clients_; // serving thread only
+    unsigned next_tcp_ = 0, tcp_answering_ = 0; // the next client's number; the one answered
     std::string pty_path_;
-    Bytes tcp_buffer_, serial_buffer_;
+    Bytes serial_buffer_;
     bool louth_udp_ = false, louth_serial_ = false;
     std::unique_ptr<LouthServer> louth_; // serving thread only
     std::deque<Outgoing> outbox_;        // serving thread only
@@ -164,17 +179,24 @@ class DevSim {
 
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
+    struct Fault {
+        size_t command; // 0: at `frame`
+        int64_t frame;
+        Reply reply;
+    };
     std::deque<Reply> script_;
+    std::vector<Fault> faults_;
+    size_t commands_ = 0; // Sony and Louth commands answered
     Reply default_;
     std::vector<Received> received_;
     size_t replies_sent_ = 0;
     std::function<void(const Received&)> observer_;
-    SonyAnswers sony_;
+    SonyAnswers sony_{model_};
 
     int mgmt_ = -1;
     uint16_t mgmt_port_ = 0;
-    Transfers transfers_;
-    Mgmt mgmt_model_;
+    Transfers transfers_{model_};
+    Mgmt mgmt_model_{model_};
 };
 
 using ::hex; // "43 BF F0 04 0C 02"

@@ -48,10 +48,37 @@ size_t louth_command_length(const Bytes& stream) {
     return stream[1] + size_t{3};
 }
 
-LouthServer::LouthServer() {
-    clips_["NEWS    "] = {{0x00, 0x30, 0x01, 0x00}}; // 00:01:30:00
-    clips_["WEATHER "] = {{0x12, 0x00, 0x00, 0x00}}; // 00:00:00:12
-    next_ = clips_.end();
+LouthServer::LouthServer(Model& model) : model_(model) {}
+
+void LouthServer::transport(uint8_t cmd2, const Bytes& data) {
+    using State = Model::State;
+    switch (cmd2) {
+    case 0x00:
+        return model_.command(State::stopped);
+    case 0x01:
+    case 0x06:
+        return model_.command(State::playing);
+    case 0x02:
+        return model_.command(State::recording);
+    case 0x04:
+        return model_.command(State::still);
+    case 0x05:
+        return model_.step(1);
+    case 0x07: // jog: a signed frame count, one byte or four
+        if (data.size() == 1)
+            model_.step(static_cast<int8_t>(data[0]));
+        else if (data.size() == 4)
+            model_.step(static_cast<int32_t>(static_cast<uint32_t>(data[0]) << 24 |
+                                             static_cast<uint32_t>(data[1]) << 16 |
+                                             static_cast<uint32_t>(data[2]) << 8 | data[3]));
+        return;
+    case 0x08: // var: a signed whole part and a fraction byte
+        if (data.size() >= 2)
+            model_.command(State::var, static_cast<int8_t>(data[0]) + data[1] / 256.0);
+        return;
+    default:
+        return;
+    }
 }
 
 Bytes LouthServer::answer(const Bytes& command) {
@@ -60,19 +87,19 @@ Bytes LouthServer::answer(const Bytes& command) {
         return {kRefusal, 0x02};
     const uint8_t type = command[2] & 0xF0, unit = command[2] & 0x0F, cmd2 = command[3];
     const Bytes data(command.begin() + 4, command.end() - 1);
-    auto id = [&] { return data.size() >= 8 ? std::string(data.begin(), data.begin() + 8) : ""; };
+    const std::string id = data.size() >= 8 ? std::string(data.begin(), data.begin() + 8) : "";
     switch (type) {
     case 0x10:
-        state_ = cmd2;
+        transport(cmd2, data);
         return {kAck};
     case 0x20:
-        if (cmd2 == 0x23 && !id().empty()) // record init: the clip exists from now on
-            clips_.try_emplace(id(), Clip{{0, 0, 0, 0}});
+        if (cmd2 == 0x23 && !id.empty() && id != clip_id("")) // record init: the clip exists
+            model_.record_cue(id);
         if (cmd2 == 0x24 || cmd2 == 0x25)
-            loaded_ = id();
+            model_.load(id);
         if (cmd2 == 0x26 || cmd2 == 0x29) { // erasure: the ID list starts again
-            next_ = clips_.end();
-            cmd2 == 0x26 ? void(clips_.erase(id())) : clips_.clear();
+            next_ = SIZE_MAX;
+            model_.erase(cmd2 == 0x26 ? id : "");
         }
         return {kAck};
     case 0x30:
@@ -96,25 +123,27 @@ Bytes LouthServer::sense(uint8_t unit, uint8_t cmd2, const Bytes& data) {
     case 0x05: // status (0x43) or errors (0x24): the request byte, then two bytes
         if (data.empty())
             return {kRefusal, 0x01};
-        return louth_frame({cmd1, 0x85, data[0], data[0] == 0x43 ? state_ : uint8_t{0}, 0x00});
+        return louth_frame(
+            {cmd1, 0x85, data[0], data[0] == 0x43 ? model_.louth_status() : uint8_t{0}, 0x00});
     case 0x06:
         return louth_frame(
-            {cmd1, 0x86, 0x01, timecode_[0], timecode_[1], timecode_[2], timecode_[3]});
+            concat({cmd1, 0x86, 0x01}, frames_to_bcd(model_.standard(), model_.position())));
     case 0x07: {
-        return louth_frame(concat({cmd1, 0x87, 0x00}, Bytes(loaded_.begin(), loaded_.end())));
+        const std::string loaded = model_.loaded();
+        return louth_frame(concat({cmd1, 0x87, 0x00}, Bytes(loaded.begin(), loaded.end())));
     }
     case 0x11:
-        next_ = clips_.begin();
+        next_ = 0;
         return list_entry(unit, 0x91);
     case 0x02:
         return list_entry(unit, 0x82);
     case 0x14: {
-        auto clip = data.size() >= 8 ? clips_.find(std::string(data.begin(), data.begin() + 8))
-                                     : clips_.end();
-        if (clip == clips_.end())
+        const auto clip = data.size() >= 8
+                              ? model_.clip(std::string(data.begin(), data.begin() + 8))
+                              : std::nullopt;
+        if (!clip)
             return louth_frame({cmd1, 0x94});
-        const uint8_t* l = clip->second.length;
-        return louth_frame({cmd1, 0x94, l[0], l[1], l[2], l[3]});
+        return louth_frame(concat({cmd1, 0x94}, frames_to_bcd(model_.standard(), clip->length)));
     }
     default:
         return {kRefusal, 0x01};
@@ -124,8 +153,9 @@ Bytes LouthServer::sense(uint8_t unit, uint8_t cmd2, const Bytes& data) {
 // The clip the list has reached, then the list's end: a frame with no ID.
 Bytes LouthServer::list_entry(uint8_t unit, uint8_t cmd2) {
     Bytes id;
-    if (next_ != clips_.end()) {
-        id.assign(next_->first.begin(), next_->first.end());
+    const auto clips = model_.clips();
+    if (next_ < clips.size()) {
+        id.assign(clips[next_].id.begin(), clips[next_].id.end());
         ++next_;
     }
     return louth_frame(concat({static_cast<uint8_t>(0x30 | unit), cmd2}, id));

@@ -2,6 +2,8 @@
 // and a small server that answers every Louth command from a model of transport, ports and clips.
 #pragma once
 
+#include "model.h"
+
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -24,26 +26,24 @@ inline Bytes louth_datagram(const Bytes& bytes) {
 // stream that does not start with 0x02 has its first byte taken alone, so the reader resyncs.
 size_t louth_command_length(const Bytes& stream);
 
-// The device behind a Louth link. Transport, cueing and port selection are acknowledged; senses
-// get frames built from the model; anything else is refused (05 01).
+// The device behind a Louth link, answering from the server's model: transport commands move
+// it, record init creates a clip, cue loads one, erasure removes them, and the senses (status:
+// the CMD2 of the transport command the state stands for; timecode; loaded ID; ID list; ID
+// length) are built from it. Port opening and selection are the link's own; anything else is
+// refused (05 01). The serving thread only.
 class LouthServer {
   public:
-    LouthServer();
+    explicit LouthServer(Model& model);
     // The answer to one command frame, as it goes on a serial line.
     Bytes answer(const Bytes& command);
 
   private:
-    struct Clip {
-        uint8_t length[4]; // BCD, frames first
-    };
     Bytes sense(uint8_t unit, uint8_t cmd2, const Bytes& data);
     Bytes list_entry(uint8_t unit, uint8_t cmd2);
+    void transport(uint8_t cmd2, const Bytes& data);
 
-    uint8_t state_ = 0x00;                  // CMD2 of the last transport command
-    uint8_t timecode_[4] = {0, 0, 0, 0x10}; // 10:00:00:00
-    std::string loaded_;                    // the cued ID, 8 bytes, or empty
-    std::map<std::string, Clip> clips_;     // IDs as 8 bytes, spaces included
-    std::map<std::string, Clip>::iterator next_;
+    Model& model_;
+    size_t next_ = SIZE_MAX;         // the next clip the ID list gives
     std::map<uint8_t, bool> locked_; // port byte -> opened with its lock flag
 };
 

@@ -1,6 +1,8 @@
 // devsim: a video server for a controller to talk to; prints every message it receives.
 #include "devsim.h"
+#include "scenario.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -19,13 +21,18 @@ const char kUsage[] =
     "usage: devsim udp ADDRESS PORT [OPTION...]\n"
     "       devsim tcp ADDRESS PORT [OPTION...]\n"
     "       devsim serial [LINK] [OPTION...]\n"
-    "Answers Sony 9-pin commands as a server would (ACK to commands, values to senses, an Odetics\n"
-    "ID list), or Louth commands, and prints each one as hex bytes.\n"
+    "Plays a video server: Sony 9-pin, Odetics and Louth commands drive one model (transport, a\n"
+    "position moving in real time, a clip store) that every sense answers from; prints each\n"
+    "command as hex bytes.\n"
     "options:\n"
     "  --sense CMD2[.SEL]=HEX  answer the sense with this CMD2 (and selector) with these data "
     "bytes\n"
-    "  --clip ID      add ID to the Odetics ID list (repeatable; walked in this order)\n"
-    "  --louth        udp and serial: speak Louth instead of Sony 9-pin\n"
+    "  --clip ID      add an empty clip ID to the clip store (repeatable; listed in this order)\n"
+    "  --standard STD the video standard: 25 (default), 29.97df, 30, 50 or 59.94df\n"
+    "  --scenario FILE  standard, clips, sense values and faults from FILE (see devsim(1))\n"
+    "  --also udp:PORT | tcp:PORT | serial[:LINK]\n"
+    "                 serve this link too, on ADDRESS, from the same model (repeatable)\n"
+    "  --louth        udp and serial links: speak Louth instead of Sony 9-pin\n"
     "  --refuse BYTE  Louth: refuse every command (05 BYTE)\n"
     "  --nak BITS     answer every command with a NAK carrying these error bits\n"
     "  --silent       never answer\n"
@@ -45,8 +52,11 @@ struct Options {
     std::string address = "127.0.0.1";
     uint16_t port = 0;
     std::string pty_link; // serial: a symbolic link to the pty, for controllers given a path
+    std::vector<std::pair<std::string, std::string>> also; // more links: kind, port or pty link
     devsim::Reply reply;
     std::vector<std::string> senses, clips;
+    devsim::Standard standard = devsim::Standard::pal25;
+    std::string scenario;
     bool louth = false;
     int mgmt_port = -1;
     std::vector<std::function<void(devsim::DevSim&)>> contents; // applied before the start
@@ -61,7 +71,8 @@ long number(const char* text) {
 }
 
 bool valid_sense(const char* text) {
-    devsim::SonyAnswers scratch;
+    devsim::Model model;
+    devsim::SonyAnswers scratch(model);
     return devsim::set_sense_from_text(scratch, text);
 }
 
@@ -135,6 +146,17 @@ bool content_option(Options& o, const std::string& option, const char* value) {
     return true;
 }
 
+// "udp:PORT", "tcp:PORT", "serial" or "serial:LINK" into the kind and the rest.
+std::pair<std::string, std::string> also_link(const std::string& text) {
+    const size_t colon = text.find(':');
+    const std::string kind = text.substr(0, colon),
+                      rest = colon == std::string::npos ? "" : text.substr(colon + 1);
+    if (kind == "serial" || ((kind == "udp" || kind == "tcp") && number(rest.c_str()) >= 0 &&
+                             number(rest.c_str()) <= 65535))
+        return {kind, rest};
+    usage();
+}
+
 Options parse(int argc, char** argv) {
     Options o;
     int i = 1;
@@ -166,7 +188,13 @@ Options parse(int argc, char** argv) {
             o.senses.push_back(argv[++i]);
         else if (option == "--clip" && has_value)
             o.clips.push_back(argv[++i]);
-        else if (option == "--louth" && o.link != "tcp")
+        else if (option == "--standard" && has_value && devsim::standard_from_text(argv[i + 1]))
+            o.standard = *devsim::standard_from_text(argv[++i]);
+        else if (option == "--scenario" && has_value)
+            o.scenario = argv[++i];
+        else if (option == "--also" && has_value)
+            o.also.push_back(also_link(argv[++i]));
+        else if (option == "--louth")
             o.louth = true;
         else if (option == "--refuse" && has_value)
             o.reply.louth = {0x05, static_cast<uint8_t>(number(argv[++i]))};
@@ -179,6 +207,11 @@ Options parse(int argc, char** argv) {
         else
             usage();
     }
+    const bool louth_link =
+        o.link != "tcp" ||
+        std::any_of(o.also.begin(), o.also.end(), [](auto& l) { return l.first != "tcp"; });
+    if (o.louth && !louth_link)
+        usage();
     return o;
 }
 
@@ -192,20 +225,22 @@ void print(const devsim::Received& message, uint16_t mgmt_port) {
     }
 }
 
-// Sets up the link and prints where it listens; the caller waits for that line.
-std::string open_link(devsim::DevSim& sim, const Options& o) {
-    if (o.link == "udp")
-        return "udp " + o.address + ":" + std::to_string(sim.listen_udp(o.address.c_str(), o.port));
-    if (o.link == "tcp")
-        return "tcp " + o.address + ":" + std::to_string(sim.listen_tcp(o.address.c_str(), o.port));
+// Sets up one link (`port` for udp and tcp, the pty's symbolic link or "" for serial) and says
+// where it listens; the caller prints that line once every link is up, and waits for it.
+std::string open_link(devsim::DevSim& sim, const std::string& kind, const std::string& address,
+                      uint16_t port, const std::string& pty_link) {
+    if (kind == "udp")
+        return "udp " + address + ":" + std::to_string(sim.listen_udp(address.c_str(), port));
+    if (kind == "tcp")
+        return "tcp " + address + ":" + std::to_string(sim.listen_tcp(address.c_str(), port));
     std::string path = sim.open_pty();
-    if (!o.pty_link.empty()) {
-        unlink(o.pty_link.c_str());
-        if (symlink(path.c_str(), o.pty_link.c_str()) != 0) {
-            perror(o.pty_link.c_str());
+    if (!pty_link.empty()) {
+        unlink(pty_link.c_str());
+        if (symlink(path.c_str(), pty_link.c_str()) != 0) {
+            perror(pty_link.c_str());
             exit(1);
         }
-        return "serial " + o.pty_link + " -> " + path;
+        return "serial " + pty_link + " -> " + path;
     }
     return "serial " + path;
 }
@@ -226,7 +261,12 @@ int main(int argc, char** argv) {
     devsim::DevSim sim;
     std::string where;
     try {
-        where = open_link(sim, options);
+        where = open_link(sim, options.link, options.address, options.port, options.pty_link);
+        for (const auto& [kind, rest] : options.also)
+            where +=
+                ", " + open_link(sim, kind, options.address,
+                                 kind == "serial" ? 0 : static_cast<uint16_t>(number(rest.c_str())),
+                                 kind == "serial" ? rest : "");
         if (options.mgmt_port >= 0)
             where += ", mgmt " + options.address + ":" +
                      std::to_string(sim.listen_mgmt(options.address.c_str(),
@@ -235,16 +275,29 @@ int main(int argc, char** argv) {
         fprintf(stderr, "devsim: %s\n", e.what());
         return 1;
     }
-    if (options.louth)
-        sim.set_protocol(options.link == "udp" ? devsim::Link::udp : devsim::Link::serial,
-                         devsim::Protocol::louth);
+    if (options.louth) // every link that carries Louth
+        for (devsim::Link link : {devsim::Link::udp, devsim::Link::serial})
+            sim.set_protocol(link, devsim::Protocol::louth);
     sim.set_default(options.reply);
+    sim.model().set_standard(options.standard);
     for (const std::string& sense : options.senses)
         devsim::set_sense_from_text(sim.sony(), sense);
     for (const std::string& clip : options.clips)
-        sim.sony().add_clip(clip);
+        sim.model().append_clip(clip, 0);
     for (const auto& apply : options.contents)
         apply(sim);
+    if (!options.scenario.empty()) {
+        std::ifstream in(options.scenario);
+        std::string error;
+        if (!in) {
+            perror(options.scenario.c_str());
+            return 1;
+        }
+        if (!devsim::load_scenario(sim, in, error)) {
+            fprintf(stderr, "devsim: %s: %s\n", options.scenario.c_str(), error.c_str());
+            return 1;
+        }
+    }
     sim.on_receive([port = sim.mgmt_port()](const devsim::Received& m) { print(m, port); });
     sim.start();
     printf("listening on %s\n", where.c_str());
@@ -254,5 +307,8 @@ int main(int argc, char** argv) {
     sim.stop();
     if (!options.pty_link.empty())
         unlink(options.pty_link.c_str());
+    for (const auto& [kind, rest] : options.also)
+        if (kind == "serial" && !rest.empty())
+            unlink(rest.c_str());
     return 0;
 }

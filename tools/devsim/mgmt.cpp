@@ -39,6 +39,13 @@ void Mgmt::set_log(Bytes bytes) {
     log_ = std::move(bytes);
 }
 
+void Mgmt::log_received(const std::string& line) {
+    std::lock_guard lock(mutex_);
+    own_log_.insert(own_log_.end(), line.begin(), line.end());
+    if (own_log_.size() > 2 * kMaxData) // only the end is ever answered
+        own_log_.erase(own_log_.begin(), own_log_.end() - static_cast<long>(kMaxData));
+}
+
 void Mgmt::set_diskinfo(Bytes bytes) {
     std::lock_guard lock(mutex_);
     diskinfo_ = std::move(bytes);
@@ -83,9 +90,14 @@ std::vector<Piece> Mgmt::answer(const Bytes& request) {
     case kPutDiskinfo:
         return {{datagram(accept_ ? 0 : 1, {}), 0}};
     case kGetDiskinfo:
-        return {{datagram(code, diskinfo_), 0}};
+        return {{datagram(code, diskinfo_ ? *diskinfo_ : model_.listing()), 0}};
     case kGetLog:
-        return {{datagram(code, log_), 0}};
+        if (log_)
+            return {{datagram(code, *log_), 0}};
+        return {{datagram(code, Bytes(own_log_.end() -
+                                          static_cast<long>(std::min(own_log_.size(), kMaxData)),
+                                      own_log_.end())),
+                 0}};
     default: {
         auto picture = pictures_.find(code);
         return {{datagram(code, picture == pictures_.end() ? Bytes{} : picture->second), 0}};

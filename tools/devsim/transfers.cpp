@@ -70,28 +70,48 @@ bool Transfers::wait_uploads(size_t count, int timeout_ms) const {
                                       [&] { return uploads_ >= count; });
 }
 
-void Transfers::take_upload(Bytes& stream) {
+void Transfers::take_upload(unsigned client, Bytes& stream) {
     std::lock_guard lock(mutex_);
-    if (!expecting_)
+    Session& session = sessions_[client];
+    if (!session.expecting)
         return;
-    size_t n = std::min(stream.size(), *expecting_ - upload_.size());
-    upload_.insert(upload_.end(), stream.begin(), stream.begin() + static_cast<long>(n));
+    size_t n = std::min(stream.size(), *session.expecting - session.upload.size());
+    session.upload.insert(session.upload.end(), stream.begin(),
+                          stream.begin() + static_cast<long>(n));
     stream.erase(stream.begin(), stream.begin() + static_cast<long>(n));
-    if (upload_.size() == *expecting_)
-        finish_upload();
+    if (session.upload.size() == *session.expecting)
+        finish_upload(session);
 }
 
-void Transfers::finish_upload() {
-    uploaded_ = std::exchange(upload_, {});
-    expecting_.reset();
+Bytes Transfers::model_gop() const {
+    std::string id = model_.loaded();
+    id.resize(8, ' ');
+    const auto position = static_cast<uint32_t>(model_.position());
+    // Sized first: GCC 12 at -O2 misreads an insert after a braced initialiser (-Warray-bounds).
+    Bytes gop(12);
+    std::copy(id.begin(), id.end(), std::copy_n("GOP ", 4, gop.begin()));
+    put_be32(gop, position);
+    uint32_t x = position * 2654435761u;
+    for (char c : id)
+        x = (x ^ static_cast<uint8_t>(c)) * 16777619u;
+    while (gop.size() < 64) {
+        x = x * 1103515245u + 12345u;
+        gop.push_back(static_cast<uint8_t>(x >> 16));
+    }
+    return gop;
+}
+
+void Transfers::finish_upload(Session& session) {
+    uploaded_ = std::exchange(session.upload, {});
+    gop_ = uploaded_; // downloadable again
+    session.expecting.reset();
     ++uploads_;
     uploaded_changed_.notify_all();
 }
 
-void Transfers::reset() {
+void Transfers::reset(unsigned client) {
     std::lock_guard lock(mutex_);
-    expecting_.reset();
-    upload_.clear();
+    sessions_.erase(client);
 }
 
 std::vector<Piece> Transfers::raw(const Bytes& bytes) {
@@ -103,11 +123,12 @@ std::vector<Piece> Transfers::raw(const Bytes& bytes) {
     return {{Bytes(bytes.begin(), cut), 0}, {Bytes(cut, bytes.end()), ms}};
 }
 
-std::vector<Piece> Transfers::header(const char* tag, uint32_t arg1, uint32_t arg2) {
+std::vector<Piece> Transfers::header(Session& session, const char* tag, uint32_t arg1,
+                                     uint32_t arg2) {
     if (scripted_header_) {
         Bytes scripted = std::move(*scripted_header_);
         scripted_header_.reset();
-        expecting_.reset(); // a scripted answer to "pgop" accepts nothing
+        session.expecting.reset(); // a scripted answer to "pgop" accepts nothing
         if (scripted.empty())
             return {};
         return {{scripted, 0}};
@@ -119,37 +140,40 @@ std::vector<Piece> Transfers::header(const char* tag, uint32_t arg1, uint32_t ar
 }
 
 // A header announcing `bytes`, which the next "data" request sends.
-std::vector<Piece> Transfers::announce(const char* tag, const Bytes& bytes) {
-    pending_ = bytes;
-    return header(tag, static_cast<uint32_t>(bytes.size()), 0);
+std::vector<Piece> Transfers::announce(Session& session, const char* tag, const Bytes& bytes) {
+    session.pending = bytes;
+    return header(session, tag, static_cast<uint32_t>(bytes.size()), 0);
 }
 
-std::vector<Piece> Transfers::answer(const uint8_t* request) {
+std::vector<Piece> Transfers::answer(unsigned client, const uint8_t* request) {
     const std::string tag(request, request + 4);
     const uint32_t arg1 = be32(request + 4), arg2 = be32(request + 8);
     std::lock_guard lock(mutex_);
+    Session& session = sessions_[client];
     if (tag == "ver ")
-        return header("ver ", version_[0], version_[1]);
+        return header(session, "ver ", version_[0], version_[1]);
     if (tag == "gfif")
-        return announce("gfif", diskinfo_);
+        return announce(session, "gfif", diskinfo_ ? *diskinfo_ : model_.listing());
     if (tag == "uuuu") {
         auto entry = entries_.find(arg1);
-        return announce("uuuu", entry == entries_.end() ? Bytes{} : entry->second);
+        return announce(session, "uuuu",
+                        entry != entries_.end() ? entry->second
+                                                : model_.listing_line(arg1).value_or(Bytes{}));
     }
     if (tag == "cggp")
-        return announce("cggp", gop_);
+        return announce(session, "cggp", gop_ ? *gop_ : model_gop());
     if (tag == "data")
-        return raw(std::exchange(pending_, {}));
+        return raw(std::exchange(session.pending, {}));
     if (tag == "ggop")
-        return raw(gop_);
+        return raw(gop_ ? *gop_ : model_gop());
     if (tag == "pgop") {
         if (!accept_)
-            return header("pgna", 0, 0);
-        expecting_ = arg2;
-        upload_.clear();
-        std::vector<Piece> answer = header("pgac", 0, 0);
-        if (expecting_ == size_t{0})
-            finish_upload(); // nothing to wait for
+            return header(session, "pgna", 0, 0);
+        session.expecting = arg2;
+        session.upload.clear();
+        std::vector<Piece> answer = header(session, "pgac", 0, 0);
+        if (session.expecting == size_t{0})
+            finish_upload(session); // nothing to wait for
         return answer;
     }
     return {}; // "aliv" and whatever the server does not know

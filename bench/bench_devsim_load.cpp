@@ -1,0 +1,142 @@
+// The emulator under load: eight controllers poll over UDP at 60 Hz for 10 s while a ninth
+// records and cues clips. Two runs in the same process: the model's senses (status and current
+// time, from the moving position) and, as the baseline, the device type twice (a settable value,
+// no model). Counted: answers, failures (lost, or later than the handles' time-out), latency, the
+// process's CPU time (getrusage, controllers included) per answer, and the emulator's serving
+// thread's own CPU time per answer (its thread CPU clock).
+#include "devsim.h"
+#include "percentiles.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <mutex>
+#include <pthread.h>
+#include <string>
+#include <sys/resource.h>
+#include <thread>
+#include <vector>
+#include <zqhandler/zqhandler.h>
+#include <zqhandler/zqhandler_odetics.h>
+#include <zqhandler/zqhandler_sony.h>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kControllers = 8;
+constexpr int kTimeoutMs = 100;
+
+double cpu_seconds() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
+    return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+// state.range(0): 1 polls the model's senses, 0 the baseline's.
+void BM_eight_pollers_and_a_recorder(benchmark::State& state) {
+    const bool model = state.range(0) != 0;
+    const auto run = std::chrono::seconds(10);
+    devsim::DevSim sim;
+    const std::string port = std::to_string(sim.listen_udp("127.0.0.1", 0));
+    sim.start();
+    // The serving thread, seen from its observer; one exchange before the run tells which it is.
+    std::atomic<pthread_t> server_thread{};
+    std::atomic<bool> seen{false};
+    sim.on_receive([&](const devsim::Received&) {
+        if (!seen.exchange(true))
+            server_thread = pthread_self();
+    });
+    {
+        t_zqhandler* h = zqhandler_create();
+        zqhandler_connect_eth(h, "127.0.0.1", port.c_str());
+        zqhandler_cmd_basic(h, BAS_CMD_STOP);
+        zqhandler_delete(h);
+    }
+    clockid_t server_clock{};
+    if (!seen || pthread_getcpuclockid(server_thread, &server_clock) != 0)
+        state.SkipWithError("no serving thread seen");
+    auto server_cpu = [&] {
+        timespec t{};
+        clock_gettime(server_clock, &t);
+        return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+    };
+    std::atomic<long> answers{0}, failures{0};
+    std::mutex samples_mutex;
+    std::vector<double> latency_us;
+    double cpu = 0, server = 0;
+    for (auto _ : state) {
+        const double cpu_before = cpu_seconds(), server_before = server_cpu();
+        const auto end = Clock::now() + run;
+        std::vector<std::thread> pollers;
+        for (int i = 0; i < kControllers; ++i)
+            pollers.emplace_back([&] {
+                t_zqhandler* h = zqhandler_create();
+                zqhandler_connect_eth(h, "127.0.0.1", port.c_str());
+                zqhandler_set_timeout(h, kTimeoutMs);
+                std::vector<double> mine;
+                for (auto next = Clock::now(); next < end;) {
+                    uint8_t out[ZQ_SENSE_BYTES];
+                    char tc[ZQ_TC_BYTES];
+                    for (int sense = 0; sense < 2; ++sense) {
+                        auto start = Clock::now();
+                        const bool ok =
+                            !model ? zqhandler_cmd_sense_basic(h, BAS_SENSE_DEVICE_TYPE, out) == 2
+                            : sense == 0 ? zqhandler_cmd_sense_status(h, out) == 10
+                                         : zqhandler_cmd_sense_timecode(h, BAS_SENSE_TC, tc) == 0;
+                        mine.push_back(
+                            std::chrono::duration<double, std::micro>(Clock::now() - start)
+                                .count());
+                        ++(ok ? answers : failures);
+                    }
+                    std::this_thread::sleep_until(next += std::chrono::microseconds(16667));
+                }
+                zqhandler_delete(h);
+                std::lock_guard lock(samples_mutex);
+                latency_us.insert(latency_us.end(), mine.begin(), mine.end());
+            });
+        // The ninth: record a clip for 200 ms, stop, cue it, play it briefly, over and over.
+        t_zqhandler* recorder = zqhandler_create();
+        zqhandler_connect_eth(recorder, "127.0.0.1", port.c_str());
+        zqhandler_set_timeout(recorder, kTimeoutMs);
+        long recorder_failures = 0;
+        for (int clip = 0; Clock::now() < end; ++clip) {
+            char id_text[16]; // "C" + std::to_string: GCC 12 -O2 warns falsely (-Wrestrict)
+            snprintf(id_text, sizeof id_text, "C%d", clip);
+            const std::string id = id_text;
+            recorder_failures +=
+                zqhandler_cmd_odetics_recordCueUp(recorder, id.c_str(), nullptr) != 0;
+            recorder_failures += zqhandler_cmd_basic(recorder, BAS_CMD_RECORD) != 0;
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            recorder_failures += zqhandler_cmd_basic(recorder, BAS_CMD_STOP) != 0;
+            recorder_failures += zqhandler_cmd_odetics_inPreset(recorder, id.c_str(), nullptr) != 0;
+            recorder_failures += zqhandler_cmd_basic(recorder, BAS_CMD_PLAY) != 0;
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        for (std::thread& t : pollers)
+            t.join();
+        zqhandler_delete(recorder);
+        failures += recorder_failures;
+        cpu = cpu_seconds() - cpu_before;
+        server = server_cpu() - server_before;
+    }
+    sim.stop(); // after the serving thread's clock was read
+    state.counters["answers"] = static_cast<double>(answers);
+    state.counters["failures"] = static_cast<double>(failures);
+    state.counters["cpu_us_per_answer"] = cpu * 1e6 / static_cast<double>(answers);
+    state.counters["cpu_percent"] = cpu * 100 / 10;
+    state.counters["server_cpu_us_per_answer"] = server * 1e6 / static_cast<double>(answers);
+    state.counters["server_cpu_percent"] = server * 100 / 10;
+    reportPercentiles(state, "latency_us", latency_us);
+}
+BENCHMARK(BM_eight_pollers_and_a_recorder)
+    ->Arg(0)
+    ->Arg(1)
+    ->Iterations(1)
+    ->UseRealTime()
+    ->Unit(benchmark::kSecond);
+
+} // namespace
+
+BENCHMARK_MAIN();

@@ -1,0 +1,117 @@
+// The server behind every link of one emulator: its transport, a position that moves in real time
+// at the video standard's rate, and one clip store that the Sony, Odetics and Louth sides share.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace devsim {
+
+using Bytes = std::vector<uint8_t>;
+
+// The video standards: the frame rate the position moves at, and how its timecode counts. At 50
+// and 59.94 the timecode counts pairs of frames (25 and 29.97 drop-frame timecode).
+enum class Standard { pal25, ntsc2997df, ntsc30, pal50, ntsc5994df };
+
+// "25", "29.97df", "30", "50" or "59.94df"; nullopt for anything else.
+std::optional<Standard> standard_from_text(const std::string& text);
+const char* standard_name(Standard standard);
+
+// Frames (counted at the standard's rate) to 4 BCD bytes, frames first, 0x40 in the frames byte
+// for drop-frame, and back; timecodes run over 24 hours.
+Bytes frames_to_bcd(Standard standard, int64_t frames);
+int64_t bcd_to_frames(Standard standard, const uint8_t* bcd);
+
+// Thread-safe: every link's serving code and a test may call it at once.
+class Model {
+  public:
+    enum class State {
+        stopped,
+        playing,
+        still,
+        fast_forward,
+        rewind,
+        jog,
+        var,
+        shuttle,
+        recording,
+        ejected
+    };
+    struct Clip {
+        std::string id;                // 8 bytes, padded with spaces
+        int64_t start = 0, length = 0; // frames
+        uint8_t status = 0;
+    };
+
+    Model();
+
+    void set_standard(Standard standard); // keeps the position's timecode
+    Standard standard() const;
+    void set_local(bool local); // status byte 0 bit 0
+
+    // The transport. Speeds are in play speeds (1 plays, -1 plays backwards); fast forward and
+    // rewind run at 10 times play speed. A cue stops the transport, moves the position and
+    // reports cue-up complete until the transport moves again; cueing to a timecode unloads the
+    // loaded clip.
+    void command(State state, double speed = 1);
+    void step(int64_t frames); // moves the position and leaves the transport in still
+    void cue(int64_t frames);
+    State state() const;
+    int64_t position() const;
+
+    // 16 Sony status bytes: byte 0 bit 0 local; byte 1 play, record, fast forward, rewind,
+    // eject, stop (bits 0-5) and standby (bit 7); byte 2 cue-up complete, still, reverse, var,
+    // jog, shuttle (bits 0-5).
+    Bytes status() const;
+    // The Louth status byte: the CMD2 of the transport command the state stands for.
+    uint8_t louth_status() const;
+
+    // The clip store, in the order clips were added. IDs are padded or cut to 8 bytes.
+    void add_clip(const std::string& id, int64_t start, int64_t length, uint8_t status = 0);
+    // Adds a clip that starts where the store's last clip ends (an ID there is added again).
+    void append_clip(const std::string& id, int64_t length, uint8_t status = 0);
+    // Erases one clip (true when it was there), or every clip when `id` is empty.
+    bool erase(const std::string& id);
+    std::vector<Clip> clips() const;
+    std::optional<Clip> clip(const std::string& id) const;
+    // Record cue-up: creates the clip (empty, where the store's last clip ends) unless it exists,
+    // loads it and cues to its start; recording then fills its length.
+    void record_cue(const std::string& id);
+    // Loads the clip and cues to its start; play then stops at its end. False: no such clip.
+    bool load(const std::string& id);
+    std::string loaded() const; // 8 bytes, or empty
+
+    // The store as text, one line a clip: its ID (8 bytes), its start and its length as
+    // timecodes ("NEWS     00:00:10:00 00:00:04:00\n"); one clip's line (from 0), or nullopt.
+    Bytes listing() const;
+    std::optional<Bytes> listing_line(size_t clip) const;
+
+  private:
+    std::string line_locked(const Clip& clip) const;
+    using Clock = std::chrono::steady_clock;
+    // Brings the position up to now and applies the clip's end and the record length.
+    void advance(Clock::time_point now) const;
+    double rate_locked() const;
+    Clip* find(const std::string& id) const;
+    int64_t end_locked() const; // where the store's last clip ends
+
+    mutable std::mutex mutex_;
+    Standard standard_ = Standard::pal25;
+    bool local_ = false;
+    mutable State state_ = State::stopped;
+    double speed_ = 0; // play speeds
+    mutable double position_ = 0;
+    mutable Clock::time_point since_;
+    mutable bool cued_ = false;
+    mutable std::vector<Clip> clips_;
+    std::string loaded_;
+};
+
+// An ID as the store keeps it: padded with spaces or cut to 8 bytes.
+std::string clip_id(const std::string& id);
+
+} // namespace devsim
