@@ -2,8 +2,8 @@
 // (datagram, serial line) behind one dispatch table.
 #include "louth.h"
 
-#include "fields.h"
 #include "datagram.h"
+#include "fields.h"
 #include "link_io.h"
 #include "myserial.h"
 #include "select.h"
@@ -227,15 +227,8 @@ size_t LouthAnswerAssembler::expected() const {
 }
 
 size_t LouthAnswerAssembler::take(std::span<const uint8_t> bytes) {
-    size_t taken = 0;
     // The first byte decides the form, the count the length: each is taken before what it rules.
-    while (taken < bytes.size() && missing() > 0) {
-        size_t n = std::min(missing(), bytes.size() - taken);
-        std::copy_n(bytes.begin() + taken, n, bytes_.begin() + size_);
-        size_ += n;
-        taken += n;
-    }
-    return taken;
+    return take_missing(bytes, bytes_.data(), size_, [this] { return missing(); });
 }
 
 // --- the links -----------------------------------------------------------------------------------

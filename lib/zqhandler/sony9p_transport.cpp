@@ -37,15 +37,8 @@ e_s9p_err s9p_parse_stream_header(std::span<const uint8_t, CNXN_HEADER_SIZE> hea
 }
 
 size_t S9pFrameAssembler::take(std::span<const uint8_t> bytes) {
-    size_t taken = 0;
     // The first three bytes decide how many more the frame needs, so they are taken first.
-    while (taken < bytes.size() && !complete()) {
-        size_t n = std::min(missing(), bytes.size() - taken);
-        std::copy_n(bytes.begin() + taken, n, bytes_.begin() + size_);
-        size_ += n;
-        taken += n;
-    }
-    return taken;
+    return take_missing(bytes, bytes_.data(), size_, [this] { return missing(); });
 }
 
 namespace {
