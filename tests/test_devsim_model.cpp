@@ -287,9 +287,9 @@ TEST(Scenario, each_directive_shapes_what_the_server_answers) {
         {"stall 2 300", stall, "4 kept alive"},
         // Lines it cannot read (no probe): the error names them.
         {"standard 24", nullptr, "line 1: no standard named '24'"},
-        {"# faults\nat 0 silence", nullptr,
-         "line 2: usage: at N FAULT (N from 1; FAULT nak BITS, silence, delay MS or corrupt)"},
-        {"at frame 1:2 corrupt", nullptr, "line 1: usage: at frame TIMECODE FAULT"},
+        {"# faults\nat 0 silence", nullptr, "line 2: at: '0' is not a number from 1 to 2147483647"},
+        {"at frame 1:2 corrupt", nullptr,
+         "line 1: at frame: '1:2' is not a timecode HH:MM:SS:FF at 25 fps"},
     };
     for (const auto& [text, probe, expected] : cases) {
         Server s;
