@@ -60,7 +60,8 @@ CommandLine parse(int argc, char* const* argv, std::span<const Option> known) {
             const Option* found = by_name(known, word.substr(2, equals - 2));
             if (!found || (equals != std::string_view::npos && !found->has_value))
                 unknown(word.substr(0, equals));
-            const char* attached = equals == std::string_view::npos ? nullptr : argv[i] + equals + 1;
+            const char* attached =
+                equals == std::string_view::npos ? nullptr : argv[i] + equals + 1;
             if (attached && !*attached)
                 throw Refused("option " + quote(word) + " needs a value");
             line.options.push_back({found, value(found, attached)});

@@ -27,7 +27,8 @@ struct Option {
 // The command line taken apart: the options given (in order, each with its value or null) and the
 // other words. Options may stand before, between or after the other words; "--" ends them; a word
 // of a dash and a digit ("-100") is a word, not an option. "--name=value", "--name value",
-// "-x value", "-xvalue" and "-jq" all work. Throws Refused for an unknown option or a missing value.
+// "-x value", "-xvalue" and "-jq" all work. Throws Refused for an unknown option or a missing
+// value.
 struct CommandLine {
     struct Given {
         const Option* option;

@@ -71,7 +71,8 @@ void claim_socket(const std::string& path) {
     memcpy(address.sun_path, path.c_str(), path.size() + 1);
     const int probe = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const int served =
-        connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ? 0 : errno;
+        connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ? 0
+                                                                                         : errno;
     close(probe);
     if (served == 0)
         refuse(path, "a socket another program serves");

@@ -41,4 +41,3 @@ bool parse_hex(const std::string& text, std::vector<uint8_t>& bytes) {
     }
     return true;
 }
-

@@ -13,4 +13,3 @@ std::string hex(const std::vector<uint8_t>& bytes);
 // The bytes of hex text such as "43 BF f0" (pairs of digits, spaces between bytes optional);
 // false, with `bytes` unspecified, for anything else.
 bool parse_hex(const std::string& text, std::vector<uint8_t>& bytes);
-

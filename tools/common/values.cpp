@@ -4,8 +4,8 @@
 #include "cli.h"
 
 #include <arpa/inet.h>
-#include <cerrno>
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
 #include <netdb.h>
 
@@ -32,8 +32,7 @@ int two_digits(std::string_view text, size_t at) {
 
 const char* const kStandards = "25, 29.97df, 30, 50 or 59.94df";
 
-int64_t integer(std::string_view text, int64_t low, int64_t high, const char* what,
-                bool prefixed) {
+int64_t integer(std::string_view text, int64_t low, int64_t high, const char* what, bool prefixed) {
     const std::string range =
         "a number from " + std::to_string(low) + " to " + std::to_string(high);
     const std::string copy(text);
@@ -51,9 +50,11 @@ int64_t integer(std::string_view text, int64_t low, int64_t high, const char* wh
 double rate(std::string_view text, double high, const char* what) {
     const std::string copy(text);
     char* end = nullptr;
-    const double value = copy.empty() || !all_of(copy, "0123456789.") ? 0 : strtod(copy.c_str(), &end);
+    const double value =
+        copy.empty() || !all_of(copy, "0123456789.") ? 0 : strtod(copy.c_str(), &end);
     if (end == nullptr || *end != '\0' || !(value > 0 && value <= high))
-        refuse(what, text, "a number above 0 and at most " + std::to_string(static_cast<int>(high)));
+        refuse(what, text,
+               "a number above 0 and at most " + std::to_string(static_cast<int>(high)));
     return value;
 }
 
@@ -75,7 +76,8 @@ in_addr ipv4_host(const std::string& text, const char* what) {
         int parts = 0;
         for (std::string_view rest = text;; rest.remove_prefix(rest.find('.') + 1)) {
             const std::string_view digits = rest.substr(0, rest.find('.'));
-            const int part = digits.empty() || digits.size() > 3 ? 256 : std::stoi(std::string(digits));
+            const int part =
+                digits.empty() || digits.size() > 3 ? 256 : std::stoi(std::string(digits));
             if (part > 255 || ++parts > 4)
                 refuse(what, text, is_not);
             value = value << 8 | static_cast<uint32_t>(part);
@@ -142,8 +144,8 @@ std::array<int, 4> timecode(std::string_view text, TimecodeRate rate, const char
             refuse(what, text, form);
     if (!shaped)
         refuse(what, text, form);
-    const std::array<int, 4> parts = {two_digits(text, 0), two_digits(text, 3),
-                                      two_digits(text, 6), two_digits(text, 9)};
+    const std::array<int, 4> parts = {two_digits(text, 0), two_digits(text, 3), two_digits(text, 6),
+                                      two_digits(text, 9)};
     if (parts[0] > 23 || parts[1] > 59 || parts[2] > 59 || parts[3] >= rate.fps)
         refuse(what, text, form);
     if (rate.drop && parts[2] == 0 && parts[1] % 10 != 0 && parts[3] < 2)

@@ -6,11 +6,11 @@
 #include "values.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <cerrno>
 #include <functional>
 #include <optional>
 #include <sstream>
@@ -153,7 +153,8 @@ std::pair<std::string, std::string> also_link(const std::string& text) {
         return {kind, std::to_string(cli::port(rest, true, "--also"))};
     if (kind == "serial")
         return {kind, rest};
-    throw cli::Refused("--also: " + cli::quote(text) + " is not udp:PORT, tcp:PORT or serial[:LINK]");
+    throw cli::Refused("--also: " + cli::quote(text) +
+                       " is not udp:PORT, tcp:PORT or serial[:LINK]");
 }
 
 // The options; nullopt after --help.
@@ -165,7 +166,8 @@ std::optional<Options> parse(int argc, char** argv) {
         if (name == "--help")
             return std::nullopt;
         if (name == "--nak")
-            o.reply = devsim::Reply::nak(static_cast<uint8_t>(cli::integer(value, 0, 255, "--nak", true)));
+            o.reply = devsim::Reply::nak(
+                static_cast<uint8_t>(cli::integer(value, 0, 255, "--nak", true)));
         else if (name == "--delay")
             o.reply.delay_ms = static_cast<int>(cli::integer(value, 0, kMaxMs, "--delay"));
         else if (name == "--sense" && valid_sense(value))
@@ -187,7 +189,8 @@ std::optional<Options> parse(int argc, char** argv) {
         else if (name == "--louth")
             o.louth = true;
         else if (name == "--refuse")
-            o.reply.louth = {0x05, static_cast<uint8_t>(cli::integer(value, 0, 255, "--refuse", true))};
+            o.reply.louth = {0x05,
+                             static_cast<uint8_t>(cli::integer(value, 0, 255, "--refuse", true))};
         else if (name == "--silent")
             o.reply.silent = true;
         else if (name == "--corrupt")
@@ -205,7 +208,8 @@ std::optional<Options> parse(int argc, char** argv) {
     } else {
         throw cli::Refused(o.link == "udp" || o.link == "tcp"
                                ? "usage: devsim " + o.link + " ADDRESS PORT [OPTION...]"
-                           : o.link == "serial" ? std::string("usage: devsim serial [LINK] [OPTION...]")
+                           : o.link == "serial"
+                               ? std::string("usage: devsim serial [LINK] [OPTION...]")
                            : w.empty() ? std::string("no link (udp, tcp or serial)")
                                        : "unknown link " + cli::quote(o.link));
     }
@@ -227,8 +231,8 @@ void print(const devsim::Received& message, uint16_t mgmt_port) {
     }
 }
 
-// Sets up one link (`port` for udp, tcp and mgmt, the pty's symbolic link or "" for serial) and says
-// where it listens; the caller prints that line once every link is up, and waits for it.
+// Sets up one link (`port` for udp, tcp and mgmt, the pty's symbolic link or "" for serial) and
+// says where it listens; the caller prints that line once every link is up, and waits for it.
 std::string open_link(devsim::DevSim& sim, const std::string& kind, const std::string& address,
                       uint16_t port, const std::string& pty_link) {
     const std::string where = kind + " " + address + ":" + std::to_string(port);
@@ -277,7 +281,8 @@ int run(int argc, char** argv) {
     std::string where;
     try {
         auto open = [&](const std::string& kind, uint16_t port, const std::string& link) {
-            where += (where.empty() ? "" : ", ") + open_link(sim, kind, options.address, port, link);
+            where +=
+                (where.empty() ? "" : ", ") + open_link(sim, kind, options.address, port, link);
             if (!link.empty())
                 own_links.push_back(link);
         };

@@ -91,8 +91,9 @@ Gpio line_value(const std::string& argument) {
     const size_t equals = argument.find('=');
     if (equals == std::string::npos)
         throw cli::Refused("set: " + cli::quote(argument) + " is not LINE=VALUE");
-    return {static_cast<int32_t>(cli::integer(argument.substr(0, equals), 0, 7, "set: LINE", true)),
-            static_cast<int32_t>(cli::integer(argument.substr(equals + 1), 0, 1, "set: VALUE", true))};
+    return {
+        static_cast<int32_t>(cli::integer(argument.substr(0, equals), 0, 7, "set: LINE", true)),
+        static_cast<int32_t>(cli::integer(argument.substr(equals + 1), 0, 1, "set: VALUE", true))};
 }
 
 int run(int argc, char** argv) {

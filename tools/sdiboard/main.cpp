@@ -85,10 +85,10 @@ bool command(sdiboard::Board& board, const std::string& line) {
 } // namespace
 
 int main(int argc, char** argv) {
-    static constexpr cli::Option kOptions[] = {
-        {"socket", 's', true}, {"absent", 0, false}, {"stuck-scratch", 0, false},
-        {"short", 0, false},   {"late", 0, false},   {"all", 0, false},
-        {"help", 'h', false}};
+    static constexpr cli::Option kOptions[] = {{"socket", 's', true},       {"absent", 0, false},
+                                               {"stuck-scratch", 0, false}, {"short", 0, false},
+                                               {"late", 0, false},          {"all", 0, false},
+                                               {"help", 'h', false}};
     return cli::run("sdiboard", [&] {
         std::string path = sdiboard::defaultSocketPath();
         auto fault = sdiboard::Fault::None;

@@ -74,7 +74,6 @@ Board::~Board() {
     struct stat now {};
     if (lstat(path_.c_str(), &now) == 0 && S_ISSOCK(now.st_mode) && now.st_ino == inode_)
         unlink(path_.c_str()); // still ours: no other board has taken the path since
-
 }
 
 void Board::setGpi(uint8_t levels) {
