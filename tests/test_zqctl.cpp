@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -179,10 +180,11 @@ TEST(Zqctl, sony_and_louth_forms_on_a_serial_line) {
     sony.start();
     louth.start();
     // Stray bytes, a whole frame, the start of another that never ends: the line takes the frame
-    // and, after the gap, the next command.
+    // and, once the line has been quiet for longer than a deck's inter-byte gap, the next command.
     const int line = open(sony.pty_path().c_str(), O_WRONLY | O_NOCTTY);
-    ASSERT_EQ(write(line, "\x61\x20\x20\x05\x25\x61\x20", 7), 7);
+    ASSERT_EQ(write(line, "\x61\x20\x20\x05\x25\x6F\x20", 7), 7);
     close(line);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
     run_cases(sony_link, {{"still", 0, ""}, {"timecode", 0, "01:00:00:00\n"}});
     EXPECT_EQ(hex(sony.received().at(0).frame), "20 05 25");
     EXPECT_EQ(hex(sony.received().at(1).frame), "20 05 25");
