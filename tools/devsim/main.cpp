@@ -169,7 +169,7 @@ std::optional<Options> parse(int argc, char** argv) {
             o.reply = devsim::Reply::nak(
                 static_cast<uint8_t>(cli::integer(value, 0, 255, "--nak", true)));
         else if (name == "--delay")
-            o.reply.delay_ms = static_cast<int>(cli::integer(value, 0, kMaxMs, "--delay"));
+            o.reply.delay_ms = static_cast<int>(cli::integer(value, 0, kMaxMs, "--delay", true));
         else if (name == "--sense" && valid_sense(value))
             o.senses.push_back(value);
         else if (name == "--sense")
