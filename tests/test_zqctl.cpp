@@ -117,7 +117,6 @@ TEST(Zqctl, bad_command_lines_are_refused_before_anything_is_sent) {
         {tcp + " log", 2, "log: over --udp (the management endpoint) only"},
         {tcp + " -L play", 2, "--louth goes over --udp or --serial"},
         {udp + " --bogus play", 2, "unknown option '--bogus'"},
-        {udp + " " + udp + " play", 2, "one link only"},
         {"play", 2, "no link: give --udp, --tcp or --serial"},
         {udp, 2, "no command"},
         {"--serial " + file + " status", 1, file + ": not a terminal"},
