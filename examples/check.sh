@@ -4,6 +4,8 @@
 work=$(mktemp -d)
 cc examples/c/controller.c $(pkg-config --cflags --libs zqhandler) -Wl,-rpath,"$prefix/lib" \
   -o "$work/controller-c"
+# The daemon's event header, installed for C programs: the listener compiles against it alone.
+cc -Wall -Wextra -Werror examples/c/gpi_monitor.c -I"$prefix/include" -o "$work/gpi_monitor"
 cmake -S examples/cpp -B "$work/cpp" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$work/cpp" >/dev/null
 "$prefix/bin/devsim" udp 127.0.0.1 0 >"$work/devsim.log" 2>&1 &

@@ -1,4 +1,4 @@
-/* Every public header of the library, compiled by a C compiler. */
+/* Every public header of the library, and the daemon's event header, compiled by a C compiler. */
 #include <zqhandler/zq_api.h>
 #include <zqhandler/tc.h>
 #include <zqhandler/sony9p.h>
@@ -17,5 +17,6 @@
 #include <zqhandler/mgmt.h>
 #include <zqhandler/zqhandler_mgmt.h>
 #include <zqhandler/zqhandler_cnxn.h>
+#include <vlmgpiod/gpio_event.h>
 
 int c_headers_compiled(void) { return 1; }

@@ -285,11 +285,28 @@ TEST(Scenario, each_directive_shapes_what_the_server_answers) {
         {"at 1 corrupt", faults, "1 0 0 0 "},
         {"at frame 01:00:10:00 nak 01", faults, "0 0 0 10 "},
         {"stall 2 300", stall, "4 kept alive"},
+        // The man page's example: a start past the frame does not fire it.
+        {"standard 29.97df\nclip NEWS 00:00:10;00 00:00:30;00\nat 12 nak 01\n"
+         "at frame 00:00:40;00 silence",
+         faults, "0 0 0 0 "},
         // Lines it cannot read (no probe): the error names them.
         {"standard 24", nullptr, "line 1: no standard named '24'"},
-        {"# faults\nat 0 silence", nullptr,
-         "line 2: usage: at N FAULT (N from 1; FAULT nak BITS, silence, delay MS or corrupt)"},
-        {"at frame 1:2 corrupt", nullptr, "line 1: usage: at frame TIMECODE FAULT"},
+        {"# faults\nat 0 silence", nullptr, "line 2: at: '0' is not a number from 1 to 2147483647"},
+        {"at frame 1:2 corrupt", nullptr,
+         "line 1: at frame: '1:2' is not a timecode HH:MM:SS:FF at 25 fps"},
+        {"at frame -00:00:01:00 corrupt", nullptr,
+         "line 1: at frame: '-00:00:01:00' is not a timecode HH:MM:SS:FF at 25 fps"},
+        {"clip A 25:00:00:00 00:00:01:00", nullptr,
+         "line 1: clip: '25:00:00:00' is not a timecode HH:MM:SS:FF at 25 fps"},
+        {"clip A 00:00:00:00 00:00:00:99", nullptr,
+         "line 1: clip: '00:00:00:99' is not a timecode HH:MM:SS:FF at 25 fps"},
+        {"standard 29.97df\nat frame 00:01:00;00 silence", nullptr,
+         "line 2: at frame: '00:01:00;00' is not a label of drop-frame timecode, which skips it"},
+        {"standard", nullptr, "line 1: usage: standard 25|29.97df|30|50|59.94df"},
+        {"local maybe", nullptr, "line 1: usage: local on|off"},
+        {"stall 1", nullptr, "line 1: usage: stall BYTES MS"},
+        {"at 1 explode", nullptr,
+         "line 1: FAULT is nak BITS (hexadecimal), silence, delay MS or corrupt, not 'explode'"},
     };
     for (const auto& [text, probe, expected] : cases) {
         Server s;

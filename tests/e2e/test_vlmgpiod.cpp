@@ -2,6 +2,7 @@
 // board in-process on a socket path of its own.
 #include "devsim.h"
 #include "harness.h"
+#include "program.h"
 #include "sdiboard.h"
 
 #include <arpa/inet.h>
@@ -178,21 +179,33 @@ TEST_F(Vlmgpiod, gpioctl_monitors_edges_and_sets_lines) {
     EXPECT_EQ(edges, "rising\t0\nrising\t2\nboth\t3\nfalling\t6\n");
     EXPECT_EQ(pclose(monitor), 0);
 
-    // Refused command lines send nothing: the writes counted after them show it.
+    // Refused command lines send nothing: the writes counted after them show it. Numbers may be
+    // hexadecimal or octal.
     struct Set {
         const char* arguments;
         int exit_status;
         size_t writes; // GPO register writes so far
         uint8_t gpo;
-    } const sets[] = {{"set 8=1", 2, 0, 0},
-                      {"set 1=2", 2, 0, 0},
-                      {"set", 2, 0, 0},
-                      {"set 2=1 5=1", 0, 2, 0x24},
-                      {"set --mask 0xF3", 0, 3, 0xF3},
-                      {"set 1=0", 0, 4, 0xF1}};
+        const char* error = ""; // the first line on standard error
+    } const sets[] = {
+        {"set 8=1", 2, 0, 0, "gpioctl: set: LINE: '8' is not a number from 0 to 7"},
+        {"set 1=2", 2, 0, 0, "gpioctl: set: VALUE: '2' is not a number from 0 to 1"},
+        {"set", 2, 0, 0, "gpioctl: set takes LINE=VALUE pairs or --mask LEVELS"},
+        {"set --mask 0x100", 2, 0, 0, "gpioctl: --mask: '0x100' is not a number from 0 to 255"},
+        {"set --mask -1", 2, 0, 0, "gpioctl: --mask: '-1' is not a number from 0 to 255"},
+        {"-n 0 monitor", 2, 0, 0,
+         "gpioctl: --num-events: '0' is not a number from 1 to 2147483647"},
+        {"monitor -n -1", 2, 0, 0,
+         "gpioctl: --num-events: '-1' is not a number from 1 to 2147483647"},
+        {"set 0x2=1 05=1", 0, 2, 0x24},
+        {"set --mask 0xF3", 0, 3, 0xF3},
+        {"set 1=0", 0, 4, 0xF1},
+        {"set --mask=017", 0, 5, 0x0F},
+    };
     for (const Set& set : sets) {
-        std::string command = std::string(GPIOCTL_PATH " ") + set.arguments + " 2>/dev/null";
-        EXPECT_EQ(WEXITSTATUS(system(command.c_str())), set.exit_status) << set.arguments;
+        const Outcome run = run_program(std::string(GPIOCTL_PATH " ") + set.arguments);
+        EXPECT_EQ(run.status, set.exit_status) << set.arguments;
+        EXPECT_EQ(run.err.substr(0, run.err.find('\n')), set.error) << set.arguments;
         ASSERT_TRUE(boardSaw(0, set.writes)) << set.arguments;
         EXPECT_EQ(count(board->transfers(), true, sdiboard::kGpoRegister), set.writes);
         EXPECT_EQ(board->registerValue(sdiboard::kGpoRegister), set.gpo) << set.arguments;

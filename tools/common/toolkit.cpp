@@ -2,7 +2,6 @@
 #include "toolkit.h"
 
 #include <arpa/inet.h>
-#include <cstdio>
 #include <cstdlib>
 
 sockaddr_in loopback_address(uint16_t port) {
@@ -41,17 +40,4 @@ bool parse_hex(const std::string& text, std::vector<uint8_t>& bytes) {
         i += 2;
     }
     return true;
-}
-
-void usage_exit(const char* usage) {
-    fputs(usage, stderr);
-    exit(2);
-}
-
-long number_argument(const char* text, const char* usage) {
-    char* end = nullptr;
-    long value = strtol(text, &end, 0);
-    if (!*text || *end)
-        usage_exit(usage);
-    return value;
 }

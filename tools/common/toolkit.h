@@ -1,5 +1,4 @@
-// Small helpers shared by the tools and the tests: loopback addresses, bytes as hex text, and
-// the command-line pieces every tool needs.
+// Small helpers shared by the tools and the tests: loopback addresses and bytes as hex text.
 #pragma once
 
 #include <cstdint>
@@ -14,8 +13,3 @@ std::string hex(const std::vector<uint8_t>& bytes);
 // The bytes of hex text such as "43 BF f0" (pairs of digits, spaces between bytes optional);
 // false, with `bytes` unspecified, for anything else.
 bool parse_hex(const std::string& text, std::vector<uint8_t>& bytes);
-
-// Prints `usage` on standard error and exits with status 2.
-[[noreturn]] void usage_exit(const char* usage);
-// A whole decimal, octal (0...) or hexadecimal (0x...) number, else usage_exit(usage).
-long number_argument(const char* text, const char* usage);

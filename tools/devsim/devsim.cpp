@@ -51,8 +51,11 @@ int bound_socket(int type, const sockaddr_in& address) {
     int fd = socket(AF_INET, type, 0);
     if (fd < 0)
         fail("socket");
+    // A listener may take its port back while old connections wait out their time; a datagram
+    // port in use is refused, never shared.
     int on = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (type == SOCK_STREAM)
+        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         int error = errno;
         close(fd);
@@ -119,6 +122,21 @@ std::vector<Bytes> split(const Bytes& bytes, const std::vector<size_t>& sizes) {
     if (at < bytes.size() || pieces.empty())
         pieces.emplace_back(bytes.begin() + static_cast<long>(at), bytes.end());
     return pieces;
+}
+
+// The length of the Sony frame at `at` ((CMD1 & 0x0F) + 3 bytes) when all of it is there, else 0.
+size_t sony_frame_length(const Bytes& bytes, size_t at) {
+    const size_t length = (bytes[at] & 0x0Fu) + 3;
+    return bytes.size() - at >= length ? length : 0;
+}
+
+// Whether a whole Sony frame with a right checksum is at `at`.
+bool sony_frame_whole(const Bytes& bytes, size_t at) {
+    const size_t length = sony_frame_length(bytes, at);
+    uint8_t sum = 0;
+    for (size_t i = 0; i + 1 < length; ++i)
+        sum = static_cast<uint8_t>(sum + bytes[at + i]);
+    return length > 0 && sum == bytes[at + length - 1];
 }
 
 } // namespace
@@ -332,12 +350,13 @@ void DevSim::record(Received message) {
 
 void DevSim::fault_at_command(size_t command, Reply reply) {
     std::lock_guard lock(mutex_);
-    faults_.push_back({command, 0, std::move(reply)});
+    faults_.push_back({command, 0, std::move(reply), false});
 }
 
 void DevSim::fault_at_frame(int64_t frame, Reply reply) {
+    const bool before = model_.position() < frame;
     std::lock_guard lock(mutex_);
-    faults_.push_back({0, frame, std::move(reply)});
+    faults_.push_back({0, frame, std::move(reply), before});
 }
 
 Reply DevSim::next_reply() {
@@ -349,9 +368,13 @@ Reply DevSim::next_reply() {
         script_.pop_front();
         return reply;
     }
-    auto fault = std::find_if(faults_.begin(), faults_.end(), [&](const Fault& f) {
-        return f.command ? f.command == commands_ : position >= f.frame;
-    });
+    auto fault = faults_.end();
+    for (auto f = faults_.begin(); f != faults_.end(); ++f) {
+        const bool due = f->command ? f->command == commands_ : f->armed && position >= f->frame;
+        f->armed = f->armed || (!f->command && position < f->frame);
+        if (due && fault == faults_.end())
+            fault = f;
+    }
     if (fault == faults_.end())
         return default_;
     Reply reply = std::move(fault->reply);
@@ -446,6 +469,12 @@ void DevSim::receive_serial() {
     ssize_t n = read(pty_master_, chunk, sizeof chunk);
     if (n <= 0)
         return;
+    // Bytes that waited longer than a deck's inter-byte gap began a frame that never came whole:
+    // a deck's receiver drops them and starts afresh with the next byte.
+    const auto now = Clock::now();
+    if (now - serial_last_byte_ > kInterByteGap)
+        serial_buffer_.clear();
+    serial_last_byte_ = now;
     serial_buffer_.insert(serial_buffer_.end(), chunk, chunk + n);
     for (size_t length; louth_serial_ && (length = louth_command_length(serial_buffer_)) > 0;) {
         Bytes frame(serial_buffer_.begin(), serial_buffer_.begin() + static_cast<long>(length));
@@ -456,11 +485,22 @@ void DevSim::receive_serial() {
     }
     if (louth_serial_)
         return;
-    // A frame is (CMD1 & 0x0F) + 3 bytes long.
     while (!serial_buffer_.empty()) {
-        size_t length = (serial_buffer_[0] & 0x0Fu) + 3;
-        if (serial_buffer_.size() < length)
+        const size_t length = sony_frame_length(serial_buffer_, 0);
+        if (length == 0)
             return;
+        // A frame whose checksum is wrong, followed by the start of one whose checksum is right:
+        // the bytes before that one are garbage.
+        if (!sony_frame_whole(serial_buffer_, 0)) {
+            size_t next = 1;
+            while (next < serial_buffer_.size() && !sony_frame_whole(serial_buffer_, next))
+                ++next;
+            if (next < serial_buffer_.size()) {
+                serial_buffer_.erase(serial_buffer_.begin(),
+                                     serial_buffer_.begin() + static_cast<long>(next));
+                continue;
+            }
+        }
         Bytes frame(serial_buffer_.begin(), serial_buffer_.begin() + static_cast<long>(length));
         serial_buffer_.erase(serial_buffer_.begin(),
                              serial_buffer_.begin() + static_cast<long>(length));

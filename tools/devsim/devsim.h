@@ -106,7 +106,8 @@ class DevSim {
     void set_default(Reply reply);
     // Faults that a scripted reply does not cover: `reply` answers the command-th Sony or Louth
     // command received (counted from 1 on every link together), or the first command received
-    // while the position is at `frame` or past it. Each plays once.
+    // once the position has come to `frame` from before it (while it starts past `frame`, the
+    // fault waits until a command finds the position before it). Each plays once.
     void fault_at_command(size_t command, Reply reply);
     void fault_at_frame(int64_t frame, Reply reply);
     // The server's own answers, used when no scripted or default reply brings a frame.
@@ -172,6 +173,8 @@ class DevSim {
     unsigned next_tcp_ = 0, tcp_answering_ = 0; // the next client's number; the one answered
     std::string pty_path_;
     Bytes serial_buffer_;
+    Clock::time_point serial_last_byte_{};
+    static constexpr auto kInterByteGap = std::chrono::milliseconds(10);
     bool louth_udp_ = false, louth_serial_ = false;
     std::unique_ptr<LouthServer> louth_; // serving thread only
     std::deque<Outgoing> outbox_;        // serving thread only
@@ -183,6 +186,7 @@ class DevSim {
         size_t command; // 0: at `frame`
         int64_t frame;
         Reply reply;
+        bool armed; // at `frame`: the position was seen before it
     };
     std::deque<Reply> script_;
     std::vector<Fault> faults_;

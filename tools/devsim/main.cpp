@@ -1,16 +1,20 @@
 // devsim: a video server for a controller to talk to; prints every message it receives.
+#include "cli.h"
 #include "devsim.h"
+#include "paths.h"
 #include "scenario.h"
+#include "values.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
-#include <fstream>
 #include <functional>
-#include <iterator>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -45,7 +49,10 @@ const char kUsage[] =
     "  --entry N:FILE, --picture CODE:FILE\n"
     "                 file entry N, picture CODE\n"
     "  --refuse-uploads  refuse GOP and disk-information uploads\n"
-    "  --stall BYTES:MS  the first raw transfer pauses MS ms after BYTES bytes\n";
+    "  --stall BYTES:MS  the first raw transfer pauses MS ms after BYTES bytes\n"
+    "  -h, --help     print this help and exit\n"
+    "ADDRESS is an IPv4 address or a host name; PORT 0 lets the system choose. Options may come\n"
+    "before or after the link.\n";
 
 struct Options {
     std::string link;
@@ -62,13 +69,16 @@ struct Options {
     std::vector<std::function<void(devsim::DevSim&)>> contents; // applied before the start
 };
 
-[[noreturn]] void usage() {
-    usage_exit(kUsage);
-}
+constexpr cli::Option kOptions[] = {
+    {"sense", 0, true},    {"clip", 0, true},     {"standard", 0, true},
+    {"scenario", 0, true}, {"also", 0, true},     {"louth", 0, false},
+    {"refuse", 0, true},   {"nak", 0, true},      {"silent", 0, false},
+    {"delay", 0, true},    {"corrupt", 0, false}, {"mgmt", 0, true},
+    {"version", 0, true},  {"diskinfo", 0, true}, {"gop", 0, true},
+    {"log", 0, true},      {"entry", 0, true},    {"picture", 0, true},
+    {"stall", 0, true},    {"help", 'h', false},  {"refuse-uploads", 0, false}};
 
-long number(const char* text) {
-    return number_argument(text, kUsage);
-}
+constexpr int64_t kMaxMs = 3600 * 1000;
 
 bool valid_sense(const char* text) {
     devsim::Model model;
@@ -76,69 +86,57 @@ bool valid_sense(const char* text) {
     return devsim::set_sense_from_text(scratch, text);
 }
 
-devsim::Bytes file(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        perror(path.c_str());
-        exit(1);
-    }
-    return devsim::Bytes(std::istreambuf_iterator<char>(in), {});
-}
-
-// "A:B" into its two numbers; "N:FILE" into the number and the path.
-std::pair<long, std::string> pair_argument(const std::string& text) {
-    size_t colon = text.find(':');
+// "A:B" into its two parts.
+std::pair<std::string, std::string> pair_argument(const std::string& option, const char* text) {
+    const std::string v = text;
+    const size_t colon = v.find(':');
     if (colon == std::string::npos)
-        usage();
-    return {number(text.substr(0, colon).c_str()), text.substr(colon + 1)};
+        throw cli::Refused(option + ": " + cli::quote(v) + " is not of the form A:B");
+    return {v.substr(0, colon), v.substr(colon + 1)};
 }
 
-// The contents and faults of the transfers and the management endpoint.
+// The contents and faults of the transfers and the management endpoint; false for another option.
 bool content_option(Options& o, const std::string& option, const char* value) {
     using devsim::DevSim;
     auto add = [&](std::function<void(DevSim&)> apply) { o.contents.push_back(std::move(apply)); };
+    auto word = [&](const std::string& text, int64_t high) {
+        return cli::integer(text, 0, high, option.c_str(), true);
+    };
     if (option == "--refuse-uploads") {
         add([](DevSim& sim) {
             sim.transfers().accept_uploads(false);
             sim.mgmt().accept_uploads(false);
         });
-        return true;
-    }
-    if (!value)
-        return false;
-    const std::string v = value;
-    if (option == "--mgmt") {
-        o.mgmt_port = static_cast<int>(number(value));
-        if (o.mgmt_port < 0 || o.mgmt_port > 65535)
-            usage();
+    } else if (option == "--mgmt") {
+        o.mgmt_port = cli::port(value, true, "--mgmt");
     } else if (option == "--version") {
-        auto [first, second] = pair_argument(v);
-        uint32_t words[2] = {static_cast<uint32_t>(first),
-                             static_cast<uint32_t>(number(second.c_str()))};
-        add([=](DevSim& sim) { sim.transfers().set_version(words[0], words[1]); });
+        auto [first, second] = pair_argument(option, value);
+        const auto words = std::make_pair(static_cast<uint32_t>(word(first, UINT32_MAX)),
+                                          static_cast<uint32_t>(word(second, UINT32_MAX)));
+        add([=](DevSim& sim) { sim.transfers().set_version(words.first, words.second); });
     } else if (option == "--diskinfo") {
-        add([bytes = file(v)](DevSim& sim) {
+        add([bytes = cli::read_file(value)](DevSim& sim) {
             sim.transfers().set_diskinfo(bytes);
             sim.mgmt().set_diskinfo(bytes);
         });
     } else if (option == "--gop") {
-        add([bytes = file(v)](DevSim& sim) { sim.transfers().set_gop(bytes); });
+        add([bytes = cli::read_file(value)](DevSim& sim) { sim.transfers().set_gop(bytes); });
     } else if (option == "--log") {
-        add([bytes = file(v)](DevSim& sim) { sim.mgmt().set_log(bytes); });
+        add([bytes = cli::read_file(value)](DevSim& sim) { sim.mgmt().set_log(bytes); });
     } else if (option == "--entry") {
-        auto [entry_number, path] = pair_argument(v);
-        add([entry = static_cast<uint32_t>(entry_number), bytes = file(path)](DevSim& sim) {
+        auto [entry_number, path] = pair_argument(option, value);
+        add([entry = static_cast<uint32_t>(word(entry_number, UINT32_MAX)),
+             bytes = cli::read_file(path)](DevSim& sim) {
             sim.transfers().set_file_entry(entry, bytes);
         });
     } else if (option == "--picture") {
-        auto [picture_code, path] = pair_argument(v);
-        add([code = static_cast<uint16_t>(picture_code), bytes = file(path)](DevSim& sim) {
-            sim.mgmt().set_picture(code, bytes);
-        });
+        auto [picture_code, path] = pair_argument(option, value);
+        add([code = static_cast<uint16_t>(word(picture_code, 0xFFFF)),
+             bytes = cli::read_file(path)](DevSim& sim) { sim.mgmt().set_picture(code, bytes); });
     } else if (option == "--stall") {
-        auto [count, ms] = pair_argument(v);
-        const auto after = static_cast<size_t>(count);
-        const int pause = static_cast<int>(number(ms.c_str()));
+        auto [count, ms] = pair_argument(option, value);
+        const auto after = static_cast<size_t>(word(count, UINT32_MAX));
+        const int pause = static_cast<int>(word(ms, kMaxMs));
         add([=](DevSim& sim) { sim.transfers().stall_next(after, pause); });
     } else {
         return false;
@@ -151,67 +149,75 @@ std::pair<std::string, std::string> also_link(const std::string& text) {
     const size_t colon = text.find(':');
     const std::string kind = text.substr(0, colon),
                       rest = colon == std::string::npos ? "" : text.substr(colon + 1);
-    if (kind == "serial" || ((kind == "udp" || kind == "tcp") && number(rest.c_str()) >= 0 &&
-                             number(rest.c_str()) <= 65535))
+    if (kind == "udp" || kind == "tcp")
+        return {kind, std::to_string(cli::port(rest, true, "--also"))};
+    if (kind == "serial")
         return {kind, rest};
-    usage();
+    throw cli::Refused("--also: " + cli::quote(text) +
+                       " is not udp:PORT, tcp:PORT or serial[:LINK]");
 }
 
-Options parse(int argc, char** argv) {
+// The options; nullopt after --help.
+std::optional<Options> parse(int argc, char** argv) {
+    const cli::CommandLine line = cli::parse(argc, argv, kOptions);
     Options o;
-    int i = 1;
-    if (i >= argc)
-        usage();
-    o.link = argv[i++];
-    if (o.link == "udp" || o.link == "tcp") {
-        if (i + 2 > argc)
-            usage();
-        o.address = argv[i++];
-        long port = number(argv[i++]);
-        if (port < 0 || port > 65535)
-            usage();
-        o.port = static_cast<uint16_t>(port);
-    } else if (o.link == "serial") {
-        if (i < argc && strncmp(argv[i], "--", 2) != 0)
-            o.pty_link = argv[i++];
-    } else {
-        usage();
-    }
-    for (; i < argc; ++i) {
-        std::string option = argv[i];
-        bool has_value = i + 1 < argc;
-        if (option == "--nak" && has_value)
-            o.reply = devsim::Reply::nak(static_cast<uint8_t>(number(argv[++i])));
-        else if (option == "--delay" && has_value)
-            o.reply.delay_ms = static_cast<int>(number(argv[++i]));
-        else if (option == "--sense" && has_value && valid_sense(argv[i + 1]))
-            o.senses.push_back(argv[++i]);
-        else if (option == "--clip" && has_value)
-            o.clips.push_back(argv[++i]);
-        else if (option == "--standard" && has_value && devsim::standard_from_text(argv[i + 1]))
-            o.standard = *devsim::standard_from_text(argv[++i]);
-        else if (option == "--scenario" && has_value)
-            o.scenario = argv[++i];
-        else if (option == "--also" && has_value)
-            o.also.push_back(also_link(argv[++i]));
-        else if (option == "--louth")
+    for (const auto& [option, value] : line.options) {
+        const std::string name = std::string("--") + option->name;
+        if (name == "--help")
+            return std::nullopt;
+        if (name == "--nak")
+            o.reply = devsim::Reply::nak(
+                static_cast<uint8_t>(cli::integer(value, 0, 255, "--nak", true)));
+        else if (name == "--delay")
+            o.reply.delay_ms = static_cast<int>(cli::integer(value, 0, kMaxMs, "--delay", true));
+        else if (name == "--sense" && valid_sense(value))
+            o.senses.push_back(value);
+        else if (name == "--sense")
+            throw cli::Refused("--sense: " + cli::quote(value) +
+                               " is not CMD2[.SEL]=HEX (at most 15 bytes)");
+        else if (name == "--clip")
+            o.clips.push_back(cli::clip_id(value, "--clip"));
+        else if (name == "--standard" && devsim::standard_from_text(value))
+            o.standard = *devsim::standard_from_text(value);
+        else if (name == "--standard")
+            throw cli::Refused("--standard: no standard named " + cli::quote(value) + " (" +
+                               cli::kStandards + ")");
+        else if (name == "--scenario")
+            o.scenario = value;
+        else if (name == "--also")
+            o.also.push_back(also_link(value));
+        else if (name == "--louth")
             o.louth = true;
-        else if (option == "--refuse" && has_value)
-            o.reply.louth = {0x05, static_cast<uint8_t>(number(argv[++i]))};
-        else if (option == "--silent")
+        else if (name == "--refuse")
+            o.reply.louth = {0x05,
+                             static_cast<uint8_t>(cli::integer(value, 0, 255, "--refuse", true))};
+        else if (name == "--silent")
             o.reply.silent = true;
-        else if (option == "--corrupt")
+        else if (name == "--corrupt")
             o.reply.corrupt_checksum = true;
-        else if (content_option(o, option, has_value ? argv[i + 1] : nullptr))
-            i += option == "--refuse-uploads" ? 0 : 1;
         else
-            usage();
+            content_option(o, name, value);
+    }
+    const std::vector<const char*>& w = line.words;
+    o.link = w.empty() ? "" : w[0];
+    if ((o.link == "udp" || o.link == "tcp") && w.size() == 3) {
+        o.address = cli::dotted(cli::ipv4_host(w[1], "ADDRESS"));
+        o.port = cli::port(w[2], true, "PORT");
+    } else if (o.link == "serial" && w.size() <= 2) {
+        o.pty_link = w.size() == 2 ? w[1] : "";
+    } else {
+        throw cli::Refused(o.link == "udp" || o.link == "tcp"
+                               ? "usage: devsim " + o.link + " ADDRESS PORT [OPTION...]"
+                           : o.link == "serial"
+                               ? std::string("usage: devsim serial [LINK] [OPTION...]")
+                           : w.empty() ? std::string("no link (udp, tcp or serial)")
+                                       : "unknown link " + cli::quote(o.link));
     }
     const bool louth_link =
         o.link != "tcp" ||
         std::any_of(o.also.begin(), o.also.end(), [](auto& l) { return l.first != "tcp"; });
     if (o.louth && !louth_link)
-        usage();
+        throw cli::Refused("--louth needs a udp or serial link");
     return o;
 }
 
@@ -225,31 +231,39 @@ void print(const devsim::Received& message, uint16_t mgmt_port) {
     }
 }
 
-// Sets up one link (`port` for udp and tcp, the pty's symbolic link or "" for serial) and says
-// where it listens; the caller prints that line once every link is up, and waits for it.
+// Sets up one link (`port` for udp, tcp and mgmt, the pty's symbolic link or "" for serial) and
+// says where it listens; the caller prints that line once every link is up, and waits for it.
 std::string open_link(devsim::DevSim& sim, const std::string& kind, const std::string& address,
                       uint16_t port, const std::string& pty_link) {
-    if (kind == "udp")
-        return "udp " + address + ":" + std::to_string(sim.listen_udp(address.c_str(), port));
-    if (kind == "tcp")
-        return "tcp " + address + ":" + std::to_string(sim.listen_tcp(address.c_str(), port));
-    std::string path = sim.open_pty();
-    if (!pty_link.empty()) {
-        unlink(pty_link.c_str());
-        if (symlink(path.c_str(), pty_link.c_str()) != 0) {
-            perror(pty_link.c_str());
-            exit(1);
-        }
-        return "serial " + pty_link + " -> " + path;
+    const std::string where = kind + " " + address + ":" + std::to_string(port);
+    try {
+        if (kind == "udp")
+            return "udp " + address + ":" + std::to_string(sim.listen_udp(address.c_str(), port));
+        if (kind == "tcp")
+            return "tcp " + address + ":" + std::to_string(sim.listen_tcp(address.c_str(), port));
+        if (kind == "mgmt")
+            return "mgmt " + address + ":" + std::to_string(sim.listen_mgmt(address.c_str(), port));
+    } catch (const std::exception& e) {
+        throw std::runtime_error(where + ": " + e.what());
     }
-    return "serial " + path;
+    if (pty_link.empty())
+        return "serial " + sim.open_pty();
+    cli::claim_pty_link(pty_link);
+    const std::string path = sim.open_pty();
+    if (symlink(path.c_str(), pty_link.c_str()) != 0)
+        throw std::runtime_error(pty_link + ": " + strerror(errno));
+    return "serial " + pty_link + " -> " + path;
 }
 
-} // namespace
-
-int main(int argc, char** argv) {
-    Options options = parse(argc, argv);
-    setvbuf(stdout, nullptr, _IOLBF, 0);
+int run(int argc, char** argv) {
+    const std::optional<Options> parsed = parse(argc, argv);
+    if (!parsed) {
+        fputs(kUsage, stdout);
+        return 0;
+    }
+    const Options& options = *parsed;
+    const devsim::Bytes scenario =
+        options.scenario.empty() ? devsim::Bytes{} : cli::read_file(options.scenario);
 
     // The serving thread inherits this mask, so the signals reach sigwait below.
     sigset_t stop_signals;
@@ -259,21 +273,28 @@ int main(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 
     devsim::DevSim sim;
+    std::vector<std::string> own_links; // pty links made, removed at exit while still ours
+    auto remove_links = [&] {
+        for (const std::string& link : own_links)
+            cli::remove_own_link(link, sim.pty_path());
+    };
     std::string where;
     try {
-        where = open_link(sim, options.link, options.address, options.port, options.pty_link);
-        for (const auto& [kind, rest] : options.also)
+        auto open = [&](const std::string& kind, uint16_t port, const std::string& link) {
             where +=
-                ", " + open_link(sim, kind, options.address,
-                                 kind == "serial" ? 0 : static_cast<uint16_t>(number(rest.c_str())),
-                                 kind == "serial" ? rest : "");
+                (where.empty() ? "" : ", ") + open_link(sim, kind, options.address, port, link);
+            if (!link.empty())
+                own_links.push_back(link);
+        };
+        open(options.link, options.port, options.pty_link);
+        for (const auto& [kind, rest] : options.also)
+            open(kind, kind == "serial" ? 0 : static_cast<uint16_t>(std::stoi(rest)),
+                 kind == "serial" ? rest : "");
         if (options.mgmt_port >= 0)
-            where += ", mgmt " + options.address + ":" +
-                     std::to_string(sim.listen_mgmt(options.address.c_str(),
-                                                    static_cast<uint16_t>(options.mgmt_port)));
-    } catch (const std::exception& e) {
-        fprintf(stderr, "devsim: %s\n", e.what());
-        return 1;
+            open("mgmt", static_cast<uint16_t>(options.mgmt_port), "");
+    } catch (...) {
+        remove_links();
+        throw;
     }
     if (options.louth) // every link that carries Louth
         for (devsim::Link link : {devsim::Link::udp, devsim::Link::serial})
@@ -286,17 +307,11 @@ int main(int argc, char** argv) {
         sim.model().append_clip(clip, 0);
     for (const auto& apply : options.contents)
         apply(sim);
-    if (!options.scenario.empty()) {
-        std::ifstream in(options.scenario);
-        std::string error;
-        if (!in) {
-            perror(options.scenario.c_str());
-            return 1;
-        }
-        if (!devsim::load_scenario(sim, in, error)) {
-            fprintf(stderr, "devsim: %s: %s\n", options.scenario.c_str(), error.c_str());
-            return 1;
-        }
+    std::istringstream in(std::string(scenario.begin(), scenario.end()));
+    std::string error;
+    if (!devsim::load_scenario(sim, in, error)) {
+        remove_links();
+        return cli::failure(options.scenario + ": " + error);
     }
     sim.on_receive([port = sim.mgmt_port()](const devsim::Received& m) { print(m, port); });
     sim.start();
@@ -305,10 +320,13 @@ int main(int argc, char** argv) {
     int signal = 0;
     sigwait(&stop_signals, &signal);
     sim.stop();
-    if (!options.pty_link.empty())
-        unlink(options.pty_link.c_str());
-    for (const auto& [kind, rest] : options.also)
-        if (kind == "serial" && !rest.empty())
-            unlink(rest.c_str());
+    remove_links();
     return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    return cli::run("devsim", [&] { return run(argc, argv); });
 }

@@ -1,7 +1,11 @@
 // Scenario files: one directive a line.
 #include "scenario.h"
 
-#include <cstdlib>
+#include "cli.h"
+#include "values.h"
+
+#include <array>
+#include <cstdint>
 #include <sstream>
 #include <vector>
 
@@ -9,85 +13,80 @@ namespace devsim {
 
 namespace {
 
-bool number(const std::string& text, long& value, int base = 10) {
-    char* end = nullptr;
-    value = std::strtol(text.c_str(), &end, base);
-    return !text.empty() && *end == '\0' && value >= 0;
+// A timecode at the model's standard, in frames.
+int64_t frames_at(const Model& model, const std::string& text, const std::string& what) {
+    const auto rate = cli::timecode_rate(standard_name(model.standard()), "standard");
+    const std::array<int, 4> parts = cli::timecode(text, rate, what.c_str());
+    uint8_t bcd[4];
+    for (int i = 0; i < 4; ++i)
+        bcd[i] = static_cast<uint8_t>(parts[3 - i] / 10 << 4 | parts[3 - i] % 10);
+    return bcd_to_frames(model.standard(), bcd);
 }
 
-// "HH:MM:SS:FF" (or ';' before the frames) into frames at the model's standard.
-bool timecode(const Model& model, const std::string& text, int64_t& frames) {
-    long parts[4];
-    std::istringstream in(text);
-    std::string part;
-    for (long& p : parts) {
-        char separator = 0;
-        if (!(in >> p) || p < 0 || p > 99 ||
-            (&p != &parts[3] && (!in.get(separator) || (separator != ':' && separator != ';'))))
-            return false;
-    }
-    if (in.get() != EOF)
-        return false;
-    const uint8_t bcd[4] = {static_cast<uint8_t>(parts[3] / 10 << 4 | parts[3] % 10),
-                            static_cast<uint8_t>(parts[2] / 10 << 4 | parts[2] % 10),
-                            static_cast<uint8_t>(parts[1] / 10 << 4 | parts[1] % 10),
-                            static_cast<uint8_t>(parts[0] / 10 << 4 | parts[0] % 10)};
-    frames = bcd_to_frames(model.standard(), bcd);
-    return true;
+[[noreturn]] void usage(const char* form) {
+    throw cli::Refused(std::string("usage: ") + form);
 }
 
-// The fault named by the words from `at`; false when they do not name one.
-bool fault(const std::vector<std::string>& words, size_t at, Reply& reply) {
-    long value = 0;
+// The fault named by the words from `at`.
+Reply fault(const std::vector<std::string>& words, size_t at) {
     const size_t left = words.size() - at;
-    if (left == 1 && words[at] == "silence")
+    const std::string name = left > 0 ? words[at] : "";
+    Reply reply;
+    if (left == 1 && name == "silence")
         reply = Reply::silence();
-    else if (left == 1 && words[at] == "corrupt")
+    else if (left == 1 && name == "corrupt")
         reply.corrupt_checksum = true;
-    else if (left == 2 && words[at] == "nak" && number(words[at + 1], value, 16) && value < 256)
-        reply = Reply::nak(static_cast<uint8_t>(value));
-    else if (left == 2 && words[at] == "delay" && number(words[at + 1], value))
-        reply = Reply::late(static_cast<int>(value));
+    else if (left == 2 && name == "nak" && words[at + 1].size() <= 2 &&
+             words[at + 1].find_first_not_of("0123456789abcdefABCDEF") == std::string::npos)
+        reply = Reply::nak(static_cast<uint8_t>(std::stoul("0" + words[at + 1], nullptr, 16)));
+    else if (left == 2 && name == "delay")
+        reply = Reply::late(static_cast<int>(cli::integer(words[at + 1], 0, 3600000, "delay")));
     else
-        return false;
-    return true;
+        throw cli::Refused("FAULT is nak BITS (hexadecimal), silence, delay MS or corrupt, not " +
+                           cli::quote(name));
+    return reply;
 }
 
-// One directive; an error message, or empty when it was applied.
-std::string directive(DevSim& sim, const std::vector<std::string>& w) {
+// Applies one directive; throws cli::Refused with what is wrong.
+void directive(DevSim& sim, const std::vector<std::string>& w) {
     const size_t n = w.size();
-    long a = 0, b = 0;
-    int64_t start = 0, length = 0;
-    Reply reply;
-    if (w[0] == "standard" && n == 2) {
+    const std::string& name = w[0];
+    if (name == "standard") {
+        if (n != 2)
+            usage("standard 25|29.97df|30|50|59.94df");
         auto standard = standard_from_text(w[1]);
         if (!standard)
-            return "no standard named '" + w[1] + "'";
+            throw cli::Refused("no standard named " + cli::quote(w[1]));
         sim.model().set_standard(*standard);
-    } else if (w[0] == "clip" && n == 4) {
-        if (w[1].size() > 8 || !timecode(sim.model(), w[2], start) ||
-            !timecode(sim.model(), w[3], length))
-            return "usage: clip ID START LENGTH (an ID of at most 8 bytes, two timecodes)";
-        sim.model().add_clip(w[1], start, length);
-    } else if (w[0] == "sense" && n == 2) {
-        if (!set_sense_from_text(sim.sony(), w[1]))
-            return "usage: sense CMD2[.SEL]=HEX";
-    } else if (w[0] == "local" && n == 2 && (w[1] == "on" || w[1] == "off")) {
+    } else if (name == "clip") {
+        if (n != 4)
+            usage("clip ID START LENGTH");
+        sim.model().add_clip(cli::clip_id(w[1], "clip"), frames_at(sim.model(), w[2], name),
+                             frames_at(sim.model(), w[3], name));
+    } else if (name == "sense") {
+        if (n != 2 || !set_sense_from_text(sim.sony(), w[1]))
+            usage("sense CMD2[.SEL]=HEX");
+    } else if (name == "local") {
+        if (n != 2 || (w[1] != "on" && w[1] != "off"))
+            usage("local on|off");
         sim.model().set_local(w[1] == "on");
-    } else if (w[0] == "at" && n >= 3 && w[1] == "frame") {
-        if (!timecode(sim.model(), w[2], start) || !fault(w, 3, reply))
-            return "usage: at frame TIMECODE FAULT";
-        sim.fault_at_frame(start, reply);
-    } else if (w[0] == "at" && n >= 3) {
-        if (!number(w[1], a) || a == 0 || !fault(w, 2, reply))
-            return "usage: at N FAULT (N from 1; FAULT nak BITS, silence, delay MS or corrupt)";
-        sim.fault_at_command(static_cast<size_t>(a), reply);
-    } else if (w[0] == "stall" && n == 3 && number(w[1], a) && number(w[2], b)) {
-        sim.transfers().stall_next(static_cast<size_t>(a), static_cast<int>(b));
+    } else if (name == "at" && n >= 2 && w[1] == "frame") {
+        if (n < 4)
+            usage("at frame TIMECODE FAULT");
+        sim.fault_at_frame(frames_at(sim.model(), w[2], "at frame"), fault(w, 3));
+    } else if (name == "at") {
+        if (n < 3)
+            usage("at N FAULT");
+        sim.fault_at_command(static_cast<size_t>(cli::integer(w[1], 1, INT32_MAX, "at")),
+                             fault(w, 2));
+    } else if (name == "stall") {
+        if (n != 3)
+            usage("stall BYTES MS");
+        sim.transfers().stall_next(static_cast<size_t>(cli::integer(w[1], 0, UINT32_MAX, "stall")),
+                                   static_cast<int>(cli::integer(w[2], 0, 3600000, "stall")));
     } else {
-        return "unknown directive '" + w[0] + "'";
+        throw cli::Refused("unknown directive " + cli::quote(name));
     }
-    return {};
 }
 
 } // namespace
@@ -107,9 +106,10 @@ bool load_scenario(DevSim& sim, std::istream& in, std::string& error) {
             rest.erase(0, rest.find_first_not_of(" \t"));
             words = {"sense", rest};
         }
-        const std::string message = directive(sim, words);
-        if (!message.empty()) {
-            error = "line " + std::to_string(number) + ": " + message;
+        try {
+            directive(sim, words);
+        } catch (const cli::Refused& refused) {
+            error = "line " + std::to_string(number) + ": " + refused.what();
             return false;
         }
     }

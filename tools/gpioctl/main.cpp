@@ -1,13 +1,12 @@
 // gpioctl: the daemon's GPI events and GPO requests from a shell, in the manner of the Linux GPIO
 // tools: `monitor` prints one line per edge, `set` takes LINE=VALUE pairs or a mask.
+#include "cli.h"
 #include "toolkit.h"
+#include "values.h"
 
 #include <arpa/inet.h>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <ctime>
-#include <getopt.h>
 #include <netinet/in.h>
 #include <string>
 #include <sys/socket.h>
@@ -29,9 +28,10 @@ const char kUsage[] =
     "  set LINE=VALUE...   one GPO request per pair to port 42001: LINE 0-7, VALUE 0 or 1\n"
     "  set --mask LEVELS   one request setting all eight GPO lines to the bits of LEVELS (0xF3)\n"
     "options:\n"
-    "  -n, --num-events COUNT  monitor: exit after COUNT events\n"
+    "  -n, --num-events COUNT  monitor: exit after COUNT events (1 or more)\n"
     "  -m, --mask LEVELS       set: the mask form\n"
-    "  -h, --help              print this help and exit\n";
+    "  -h, --help              print this help and exit\n"
+    "Numbers may be decimal, octal (0...) or hexadecimal (0x...); LEVELS is 0 to 0xFF.\n";
 
 const char* edge(int status) {
     switch (status) {
@@ -46,7 +46,7 @@ const char* edge(int status) {
     }
 }
 
-int monitor(long count) {
+int monitor(int64_t count) {
     int fd = socket(AF_INET, SOCK_DGRAM, 0);
     sockaddr_in address = loopback_address(LOOP_GPI_PORT);
     if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
@@ -54,7 +54,7 @@ int monitor(long count) {
         return 1;
     }
     fprintf(stderr, "gpioctl: monitoring GPI events on 127.0.0.1:%u\n", LOOP_GPI_PORT);
-    for (long seen = 0; count <= 0 || seen < count;) {
+    for (int64_t seen = 0; count <= 0 || seen < count;) {
         GpioDatagram datagram;
         ssize_t got = recv(fd, datagram.data(), datagram.size(), 0);
         if (got != static_cast<ssize_t>(datagram.size()))
@@ -86,53 +86,56 @@ int send_requests(const std::vector<Gpio>& requests) {
     return 0;
 }
 
-// "LINE=VALUE" with LINE 0-7 and VALUE 0 or 1, else a usage error naming the argument.
-Gpio line_value(const char* argument) {
-    const char* equals = strchr(argument, '=');
-    char* end = nullptr;
-    long line = equals ? strtol(argument, &end, 10) : -1;
-    bool ok = equals && end == equals && end != argument && line >= 0 && line <= 7 &&
-              (strcmp(equals + 1, "0") == 0 || strcmp(equals + 1, "1") == 0);
-    if (!ok) {
-        fprintf(stderr, "gpioctl: set: '%s' is not LINE=VALUE (line 0-7, value 0 or 1)\n",
-                argument);
-        exit(2);
+// "LINE=VALUE" with LINE 0-7 and VALUE 0 or 1.
+Gpio line_value(const std::string& argument) {
+    const size_t equals = argument.find('=');
+    if (equals == std::string::npos)
+        throw cli::Refused("set: " + cli::quote(argument) + " is not LINE=VALUE");
+    return {
+        static_cast<int32_t>(cli::integer(argument.substr(0, equals), 0, 7, "set: LINE", true)),
+        static_cast<int32_t>(cli::integer(argument.substr(equals + 1), 0, 1, "set: VALUE", true))};
+}
+
+int run(int argc, char** argv) {
+    static constexpr cli::Option kOptions[] = {
+        {"num-events", 'n', true}, {"mask", 'm', true}, {"help", 'h', false}};
+    const cli::CommandLine line = cli::parse(argc, argv, kOptions);
+    int64_t count = 0;
+    const char* mask = nullptr;
+    for (const auto& [option, value] : line.options) {
+        if (option->letter == 'n')
+            count = cli::integer(value, 1, INT32_MAX, "--num-events", true);
+        else if (option->letter == 'm')
+            mask = value;
+        else {
+            fputs(kUsage, stdout);
+            return 0;
+        }
     }
-    return {static_cast<int32_t>(line), equals[1] - '0'};
+    const std::string command = line.words.empty() ? "" : line.words[0];
+    const std::vector<std::string> arguments(line.words.begin() + (line.words.empty() ? 0 : 1),
+                                             line.words.end());
+    if (command == "monitor" && arguments.empty() && !mask)
+        return monitor(count);
+    if (command == "set" && mask && arguments.empty())
+        return send_requests(
+            {{255, static_cast<int32_t>(cli::integer(mask, 0, 0xFF, "--mask", true))}});
+    if (command == "set" && !mask && !arguments.empty()) {
+        std::vector<Gpio> requests;
+        for (const std::string& argument : arguments)
+            requests.push_back(line_value(argument));
+        return send_requests(requests);
+    }
+    if (command != "monitor" && command != "set")
+        throw cli::Refused(command.empty() ? "no command (monitor or set)"
+                                           : "unknown command " + cli::quote(command));
+    throw cli::Refused(command == "monitor" ? "monitor takes no arguments nor --mask"
+                                            : "set takes LINE=VALUE pairs or --mask LEVELS");
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
     setvbuf(stdout, nullptr, _IOLBF, 0);
-    static const option kOptions[] = {{"num-events", required_argument, nullptr, 'n'},
-                                      {"mask", required_argument, nullptr, 'm'},
-                                      {"help", no_argument, nullptr, 'h'},
-                                      {nullptr, 0, nullptr, 0}};
-    long count = 0;
-    const char* mask = nullptr;
-    // Options may come before or after the command (gpioctl set --mask 0xF3): getopt permutes.
-    for (int option; (option = getopt_long(argc, argv, "n:m:h", kOptions, nullptr)) != -1;) {
-        if (option == 'n')
-            count = number_argument(optarg, kUsage);
-        else if (option == 'm')
-            mask = optarg;
-        else if (option == 'h') {
-            fputs(kUsage, stdout);
-            return 0;
-        } else
-            usage_exit(kUsage);
-    }
-    std::string command = optind < argc ? argv[optind++] : "";
-    if (command == "monitor" && optind == argc && !mask)
-        return monitor(count);
-    if (command == "set" && mask && optind == argc)
-        return send_requests({{255, static_cast<int32_t>(number_argument(mask, kUsage) & 0xFF)}});
-    if (command == "set" && !mask && optind < argc) {
-        std::vector<Gpio> requests;
-        for (int i = optind; i < argc; ++i)
-            requests.push_back(line_value(argv[i]));
-        return send_requests(requests);
-    }
-    usage_exit(kUsage);
+    return cli::run("gpioctl", [&] { return run(argc, argv); });
 }

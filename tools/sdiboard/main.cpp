@@ -1,16 +1,14 @@
 // sdiboard: an emulated SDI board for people: drive its GPI lines from the keyboard and watch the
 // GPO register change as the daemon writes it.
+#include "cli.h"
 #include "sdiboard.h"
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <getopt.h>
 #include <iostream>
 #include <mutex>
 #include <sstream>
 #include <string>
-#include <system_error>
 
 namespace {
 
@@ -78,7 +76,7 @@ bool command(sdiboard::Board& board, const std::string& line) {
                board.registerValue(sdiboard::kGpiRegister),
                board.registerValue(sdiboard::kGpoRegister));
     } else {
-        printf("? %s  (gpi HEX, pulse 0-7, show, quit)\n", line.c_str());
+        printf("? %s  (gpi HEX, pulse 0-7, show, quit)\n", cli::quote(line).c_str());
     }
     fflush(stdout);
     return true;
@@ -87,52 +85,43 @@ bool command(sdiboard::Board& board, const std::string& line) {
 } // namespace
 
 int main(int argc, char** argv) {
-    std::string path = sdiboard::defaultSocketPath();
-    auto fault = sdiboard::Fault::None;
-    bool all = false;
-    const option options[] = {
-        {"socket", required_argument, nullptr, 's'},  {"absent", no_argument, nullptr, 'a'},
-        {"stuck-scratch", no_argument, nullptr, 'k'}, {"all", no_argument, nullptr, 'A'},
-        {"short", no_argument, nullptr, 'S'},         {"late", no_argument, nullptr, 'L'},
-        {"help", no_argument, nullptr, 'h'},          {nullptr, 0, nullptr, 0}};
-    for (int option; (option = getopt_long(argc, argv, "s:h", options, nullptr)) != -1;) {
-        switch (option) {
-        case 's':
-            path = optarg;
-            break;
-        case 'a':
-            fault = sdiboard::Fault::Absent;
-            break;
-        case 'k':
-            fault = sdiboard::Fault::StuckScratch;
-            break;
-        case 'S':
-            fault = sdiboard::Fault::ShortAnswers;
-            break;
-        case 'L':
-            fault = sdiboard::Fault::LateAnswers;
-            break;
-        case 'A':
-            all = true;
-            break;
-        case 'h':
-            fputs(kUsage, stdout);
-            return 0;
-        default:
-            fputs(kUsage, stderr);
-            return 2;
+    static constexpr cli::Option kOptions[] = {{"socket", 's', true},       {"absent", 0, false},
+                                               {"stuck-scratch", 0, false}, {"short", 0, false},
+                                               {"late", 0, false},          {"all", 0, false},
+                                               {"help", 'h', false}};
+    return cli::run("sdiboard", [&] {
+        std::string path = sdiboard::defaultSocketPath();
+        auto fault = sdiboard::Fault::None;
+        bool all = false;
+        const cli::CommandLine line = cli::parse(argc, argv, kOptions);
+        if (!line.words.empty())
+            throw cli::Refused("unexpected argument " + cli::quote(line.words[0]));
+        for (const auto& [option, value] : line.options) {
+            const std::string name = option->name;
+            const auto chosen = name == "absent"          ? sdiboard::Fault::Absent
+                                : name == "stuck-scratch" ? sdiboard::Fault::StuckScratch
+                                : name == "short"         ? sdiboard::Fault::ShortAnswers
+                                : name == "late"          ? sdiboard::Fault::LateAnswers
+                                                          : sdiboard::Fault::None;
+            if (chosen != sdiboard::Fault::None && fault != sdiboard::Fault::None)
+                throw cli::Refused("one fault at a time");
+            if (chosen != sdiboard::Fault::None)
+                fault = chosen;
+            else if (name == "socket")
+                path = value;
+            else if (name == "all")
+                all = true;
+            else if (name == "help") {
+                fputs(kUsage, stdout);
+                return 0;
+            }
         }
-    }
-    try {
         sdiboard::Board board(path, fault);
         board.onWrite([all](const sdiboard::Transfer& write) { printWrite(write, all); });
         printf("SDI board emulator on %s; type gpi HEX, pulse N, show or quit\n", path.c_str());
         fflush(stdout);
-        for (std::string line; std::getline(std::cin, line) && command(board, line);) {
+        for (std::string text; std::getline(std::cin, text) && command(board, text);) {
         }
-    } catch (const std::system_error& error) {
-        fprintf(stderr, "sdiboard: %s\n", error.what());
-        return 1;
-    }
-    return 0;
+        return 0;
+    });
 }

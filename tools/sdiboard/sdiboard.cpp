@@ -1,6 +1,8 @@
 // The emulated SDI board: register semantics, the transition latch and the serving thread.
 #include "sdiboard.h"
 
+#include "paths.h"
+
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +11,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <system_error>
 #include <unistd.h>
@@ -40,17 +43,19 @@ Board::Board(std::string path, Fault fault) : path_(std::move(path)), fault_(fau
         fail("sdiboard socket path");
     }
     memcpy(address.sun_path, path_.c_str(), path_.size() + 1);
+    cli::claim_socket(path_);
     fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (fd_ < 0)
         fail("socket");
-    unlink(path_.c_str());
+    struct stat bound {};
     if (bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        pipe2(wake_, O_CLOEXEC) != 0) {
+        lstat(path_.c_str(), &bound) != 0 || pipe2(wake_, O_CLOEXEC) != 0) {
         int error = errno;
         close(fd_);
         errno = error;
-        fail("sdiboard socket");
+        fail(path_.c_str());
     }
+    inode_ = bound.st_ino;
     thread_ = std::thread([this] { serve(); });
     // The SPI client waits only 20 ms for an answer; on a busy machine real-time scheduling,
     // where allowed, keeps the board in time. The thread sleeps in poll between transfers.
@@ -66,7 +71,9 @@ Board::~Board() {
     close(fd_);
     close(wake_[0]);
     close(wake_[1]);
-    unlink(path_.c_str());
+    struct stat now {};
+    if (lstat(path_.c_str(), &now) == 0 && S_ISSOCK(now.st_mode) && now.st_ino == inode_)
+        unlink(path_.c_str()); // still ours: no other board has taken the path since
 }
 
 void Board::setGpi(uint8_t levels) {

@@ -41,10 +41,11 @@ std::string defaultSocketPath();
 
 class Board {
   public:
-    // Binds `path` (a socket file left there before is replaced) and starts serving.
-    // Throws std::system_error when the socket cannot be set up.
+    // Binds `path` and starts serving. A socket no one serves any more is replaced; anything else
+    // at `path` (a file, a socket another board serves) is refused untouched. Throws
+    // std::runtime_error (std::system_error when a call fails) when the socket cannot be set up.
     explicit Board(std::string path, Fault fault = Fault::None);
-    // Stops serving and removes the socket file.
+    // Stops serving and removes the socket file, unless another board has taken the path since.
     ~Board();
     Board(const Board&) = delete;
     Board& operator=(const Board&) = delete;
@@ -78,6 +79,7 @@ class Board {
     std::string path_;
     Fault fault_;
     int fd_ = -1;
+    unsigned long inode_ = 0; // of the socket file bound
     int wake_[2] = {-1, -1};
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;

@@ -1,38 +1,89 @@
 // zqctl: drives a video server from a shell through the zqhandler library, one command per call.
 #include "zqctl.h"
 
+#include "cli.h"
+#include "paths.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <getopt.h>
+#include <memory>
+#include <stdexcept>
 #include <string>
 #include <zqhandler/trace.h>
 
 namespace zqctl {
 
+namespace {
+
+// The one place an error code of the library becomes text.
+const char* error_text(int code) {
+    return s9p_err_string[code < 0 || code > S9P_ERR_LAST ? S9P_ERR_LAST : code];
+}
+
+// The error bits of a Sony NAK, as a deck names them.
+std::string nak_bits(uint8_t bits) {
+    static constexpr const char* kNames[8] = {
+        "undefined command", "bit 1",   "checksum error", "bit 3",
+        "parity error",      "overrun", "framing error",  "time-out"};
+    std::string names;
+    for (int bit = 0; bit < 8; ++bit)
+        if (bits >> bit & 1)
+            names += (names.empty() ? "" : ", ") + std::string(kNames[bit]);
+    return names.empty() ? "no error bits" : names;
+}
+
+} // namespace
+
 int failed(Session& s, const std::string& operation) {
-    int code = zqhandler_get_last_err(s.zqh);
-    if (code < 0 || code > S9P_ERR_LAST)
-        code = S9P_ERR_LAST;
-    // No code: the library refused the call before sending anything.
-    const char* why =
-        code == S9P_ERR_NONE ? "refused before anything was sent" : s9p_err_string[code];
-    fprintf(stderr, "zqctl: %s: %s\n", operation.c_str(), why);
-    return 1;
+    const int code = zqhandler_get_last_err(s.zqh);
+    const t_s9p_command& sony = s.zqh->data.s9p.last_rcv;
+    const t_louth_command& louth = s.zqh->data.louth.last_rcv;
+    std::string why;
+    if (code == S9P_ERR_NONE)
+        why = "refused before anything was sent";
+    else if (!s.louth && sony.len >= 3 && sony.data[0] == 0x11 && sony.data[1] == 0x12)
+        why = sony.len > 3 ? "NAK " + hex_bytes({&sony.data[2], 1}) + ": " + nak_bits(sony.data[2])
+                           : std::string("NAK without error bits");
+    else if (s.louth && louth.len == 2 && louth.data[0] == 0x05)
+        why = "refused, error byte " + hex_bytes({&louth.data[1], 1});
+    else if (code == S9P_ERR_CHECKSUM)
+        why = "corrupted answer (its checksum is wrong)";
+    else if (code == S9P_ERR_PROTOCOL)
+        why = "answer of the wrong kind or form";
+    else
+        why = error_text(code);
+    return missing(operation, why);
 }
 
-int refused(const std::string& operation, const std::string& why) {
-    fprintf(stderr, "zqctl: %s: %s\n", operation.c_str(), why.c_str());
-    return 2;
+void refused(const std::string& operation, const std::string& why) {
+    throw cli::Refused(operation + ": " + why);
 }
 
-bool integer(const char* text, int64_t& value) {
-    char* end = nullptr;
-    errno = 0;
-    value = strtoll(text, &end, 0);
-    return *text && !*end && errno == 0;
+int missing(const std::string& operation, const std::string& what) {
+    return cli::failure(operation + ": " + what);
+}
+
+t_zqhandler* Session::handle() {
+    if (zqh->comm_handle.connected != S9P_LINK_NONE)
+        return zqh;
+    int result = -1;
+    if (link == kSerial) {
+        cli::check_terminal(where);
+        result = zqhandler_connect_serial(zqh, where.c_str());
+    } else {
+        const std::string host = cli::dotted(endpoint.address),
+                          port = std::to_string(endpoint.port);
+        result = link == kUdp ? zqhandler_connect_eth(zqh, host.c_str(), port.c_str())
+                              : zqhandler_connect_tcp(zqh, host.c_str(), port.c_str());
+    }
+    const int error = errno;
+    if (result != 0)
+        throw std::runtime_error("connect " + where + ": " + strerror(error));
+    if (timeout_ms >= 0)
+        zqhandler_set_timeout(zqh, static_cast<int>(timeout_ms));
+    return zqh;
 }
 
 std::string hex_bytes(std::span<const uint8_t> bytes) {
@@ -47,7 +98,28 @@ std::string hex_bytes(std::span<const uint8_t> bytes) {
 
 std::string json_string(const std::string& text) {
     std::string out = "\"";
-    for (unsigned char c : text) {
+    for (size_t i = 0; i < text.size();) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        // A whole UTF-8 sequence of two to four bytes, not overlong, not a surrogate, not past
+        // U+10FFFF, goes as it is.
+        const size_t length = c >= 0xF0 && c <= 0xF4  ? 4
+                              : c >= 0xE0             ? 3
+                              : c >= 0xC2 && c < 0xE0 ? 2
+                                                      : 0;
+        uint32_t point = length == 4 ? c & 0x07u : length == 3 ? c & 0x0Fu : c & 0x1Fu;
+        bool whole = length > 0 && i + length <= text.size();
+        for (size_t k = 1; whole && k < length; ++k) {
+            const auto next = static_cast<unsigned char>(text[i + k]);
+            whole = (next & 0xC0) == 0x80;
+            point = point << 6 | (next & 0x3Fu);
+        }
+        whole = whole && (length != 3 || (point >= 0x800 && (point < 0xD800 || point > 0xDFFF))) &&
+                (length != 4 || (point >= 0x10000 && point <= 0x10FFFF));
+        if (whole) {
+            out.append(text, i, length);
+            i += length;
+            continue;
+        }
         if (c == '"' || c == '\\') {
             out += '\\';
             out += static_cast<char>(c);
@@ -58,6 +130,7 @@ std::string json_string(const std::string& text) {
         } else {
             out += static_cast<char>(c);
         }
+        ++i;
     }
     return out + "\"";
 }
@@ -67,6 +140,7 @@ void print_bytes(Session& s, const char* key, std::span<const uint8_t> bytes) {
 }
 
 void print_text(Session& s, const char* key, const std::string& text) {
+    s.printed = true;
     if (s.json)
         printf("{%s: %s}\n", json_string(key).c_str(), json_string(text).c_str());
     else
@@ -74,6 +148,7 @@ void print_text(Session& s, const char* key, const std::string& text) {
 }
 
 void print_list(Session& s, const char* key, const std::vector<std::string>& items) {
+    s.printed = true;
     if (!s.json) {
         for (const std::string& item : items)
             printf("%s\n", item.c_str());
@@ -95,114 +170,83 @@ const char kOptions[] =
     "link (one of):\n"
     "  -u, --udp HOST:PORT     Sony frames (or Louth with --louth) in UDP datagrams\n"
     "  -t, --tcp HOST:PORT     the TCP connection protocol (transfers; Sony frames)\n"
-    "  -s, --serial DEVICE     the serial line (38400 baud, 8O1)\n"
-    "options:\n"
+    "  -s, --serial DEVICE     the serial line (38400 baud, 8O1); a terminal device\n"
+    "  HOST is an IPv4 address or a host name, PORT 1 to 65535\n"
+    "options (before or after the command):\n"
     "  -L, --louth             speak Louth instead of Sony 9-pin (UDP or serial)\n"
     "  -U, --unit N            the Louth unit (0-15, default 0)\n"
+    "  -S, --standard STD      timecodes are labels of 25 (default), 29.97df, 30, 50 or 59.94df\n"
     "  -T, --timeout MS        time-out of each wait (default 60)\n"
-    "  -j, --json              senses and listings as JSON, one object per line\n"
+    "  -j, --json              every result as one JSON object per line ({} when there is none)\n"
     "  -q, --quiet             silence the library's trace on standard error\n"
-    "  -r, --rate HZ           watch: polls per second (default 10)\n"
+    "  -r, --rate HZ           watch: polls per second (default 10, at most 1000)\n"
     "  -n, --count N           watch: exit after N lines\n"
     "  -h, --help              print this help and exit\n"
-    "Exit status: 0 on success, 1 when the device fails (the line on standard error names the\n"
-    "operation and the library's error), 2 for a bad command line.\n";
+    "Exit status: 0 on success, 1 when the device fails or cannot be reached, or what was asked\n"
+    "for is not there (the line on standard error says what happened), 2 for a bad command line.\n";
 
 const std::span<const Command> kFamilies[] = {transport_commands(), clip_commands(),
                                               server_commands()};
 
-void usage(FILE* to) {
-    fputs("usage: zqctl LINK [OPTION...] COMMAND [ARGUMENT...]\ncommands:\n", to);
+void usage() {
+    fputs("usage: zqctl LINK [OPTION...] COMMAND [ARGUMENT...]\ncommands:\n", stdout);
     for (auto family : kFamilies)
         for (const Command& c : family) {
             std::string line = std::string(c.words) + " " + c.arguments;
-            fprintf(to, "  %-24s %s\n", line.c_str(), c.help);
+            printf("  %-24s %s\n", line.c_str(), c.help);
         }
-    fputs(kOptions, to);
+    fputs(kOptions, stdout);
 }
 
-[[noreturn]] void usage_error(const char* why) {
-    fprintf(stderr, "zqctl: %s\nTry 'zqctl --help'.\n", why);
-    exit(2);
-}
-
-// The command whose words begin the arguments (the longest that matches); `used` is how many
-// words it took.
-const Command* find(int argc, char* const* argv, int& used) {
-    for (int words = std::min(argc, 3); words >= 1; --words) {
-        std::string joined = argv[0];
-        for (int i = 1; i < words; ++i)
-            joined += std::string(" ") + argv[i];
+// The command whose words begin `words` (the longest that matches); `used` is how many words it
+// took.
+const Command* find(const std::vector<const char*>& words, size_t& used) {
+    for (size_t count = std::min<size_t>(words.size(), 3); count >= 1; --count) {
+        std::string joined = words[0];
+        for (size_t i = 1; i < count; ++i)
+            joined += std::string(" ") + words[i];
         for (auto family : kFamilies)
             for (const Command& c : family)
                 if (joined == c.words) {
-                    used = words;
+                    used = count;
                     return &c;
                 }
     }
     return nullptr;
 }
 
-struct Link {
-    char kind = 0; // 'u', 't', 's'
-    std::string where;
-};
+constexpr cli::Option kOptionTable[] = {
+    {"udp", 'u', true},    {"tcp", 't', true},      {"serial", 's', true},  {"louth", 'L', false},
+    {"unit", 'U', true},   {"standard", 'S', true}, {"timeout", 'T', true}, {"json", 'j', false},
+    {"quiet", 'q', false}, {"rate", 'r', true},     {"count", 'n', true},   {"help", 'h', false}};
 
-int connect(Session& s, const Link& link, int64_t timeout_ms) {
-    int result = -1;
-    if (link.kind == 's') {
-        result = zqhandler_connect_serial(s.zqh, link.where.c_str());
-    } else {
-        size_t colon = link.where.rfind(':');
-        if (colon == std::string::npos)
-            return refused("connect", "'" + link.where + "' is not HOST:PORT");
-        std::string host = link.where.substr(0, colon), port = link.where.substr(colon + 1);
-        result = link.kind == 'u' ? zqhandler_connect_eth(s.zqh, host.c_str(), port.c_str())
-                                  : zqhandler_connect_tcp(s.zqh, host.c_str(), port.c_str());
-    }
-    if (result != 0)
-        return failed(s, "connect " + link.where);
-    if (timeout_ms >= 0)
-        zqhandler_set_timeout(s.zqh, static_cast<int>(timeout_ms));
-    return 0;
-}
-
-} // namespace
-
-int main(int argc, char** argv) {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    static const option kLong[] = {
-        {"udp", required_argument, nullptr, 'u'},    {"tcp", required_argument, nullptr, 't'},
-        {"serial", required_argument, nullptr, 's'}, {"louth", no_argument, nullptr, 'L'},
-        {"unit", required_argument, nullptr, 'U'},   {"timeout", required_argument, nullptr, 'T'},
-        {"json", no_argument, nullptr, 'j'},         {"quiet", no_argument, nullptr, 'q'},
-        {"rate", required_argument, nullptr, 'r'},   {"count", required_argument, nullptr, 'n'},
-        {"help", no_argument, nullptr, 'h'},         {nullptr, 0, nullptr, 0}};
+int run(int argc, char** argv) {
+    const cli::CommandLine line = cli::parse(argc, argv, kOptionTable);
     Session s;
-    Link link;
-    int64_t timeout_ms = -1, number = 0;
-    // '+': options end at the command, so that negative speeds and steps stay arguments.
-    for (int option;
-         (option = getopt_long(argc, argv, "+u:t:s:LU:T:jqr:n:h", kLong, nullptr)) != -1;) {
-        switch (option) {
+    for (const auto& [option, value] : line.options) {
+        const std::string name = std::string("--") + option->name;
+        switch (option->letter) {
         case 'u':
         case 't':
         case 's':
-            if (link.kind)
-                usage_error("one link only");
-            link = {static_cast<char>(option), optarg};
+            if (s.link)
+                throw cli::Refused("one link only");
+            s.link = option->letter == 'u' ? kUdp : option->letter == 't' ? kTcp : kSerial;
+            s.where = value;
+            if (s.link != kSerial)
+                s.endpoint = cli::endpoint(value, name.c_str());
             break;
         case 'L':
             s.louth = true;
             break;
         case 'U':
-            if (!integer(optarg, number) || number < 0 || number > 15)
-                usage_error("the unit is 0 to 15");
-            s.unit = static_cast<int>(number);
+            s.unit = static_cast<int>(cli::integer(value, 0, 15, "--unit"));
+            break;
+        case 'S':
+            s.rate = cli::timecode_rate(value, "--standard");
             break;
         case 'T':
-            if (!integer(optarg, timeout_ms))
-                usage_error("the time-out is a number of milliseconds");
+            s.timeout_ms = cli::integer(value, 0, INT32_MAX, "--timeout");
             break;
         case 'j':
             s.json = true;
@@ -211,35 +255,51 @@ int main(int argc, char** argv) {
             _vlmlib_set_trace_level(0);
             break;
         case 'r':
-            s.rate_hz = atof(optarg);
-            if (!(s.rate_hz > 0 && s.rate_hz <= 1000))
-                usage_error("the rate is 0 to 1000 polls per second");
+            s.rate_hz = cli::rate(value, 1000, "--rate");
             break;
         case 'n':
-            if (!integer(optarg, s.count) || s.count < 0)
-                usage_error("the count is a number");
+            s.count = cli::integer(value, 1, INT32_MAX, "--count");
             break;
-        case 'h':
-            usage(stdout);
-            return 0;
         default:
-            usage_error("bad option");
+            usage();
+            return 0;
         }
     }
-    int used = 0;
-    const Command* command = find(argc - optind, argv + optind, used);
+    size_t used = 0;
+    const Command* command = line.words.empty() ? nullptr : find(line.words, used);
     if (!command)
-        usage_error(optind < argc ? "unknown command" : "no command");
-    const int given = argc - optind - used;
+        throw cli::Refused(line.words.empty() ? std::string("no command")
+                                              : "unknown command " + cli::quote(line.words[0]));
+    const int given = static_cast<int>(line.words.size() - used);
     if (given < command->min_args || given > command->max_args)
-        return refused(command->words, std::string("usage: zqctl LINK ") + command->words + " " +
-                                           command->arguments);
-    if (!link.kind)
-        usage_error("no link: give --udp, --tcp or --serial");
+        refused(command->words,
+                std::string("usage: zqctl LINK ") + command->words + " " + command->arguments);
+    if (!s.link)
+        throw cli::Refused("no link: give --udp, --tcp or --serial");
+    if (s.louth && s.link == kTcp)
+        throw cli::Refused("--louth goes over --udp or --serial");
+    if (!(command->links & s.link))
+        refused(command->words, std::string("over ") +
+                                    (command->links == kTcp   ? "--tcp"
+                                     : command->links == kUdp ? "--udp (the management endpoint)"
+                                                              : "--udp or --tcp") +
+                                    " only");
+    std::vector<char*> arguments;
+    for (size_t i = used; i < line.words.size(); ++i)
+        arguments.push_back(const_cast<char*>(line.words[i]));
     s.zqh = zqhandler_create();
-    int status = connect(s, link, timeout_ms);
-    if (status == 0)
-        status = command->run(s, Args(argv + optind + used, static_cast<size_t>(given)));
-    zqhandler_delete(s.zqh);
+    if (!s.zqh)
+        throw std::runtime_error("out of memory");
+    std::unique_ptr<t_zqhandler, void (*)(t_zqhandler*)> owner(s.zqh, zqhandler_delete);
+    const int status = command->run(s, Args(arguments.data(), arguments.size()));
+    if (status == 0 && s.json && !s.printed)
+        puts("{}");
     return status;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    return cli::run("zqctl", [&] { return run(argc, argv); });
 }

@@ -1,6 +1,8 @@
 // zqctl's transport commands and senses, in their Sony and Louth forms, the raw frame and watch.
 #include "zqctl.h"
 
+#include "cli.h"
+
 #include <chrono>
 #include <csignal>
 #include <cstdint>
@@ -71,75 +73,66 @@ constexpr SenseName kSenses[] = {
     {"loop-mode", BAS_SENSE_LOOP_MODE},
 };
 
-int louth_only(const char* operation, const char* instead) {
-    return refused(operation, std::string("not a Louth command; ") + instead);
+[[noreturn]] void louth_only(const char* operation, const char* instead) {
+    refused(operation, std::string("not a Louth command; ") + instead);
 }
 
 // A basic command in the protocol of the session.
 int basic(Session& s, const char* operation, e_basic_command command) {
-    int result = s.louth ? zqhandler_cmd_louth_basic(s.zqh, command, s.unit)
-                         : zqhandler_cmd_basic(s.zqh, command);
+    int result = s.louth ? zqhandler_cmd_louth_basic(s.handle(), command, s.unit)
+                         : zqhandler_cmd_basic(s.handle(), command);
     return result == 0 ? 0 : failed(s, operation);
 }
 
 #define BASIC(word, command) [](Session& s, Args) { return basic(s, word, command); }
 
-// A number that fits the library's 32-bit arguments.
-bool signed_number(const char* operation, const char* text, int64_t& value, int& status) {
-    if (integer(text, value) && value >= INT32_MIN && value <= INT32_MAX)
-        return true;
-    status = refused(operation, std::string("'") + text + "' is not a 32-bit number");
-    return false;
-}
-
 int step(Session& s, Args args) {
-    int64_t count = 1;
-    int status = 0;
-    if (!args.empty() && !signed_number("step", args[0], count, status))
-        return status;
+    // Sony carries the count in one byte, its sign in the command.
+    const int64_t count = args.empty() ? 1 : cli::integer(args[0], -255, 255, "step");
     if (s.louth && count != 1)
-        return louth_only("step", "Louth steps one frame forward");
-    int result = s.louth ? zqhandler_cmd_louth_basic(s.zqh, BAS_CMD_STEP_FWD, s.unit)
-                         : zqhandler_cmd_step(s.zqh, static_cast<int>(count));
+        louth_only("step", "Louth steps one frame forward");
+    int result = s.louth ? zqhandler_cmd_louth_basic(s.handle(), BAS_CMD_STEP_FWD, s.unit)
+                         : zqhandler_cmd_step(s.handle(), static_cast<int>(count));
     return result == 0 ? 0 : failed(s, "step");
 }
 
-// jog, var and shuttle: a signed speed in percent of play speed (Louth jog: frames).
+// jog, var and shuttle: a signed speed in percent of play speed, up to the 1000 % the Sony speed
+// byte reaches (Louth var: in hundredths, up to what its signed byte of whole speeds carries;
+// Louth jog: frames).
 int motion(Session& s, const char* operation, const char* speed_text) {
-    int64_t speed = 0;
-    int status = 0;
-    if (!signed_number(operation, speed_text, speed, status))
-        return status;
     const std::string word = operation;
+    if (s.louth && word == "shuttle")
+        louth_only(operation, "use var");
+    const int64_t limit = !s.louth ? 1000 : word == "var" ? 12799 : INT32_MAX;
+    const auto speed = static_cast<int32_t>(cli::integer(speed_text, -limit, limit, operation));
     int result = -1;
     if (s.louth) {
-        if (word == "shuttle")
-            return louth_only(operation, "use var");
-        result = word == "jog"
-                     ? zqhandler_cmd_louth_jog(s.zqh, s.unit, static_cast<int32_t>(speed))
-                     : zqhandler_cmd_louth_var_play(s.zqh, s.unit, static_cast<int32_t>(speed));
+        result = word == "jog" ? zqhandler_cmd_louth_jog(s.handle(), s.unit, speed)
+                               : zqhandler_cmd_louth_var_play(s.handle(), s.unit, speed);
     } else {
         auto run = word == "jog"   ? zqhandler_cmd_jog
                    : word == "var" ? zqhandler_cmd_var_play
                                    : zqhandler_cmd_shuttle;
-        result = run(s.zqh, static_cast<int>(speed));
+        result = run(s.handle(), speed);
     }
     return result == 0 ? 0 : failed(s, operation);
 }
 
 int cue(Session& s, Args args) {
     if (s.louth)
-        return louth_only("cue", "use clip cue ID");
-    return zqhandler_cmd_cueWithData(s.zqh, args[0]) == 0 ? 0 : failed(s, "cue");
+        louth_only("cue", "use clip cue ID");
+    cli::timecode(args[0], s.rate, "cue");
+    return zqhandler_cmd_cueWithData(s.handle(), args[0]) == 0 ? 0 : failed(s, "cue");
 }
 
 // The status bytes in hex, and the bits a controller reads by name (Sony).
 int status(Session& s, Args) {
     uint8_t bytes[256] = {};
-    int n = s.louth ? zqhandler_cmd_louth_sense_status(s.zqh, s.unit, bytes)
-                    : zqhandler_cmd_sense_status(s.zqh, bytes);
+    int n = s.louth ? zqhandler_cmd_louth_sense_status(s.handle(), s.unit, bytes)
+                    : zqhandler_cmd_sense_status(s.handle(), bytes);
     if (n < 0)
         return failed(s, "status");
+    s.printed = true;
     std::string flags;
     for (const StatusBit& bit : kStatusBits)
         if (!s.louth && bit.byte < n && (bytes[bit.byte] & bit.mask))
@@ -156,9 +149,9 @@ int status(Session& s, Args) {
 // The current timecode as a string, or "" on failure.
 bool read_timecode(Session& s, std::string& tc) {
     uint8_t text[256] = {};
-    int result =
-        s.louth ? zqhandler_cmd_louth_sense_basic(s.zqh, BAS_SENSE_TC, s.unit, text)
-                : zqhandler_cmd_sense_timecode(s.zqh, BAS_SENSE_TC, reinterpret_cast<char*>(text));
+    int result = s.louth ? zqhandler_cmd_louth_sense_basic(s.handle(), BAS_SENSE_TC, s.unit, text)
+                         : zqhandler_cmd_sense_timecode(s.handle(), BAS_SENSE_TC,
+                                                        reinterpret_cast<char*>(text));
     tc = reinterpret_cast<char*>(text);
     return result >= 0;
 }
@@ -177,10 +170,10 @@ int sense(Session& s, const std::string& name) {
         if (name == known.name)
             found = &known;
     if (!found)
-        return refused("sense", "no sense named '" + name + "'");
+        refused("sense", "no sense named " + cli::quote(name));
     uint8_t out[256] = {};
-    int n = s.louth ? zqhandler_cmd_louth_sense_basic(s.zqh, found->sense, s.unit, out)
-                    : zqhandler_cmd_sense_basic(s.zqh, found->sense, out);
+    int n = s.louth ? zqhandler_cmd_louth_sense_basic(s.handle(), found->sense, s.unit, out)
+                    : zqhandler_cmd_sense_basic(s.handle(), found->sense, out);
     if (n < 0)
         return failed(s, "sense " + name);
     if (found->sense == BAS_SENSE_IP_ADDRESS || (s.louth && found->sense == BAS_SENSE_TC))
@@ -193,22 +186,25 @@ int sense(Session& s, const std::string& name) {
 // Any frame, given as hex bytes without its checksum; prints the whole answer.
 int raw(Session& s, Args args) {
     std::vector<uint8_t> frame;
-    for (const char* word : args) {
-        int64_t byte = 0;
-        if (!integer((std::string("0x") + word).c_str(), byte) || byte < 0 || byte > 0xFF)
-            return refused("raw", std::string("'") + word + "' is not a hex byte");
-        frame.push_back(static_cast<uint8_t>(byte));
+    for (const std::string word : args) {
+        if (word.empty() || word.size() > 2 ||
+            word.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
+            refused("raw", cli::quote(word) + " is not a hex byte");
+        frame.push_back(static_cast<uint8_t>(std::stoul(word, nullptr, 16)));
     }
     const int count = static_cast<int>(frame.size());
+    if (!s.louth && count != (frame[0] & 0x0F) + 2)
+        refused("raw", "CMD1 " + hex_bytes({frame.data(), 1}) + " announces " +
+                           std::to_string(frame[0] & 0x0F) + " data bytes");
     if (s.louth) {
-        if (zqhandler_cmd_louth_misc(s.zqh, frame.data(), count) != 0)
+        if (zqhandler_cmd_louth_misc(s.handle(), frame.data(), count) != 0)
             return failed(s, "raw");
         const t_louth_command& answer = s.zqh->data.louth.last_rcv;
         print_bytes(s, "answer", {answer.data, answer.len});
         return 0;
     }
     uint8_t answer[S9P_MAX_FRAME];
-    int n = zqhandler_cmd_sense_misc(s.zqh, frame.data(), count, answer);
+    int n = zqhandler_cmd_sense_misc(s.handle(), frame.data(), count, answer);
     if (n < 0)
         return failed(s, "raw");
     print_bytes(s, "answer", {answer, static_cast<size_t>(n)});
@@ -229,16 +225,17 @@ int watch(Session& s, Args) {
         std::this_thread::sleep_until(next);
         uint8_t bytes[256] = {};
         std::string tc;
-        int n = s.louth ? zqhandler_cmd_louth_sense_status(s.zqh, s.unit, bytes)
-                        : zqhandler_cmd_sense_status(s.zqh, bytes);
+        int n = s.louth ? zqhandler_cmd_louth_sense_status(s.handle(), s.unit, bytes)
+                        : zqhandler_cmd_sense_status(s.handle(), bytes);
         if (n < 0 || !read_timecode(s, tc))
             return failed(s, "watch");
         const std::string hex = hex_bytes({bytes, static_cast<size_t>(n)});
-        const std::string line = s.json
-                                     ? "{\"timecode\": \"" + tc + "\", \"status\": \"" + hex + "\"}"
-                                     : tc + "  " + hex;
+        const std::string line =
+            s.json ? "{\"timecode\": " + json_string(tc) + ", \"status\": " + json_string(hex) + "}"
+                   : tc + "  " + hex;
         if (line == last)
             continue;
+        s.printed = true;
         printf("%s\n", line.c_str());
         last = line;
         if (s.count > 0 && ++lines >= s.count)
@@ -256,14 +253,14 @@ const Command kCommands[] = {
     {"eject", "", 0, 0, BASIC("eject", BAS_CMD_EJECT), "eject (Sony)"},
     {"ff", "", 0, 0, BASIC("ff", BAS_CMD_FF), "fast forward (Sony)"},
     {"rw", "", 0, 0, BASIC("rw", BAS_CMD_RW), "rewind (Sony)"},
-    {"step", "[N]", 0, 1, step, "step N frames (negative: back; Louth: one forward)"},
+    {"step", "[N]", 0, 1, step, "step N frames, -255 to 255 (negative: back; Louth: one)"},
     {"jog", "SPEED", 1, 1, [](Session& s, Args a) { return motion(s, "jog", a[0]); },
-     "jog at SPEED percent, negative in reverse (Louth: frames)"},
+     "jog at SPEED percent (to 1000), negative in reverse (Louth: frames)"},
     {"var", "SPEED", 1, 1, [](Session& s, Args a) { return motion(s, "var", a[0]); },
      "variable play at SPEED percent, negative in reverse"},
     {"shuttle", "SPEED", 1, 1, [](Session& s, Args a) { return motion(s, "shuttle", a[0]); },
      "shuttle at SPEED percent, negative in reverse (Sony)"},
-    {"cue", "TIMECODE", 1, 1, cue, "cue to HH:MM:SS:FF (Sony)"},
+    {"cue", "TIMECODE", 1, 1, cue, "cue to HH:MM:SS:FF, a label of --standard (Sony)"},
     {"status", "", 0, 0, status, "the status bytes and their named bits"},
     {"timecode", "", 0, 0, timecode, "the current timecode"},
     {"device type", "", 0, 0, [](Session& s, Args) { return sense(s, "device-type"); },
