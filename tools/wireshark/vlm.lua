@@ -44,6 +44,15 @@ local function experts(proto, prefix, list)
     proto.experts = all
 end
 local malformed = { "Malformed", expert.group.MALFORMED, expert.severity.ERROR }
+-- The fields that tie an answer to its request, for protocol `p` ("s9p", "louth" ...).
+local function link_fields(p, list)
+    list[p .. "_request_in"] = ProtoField.framenum("vlm." .. p .. ".request_in", "Request in",
+        base.NONE, frametype.REQUEST)
+    list[p .. "_answer_in"] = ProtoField.framenum("vlm." .. p .. ".answer_in", "Answer in",
+        base.NONE, frametype.RESPONSE)
+    list[p .. "_time"] = ProtoField.relative_time("vlm." .. p .. ".time", "Answer time")
+    return list
+end
 
 local checksum_status = { [0] = "Bad", [1] = "Good" }
 local directions = { [1] = "to the device", [2] = "from the device" }
@@ -81,7 +90,7 @@ local nak_bits = {
     { 0x20, "buffer overrun" }, { 0x40, "framing error" }, { 0x80, "time-out" },
 }
 
-fields(p_s9p, {
+fields(p_s9p, link_fields("s9p", {
     s9p_direction = ProtoField.uint8("vlm.s9p.direction", "Direction", base.DEC, directions),
     s9p_cmd1 = ProtoField.uint8("vlm.s9p.cmd1", "CMD1", base.HEX),
     s9p_group = ProtoField.uint8("vlm.s9p.group", "Group", base.HEX, {
@@ -121,13 +130,8 @@ fields(p_s9p, {
     s9p_nak_overrun = ProtoField.bool("vlm.s9p.nak.overrun", "Buffer overrun", 8, nil, 0x20),
     s9p_nak_framing = ProtoField.bool("vlm.s9p.nak.framing", "Framing error", 8, nil, 0x40),
     s9p_nak_timeout = ProtoField.bool("vlm.s9p.nak.timeout", "Time-out", 8, nil, 0x80),
-    s9p_request_in = ProtoField.framenum("vlm.s9p.request_in", "Request in", base.NONE,
-        frametype.REQUEST),
-    s9p_answer_in = ProtoField.framenum("vlm.s9p.answer_in", "Answer in", base.NONE,
-        frametype.RESPONSE),
-    s9p_time = ProtoField.relative_time("vlm.s9p.time", "Answer time"),
     s9p_tunnel = ProtoField.bool("vlm.s9p.tunnelled", "Tunnelled in the connection protocol"),
-})
+}))
 experts(p_s9p, "vlm.s9p", {
     malformed = malformed,
     checksum_bad = { "Wrong checksum", expert.group.CHECKSUM, expert.severity.WARN },
@@ -137,7 +141,7 @@ experts(p_s9p, "vlm.s9p", {
     unknown = { "Command not in the catalogue", expert.group.UNDECODED, expert.severity.NOTE },
 })
 
-fields(p_louth, {
+fields(p_louth, link_fields("louth", {
     louth_direction = ProtoField.uint8("vlm.louth.direction", "Direction", base.DEC, directions),
     louth_start = ProtoField.uint8("vlm.louth.start", "Start", base.HEX),
     louth_count = ProtoField.uint8("vlm.louth.count", "Byte count"),
@@ -167,12 +171,7 @@ fields(p_louth, {
     louth_mode = ProtoField.uint8("vlm.louth.mode", "Mode", base.HEX),
     louth_what = ProtoField.uint8("vlm.louth.what", "Asked for", base.HEX),
     louth_status = ProtoField.bytes("vlm.louth.status", "Status bytes"),
-    louth_request_in = ProtoField.framenum("vlm.louth.request_in", "Request in", base.NONE,
-        frametype.REQUEST),
-    louth_answer_in = ProtoField.framenum("vlm.louth.answer_in", "Answer in", base.NONE,
-        frametype.RESPONSE),
-    louth_time = ProtoField.relative_time("vlm.louth.time", "Answer time"),
-})
+}))
 experts(p_louth, "vlm.louth", {
     malformed = malformed,
     checksum_bad = { "Wrong checksum", expert.group.CHECKSUM, expert.severity.WARN },
@@ -182,7 +181,7 @@ experts(p_louth, "vlm.louth", {
     unknown = { "Command not in the catalogue", expert.group.UNDECODED, expert.severity.NOTE },
 })
 
-fields(p_cnxn, {
+fields(p_cnxn, link_fields("cnxn", {
     cnxn_direction = ProtoField.uint8("vlm.cnxn.direction", "Direction", base.DEC, directions),
     cnxn_tag = ProtoField.string("vlm.cnxn.tag", "Tag"),
     cnxn_name = ProtoField.string("vlm.cnxn.name", "Message"),
@@ -194,15 +193,13 @@ fields(p_cnxn, {
     cnxn_bulk_len = ProtoField.uint32("vlm.cnxn.bulk_len", "Bulk data length"),
     cnxn_bulk_of = ProtoField.string("vlm.cnxn.bulk_of", "Bulk data of"),
     cnxn_bulk_offset = ProtoField.uint32("vlm.cnxn.bulk_offset", "Offset in the transfer"),
-    cnxn_request_in = ProtoField.framenum("vlm.cnxn.request_in", "Request in", base.NONE,
-        frametype.REQUEST),
-})
+}))
 experts(p_cnxn, "vlm.cnxn", {
     malformed = malformed,
     refused = { "Upload refused", expert.group.RESPONSE_CODE, expert.severity.NOTE },
 })
 
-fields(p_mgmt, {
+fields(p_mgmt, link_fields("mgmt", {
     mgmt_kind = ProtoField.uint8("vlm.mgmt.kind", "Kind", base.DEC,
         { [1] = "request", [2] = "answer" }),
     mgmt_code = ProtoField.uint16("vlm.mgmt.code", "Request code", base.DEC, {
@@ -213,11 +210,7 @@ fields(p_mgmt, {
     mgmt_data_len = ProtoField.uint32("vlm.mgmt.data_len", "Data length"),
     mgmt_log = ProtoField.string("vlm.mgmt.log", "Log"),
     mgmt_accepted = ProtoField.bool("vlm.mgmt.accepted", "Upload accepted"),
-    mgmt_request_in = ProtoField.framenum("vlm.mgmt.request_in", "Request in", base.NONE,
-        frametype.REQUEST),
-    mgmt_answer_in = ProtoField.framenum("vlm.mgmt.answer_in", "Answer in", base.NONE,
-        frametype.RESPONSE),
-})
+}))
 experts(p_mgmt, "vlm.mgmt", {
     malformed = malformed,
     refused = { "Upload refused", expert.group.RESPONSE_CODE, expert.severity.NOTE },
@@ -310,6 +303,36 @@ local function nak_names(value)
     return table.concat(names, ", ")
 end
 
+-- The helpers of the argument decoders of one protocol ("s9p" or "louth"): a warning, a check of
+-- the data's length against the lengths a command takes, timecodes and IDs in its fields.
+local function argument_helpers(p)
+    local h = {}
+    function h.warning(t, text)
+        t:add_proto_expert_info(E["vlm." .. p .. ".args"], text)
+    end
+    function h.fits(t, n, ...)
+        for _, want in ipairs({ ... }) do
+            if n == want then return true end
+        end
+        h.warning(t, string.format("%d data bytes; the command takes %s", n,
+            table.concat({ ... }, " or ")))
+        return false
+    end
+    function h.tc(t, range)
+        local text, _, bad = bcd_timecode(range)
+        local item = t:add(F[p .. "_tc"], range, text)
+        item:add(F[p .. "_drop"], range(0, 1))
+        if bad then item:add_proto_expert_info(E["vlm." .. p .. ".bcd"]) end
+        return text
+    end
+    function h.id(t, range)
+        local text = padded_text(range)
+        t:add(F[p .. "_id"], range, text)
+        return text
+    end
+    return h
+end
+
 -- Requests and their answers. Answers follow their request on the same conversation (nothing
 -- else ties them: the protocols carry no sequence numbers). Worked out on the first pass, kept
 -- for later ones by PDU id.
@@ -340,17 +363,17 @@ local function link_answer(links, pinfo, conversation, id)
     return links.pdus[id] or {}
 end
 
-local function add_link_items(tree, record, f_request_in, f_answer_in, f_time)
+local function add_link_items(tree, record, p)
     if record.request then
-        tree:add(f_request_in, record.request.frame):set_generated()
-        if f_time and record.delta then
+        tree:add(F[p .. "_request_in"], record.request.frame):set_generated()
+        if record.delta then
             local secs = math.floor(record.delta)
-            tree:add(f_time, NSTime.new(secs, math.floor((record.delta - secs) * 1e9)))
+            tree:add(F[p .. "_time"], NSTime.new(secs, math.floor((record.delta - secs) * 1e9)))
                 :set_generated()
         end
     end
-    if record.answer_frame and f_answer_in then
-        tree:add(f_answer_in, record.answer_frame):set_generated()
+    if record.answer_frame then
+        tree:add(F[p .. "_answer_in"], record.answer_frame):set_generated()
     end
 end
 
@@ -551,34 +574,8 @@ local function answer_name(request_name)
     return (request_name:gsub(" SENSE$", " DATA"):gsub(" REQUEST$", ""))
 end
 
-local function args_warning(t, text)
-    t:add_proto_expert_info(E["vlm.s9p.args"], text)
-end
-
--- The decoders of a frame's data: each gets the tree, the data (a TvbRange, nil when there is
--- none) and its length, adds its fields and returns what the Info column shows, if anything.
-local function fits(t, n, ...)
-    for _, want in ipairs({ ... }) do
-        if n == want then return true end
-    end
-    args_warning(t, string.format("%d data bytes; the command takes %s", n,
-        table.concat({ ... }, " or ")))
-    return false
-end
-
-local function s9p_tc(t, range)
-    local text, drop, bad = bcd_timecode(range)
-    local item = t:add(F.s9p_tc, range, text)
-    item:add(F.s9p_drop, range(0, 1))
-    if bad then item:add_proto_expert_info(E["vlm.s9p.bcd"]) end
-    return text
-end
-
-local function s9p_id(t, range)
-    local text = padded_text(range)
-    t:add(F.s9p_id, range, text)
-    return text
-end
+local S = argument_helpers("s9p")
+local args_warning, fits, s9p_tc, s9p_id = S.warning, S.fits, S.tc, S.id
 
 local function s9p_clip(t, range)
     local number, bad = bcd_number(range)
@@ -587,6 +584,8 @@ local function s9p_clip(t, range)
     return tostring(number)
 end
 
+-- The decoders of a frame's data: each gets the tree, the data (a TvbRange, nil when there is
+-- none) and its length, adds its fields and returns what the Info column shows, if anything.
 local sony_args = {}
 function sony_args.hex(t, d, n)
     if n > 0 then return hex(d) end
@@ -826,7 +825,7 @@ local function dissect_s9p(range, pinfo, tree, conversation, tunnelled)
         cs:add_proto_expert_info(E["vlm.s9p.checksum_bad"], string.format(
             "Wrong checksum 0x%02X: the bytes before it sum to 0x%02X", checksum:uint(), sum))
     end
-    add_link_items(t, record, F.s9p_request_in, F.s9p_answer_in, F.s9p_time)
+    add_link_items(t, record, "s9p")
     info(pinfo, "VLM Sony", summary and (name .. " " .. summary) or name)
 end
 
@@ -862,29 +861,8 @@ L(0x3, 0x07, "ACTIVE ID REQUEST", nil, "ACTIVE ID", "active_id")
 L(0x3, 0x11, "FIRST ID", nil, "FIRST ID", "id_list")
 L(0x3, 0x14, "ID SIZE REQUEST", "id", "ID SIZE", "tc")
 
-local function louth_warning(t, text)
-    t:add_proto_expert_info(E["vlm.louth.args"], text)
-end
-local function louth_fits(t, n, ...)
-    for _, want in ipairs({ ... }) do
-        if n == want then return true end
-    end
-    louth_warning(t, string.format("%d data bytes; the command takes %s", n,
-        table.concat({ ... }, " or ")))
-    return false
-end
-local function louth_tc(t, range)
-    local text, drop, bad = bcd_timecode(range)
-    local item = t:add(F.louth_tc, range, text)
-    item:add(F.louth_drop, range(0, 1))
-    if bad then item:add_proto_expert_info(E["vlm.louth.bcd"]) end
-    return text
-end
-local function louth_id(t, range)
-    local text = padded_text(range)
-    t:add(F.louth_id, range, text)
-    return text
-end
+local LH = argument_helpers("louth")
+local louth_warning, louth_fits, louth_tc, louth_id = LH.warning, LH.fits, LH.tc, LH.id
 -- A port byte: bit 7 marks a negative port, whose magnitude is in the other bits.
 local function louth_port(t, range)
     local b = range:uint()
@@ -996,8 +974,7 @@ local function dissect_louth(range, pinfo, tree, conversation)
     local id = pdu_id(pinfo, "louth")
     if first == 0x04 or first == 0x05 then
         t:add(F.louth_direction, 2):set_generated()
-        add_link_items(t, link_answer(louth_links, pinfo, conversation, id),
-            F.louth_request_in, nil, F.louth_time)
+        add_link_items(t, link_answer(louth_links, pinfo, conversation, id), "louth")
         if first == 0x04 then
             t:add(F.louth_ack, range(0, 1))
             t:set_text("Louth answer: ACK")
@@ -1079,7 +1056,7 @@ local function dissect_louth(range, pinfo, tree, conversation)
             "Wrong checksum 0x%02X, 0x%02X expected", checksum:uint(), expected))
     end
 
-    add_link_items(t, record, F.louth_request_in, F.louth_answer_in, F.louth_time)
+    add_link_items(t, record, "louth")
     info(pinfo, "VLM Louth", summary and (name .. " " .. summary) or name)
 end
 
@@ -1123,15 +1100,14 @@ local function dissect_mgmt(range, pinfo, tree, conversation, from_device)
     end
     local name, shown
     if not answer then
-        add_link_items(t, link_request(mgmt_links, pinfo, conversation, id, code),
-            F.mgmt_request_in, F.mgmt_answer_in)
+        add_link_items(t, link_request(mgmt_links, pinfo, conversation, id, code), "mgmt")
         code_item(code)
         name = mgmt_requests[code] or ("GET PICTURE " .. code)
         size_check()
         shown = code == 0 and math.min(size, carried) or 0
     else
         local record = link_answer(mgmt_links, pinfo, conversation, id)
-        add_link_items(t, record, F.mgmt_request_in)
+        add_link_items(t, record, "mgmt")
         local asked = record.request and record.request.what or code
         if asked == 0 then
             local accepted = code == 0
@@ -1357,9 +1333,9 @@ local function dissect_cnxn_header(range, pinfo, tree, conversation, from_server
     end
     local id = pdu_id(pinfo, "cnxn_header")
     if from_server then
-        add_link_items(t, link_answer(cnxn_links, pinfo, conversation, id), F.cnxn_request_in)
+        add_link_items(t, link_answer(cnxn_links, pinfo, conversation, id), "cnxn")
     elseif tag ~= "aliv" then
-        link_request(cnxn_links, pinfo, conversation, id, tag)
+        add_link_items(t, link_request(cnxn_links, pinfo, conversation, id, tag), "cnxn")
     end
     local arg1, arg2 = range(4, 4):uint(), range(8, 4):uint()
     local name, detail = spec.name, nil
@@ -1394,6 +1370,7 @@ local function dissect_cnxn_header(range, pinfo, tree, conversation, from_server
     elseif tag == "pgna" then
         t:add_proto_expert_info(E["vlm.cnxn.refused"])
     end
+    t:add(F.cnxn_name, range(0, 4), name)
     t:set_text(string.format("Connection protocol %s: %s", from_server and "answer" or "request",
         name))
     info(pinfo, "VLM Cnxn", detail and (name .. " " .. detail) or name)
