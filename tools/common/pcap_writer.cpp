@@ -73,9 +73,8 @@ bool Writer::serial(Direction direction, Serial protocol, uint16_t line,
                   bytes);
 }
 
-bool Writer::record(Direction direction, uint8_t link, uint8_t protocol,
-                    const sockaddr_in* local, const sockaddr_in* peer, uint16_t line,
-                    std::span<const uint8_t> bytes) {
+bool Writer::record(Direction direction, uint8_t link, uint8_t protocol, const sockaddr_in* local,
+                    const sockaddr_in* peer, uint16_t line, std::span<const uint8_t> bytes) {
     if (bytes.size() > kMaxRecord) {
         errno = EMSGSIZE;
         return false;

@@ -9,11 +9,10 @@
 -- Every field is under "vlm." (vlm.gpio, vlm.dgram, vlm.s9p, vlm.louth, vlm.cnxn, vlm.mgmt,
 -- vlm.link). Written for Wireshark 4.0 (Lua 5.2).
 
-local band, bor, rshift = bit32.band, bit32.bor, bit32.rshift
+local band, rshift = bit32.band, bit32.rshift
 
 local GPI_PORT, GPO_PORT, NET_PORT = 42000, 42001, 42002
 local CTRLD_PORT = 32896
-local LINKTYPE_USER0 = 147
 
 local p_gpio = Proto("vlm.gpio", "VLM GPI/GPO event")
 local p_dgram = Proto("vlm.dgram", "VLM datagram header")
