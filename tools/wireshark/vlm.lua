@@ -35,8 +35,8 @@ local function fields(proto, list)
 end
 local function experts(proto, prefix, list)
     local all = {}
-    for key, spec in pairs(list) do
-        local e = ProtoExpert.new(prefix .. "." .. key, spec[1], spec[2], spec[3])
+    for key, entry in pairs(list) do
+        local e = ProtoExpert.new(prefix .. "." .. key, entry[1], entry[2], entry[3])
         E[prefix .. "." .. key] = e
         all[#all + 1] = e
     end
@@ -1284,10 +1284,10 @@ end
 
 -- What a header means for the bytes that follow it, on the first pass.
 local function cnxn_update(c, tag, arg1, arg2, from_server, frame)
-    local spec = TAGS[tag]
-    if not spec then return end
+    local known = TAGS[tag]
+    if not known then return end
     if from_server then
-        if spec.bulk then c.announced = { size = arg1, what = spec.bulk } end
+        if known.bulk then c.announced = { size = arg1, what = known.bulk } end
         if tag == "pgac" and c.upload and c.upload > 0 then
             c.to_server = { what = "GOP upload", total = c.upload, offset = 0, request = frame }
         end
@@ -1322,11 +1322,11 @@ local function dissect_cnxn_header(range, pinfo, tree, conversation, from_server
         return cnxn_bad(t, pinfo, string.format("cut after %d of its 12 header bytes", n))
     end
     local tag = range(0, 4):raw()
-    local spec = TAGS[tag]
+    local known = TAGS[tag]
     t:add(F.cnxn_tag, range(0, 4), (tag:gsub("[^\32-\126]", ".")))
     local a1 = t:add(F.cnxn_arg1, range(4, 4))
     t:add(F.cnxn_arg2, range(8, 4))
-    if not spec or (from_server and not spec.answer) or (not from_server and not spec.request) then
+    if not known or (from_server and not known.answer) or (not from_server and not known.request) then
         return cnxn_bad(t, pinfo, string.format("tag \"%s\" is not %s of the connection protocol",
             (tag:gsub("[^\32-\126]", ".")), from_server and "an answer" or "a request"))
     end
@@ -1337,7 +1337,7 @@ local function dissect_cnxn_header(range, pinfo, tree, conversation, from_server
         add_link_items(t, link_request(cnxn_links, pinfo, conversation, id, tag), "cnxn")
     end
     local arg1, arg2 = range(4, 4):uint(), range(8, 4):uint()
-    local name, detail = spec.name, nil
+    local name, detail = known.name, nil
     if tag == "s9p " then
         local length = from_server and range(7, 1) or range(4, 4)
         t:add(F.cnxn_frame_len, length)
@@ -1355,13 +1355,13 @@ local function dissect_cnxn_header(range, pinfo, tree, conversation, from_server
     end
     if not from_server then
         if tag ~= "data" and tag ~= "aliv" and tag ~= "pgop" then name = name .. " REQUEST" end
-        if spec.arg1 then a1:append_text(" (" .. spec.arg1 .. ")") end
+        if known.arg1 then a1:append_text(" (" .. known.arg1 .. ")") end
         if tag == "uuuu" then detail = tostring(arg1) end
         if tag == "pgop" then
             t:add(F.cnxn_size, range(8, 4))
             detail = arg2 .. " bytes"
         end
-    elseif spec.bulk then
+    elseif known.bulk then
         t:add(F.cnxn_size, range(4, 4))
         detail = arg1 .. " bytes"
     elseif tag == "ver " then
