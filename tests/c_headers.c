@@ -18,4 +18,5 @@
 #include <zqhandler/zqhandler_mgmt.h>
 #include <zqhandler/zqhandler_cnxn.h>
 
+int c_headers_compiled(void);
 int c_headers_compiled(void) { return 1; }

@@ -164,7 +164,7 @@ TEST_P(LouthLink, answer_is_taken_whole_or_refused_with_the_transport_code) {
 
 const char* const kLinkNames[] = {"udp", "serial"};
 INSTANTIATE_TEST_SUITE_P(Links, LouthLink, testing::Values(Link::udp, Link::serial),
-                         [](const auto& info) { return kLinkNames[info.index]; });
+                         [](const auto& link) { return kLinkNames[link.index]; });
 
 TEST(LouthDatagram, late_answers_are_drained_and_the_answering_address_becomes_the_peer) {
     SimHandle s(Link::udp, Protocol::louth);
@@ -317,6 +317,6 @@ TEST_P(LouthOperations, each_accepts_its_answer_and_refuses_the_others) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Links, LouthOperations, testing::Values(Link::udp, Link::serial),
-                         [](const auto& info) { return kLinkNames[info.index]; });
+                         [](const auto& link) { return kLinkNames[link.index]; });
 
 } // namespace

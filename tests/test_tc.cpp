@@ -307,9 +307,9 @@ TEST_P(TcDay, every_frame_of_a_day_labels_counts_and_round_trips_through_bcd) {
 INSTANTIATE_TEST_SUITE_P(Rates, TcDay,
                          testing::Values(Day{30, 1}, Day{60, 1}, Day{24, 0}, Day{25, 0}, Day{30, 0},
                                          Day{50, 0}, Day{60, 0}),
-                         [](const auto& info) {
-                             return std::to_string(info.param.rate) +
-                                    (info.param.drop ? "_drop_frame" : "");
+                         [](const auto& day) {
+                             return std::to_string(day.param.rate) +
+                                    (day.param.drop ? "_drop_frame" : "");
                          });
 
 } // namespace

@@ -174,7 +174,7 @@ TEST(Datagram, refused_frame_is_not_sent_and_keeps_the_last_error) {
 
 const char* const kLinkNames[] = {"udp", "tcp", "serial"};
 INSTANTIATE_TEST_SUITE_P(Links, Exchange, testing::Values(Link::udp, Link::tcp, Link::serial),
-                         [](const auto& info) { return kLinkNames[info.index]; });
+                         [](const auto& link) { return kLinkNames[link.index]; });
 
 // --- datagrams -----------------------------------------------------------------------------------
 

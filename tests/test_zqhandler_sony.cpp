@@ -134,7 +134,7 @@ TEST_P(Basic, each_sense_sends_its_frame_and_copies_the_answer_it_accepts) {
 
 const char* const kLinkNames[] = {"udp", "tcp", "serial"};
 INSTANTIATE_TEST_SUITE_P(Links, Basic, testing::Values(Link::udp, Link::tcp, Link::serial),
-                         [](const auto& info) { return kLinkNames[info.index]; });
+                         [](const auto& link) { return kLinkNames[link.index]; });
 
 // --- the device operations over UDP --------------------------------------------------------------
 
