@@ -4,7 +4,7 @@
 // no model). Counted: answers, failures (lost, or later than the handles' time-out), latency, the
 // process's CPU time (getrusage, controllers included) per answer, and the emulator's serving
 // thread's own CPU time per answer (its thread CPU clock).
-#include "devsim.h"
+#include <devsim/devsim.h>
 #include "percentiles.h"
 
 #include <atomic>

@@ -1,6 +1,6 @@
 // Connection protocol: request bytes on the wire, raw receives and the flush.
 // The tunnel, headers in pieces and the keep-alive are shown end to end in test_zqhandler.
-#include "cnxn.h"
+#include "cnxn_private.h"
 #include "loopback.h"
 
 #include <gtest/gtest.h>

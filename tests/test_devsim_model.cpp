@@ -1,6 +1,6 @@
 // The emulator as a virtual server behind every link, driven through the library; scenario files.
-#include "devsim.h"
-#include "scenario.h"
+#include <devsim/devsim.h>
+#include <devsim/scenario.h>
 
 #include <atomic>
 #include <chrono>

@@ -4,9 +4,9 @@
 #include "sim_handle.h"
 
 #include <cstring>
+#include <devsim/louth.h>
 #include <functional>
 #include <gtest/gtest.h>
-#include <louth.h>
 #include <optional>
 #include <zqhandler/zqhandler_louth.h>
 

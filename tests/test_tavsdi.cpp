@@ -1,7 +1,7 @@
 // Board detection and register reads, against the emulated board.
 #include "capture.h"
 #include "common.h"
-#include "sdiboard.h"
+#include <sdiboard/sdiboard.h>
 #include "tavsdi.h"
 
 #include <gtest/gtest.h>

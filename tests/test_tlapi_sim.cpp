@@ -1,7 +1,7 @@
 // The tlapi sim's wire, against the emulated board: only an answer of three bytes within 20 ms is
 // taken, anything else reads as a floating bus, and a late answer is never taken for the next one.
 #include "common.h"
-#include "sdiboard.h"
+#include <sdiboard/sdiboard.h>
 #include "tlapi.h"
 
 #include <array>

@@ -1,6 +1,6 @@
 // The library's trace limit, the assertion report and the fatal error.
 #include "capture.h"
-#include "trace.h"
+#include "trace_private.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // zqctl as a person runs it, against the emulator on each link: its output lines and exit status
 // for each command family, the Sony and Louth forms, the transfers, and the failure line.
-#include "devsim.h"
+#include <devsim/devsim.h>
 
 #include <cstdio>
 #include <fstream>

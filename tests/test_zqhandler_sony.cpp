@@ -291,7 +291,7 @@ TEST(SonyOperations, messages_are_printed_only_for_their_failures) {
     EXPECT_EQ(preset(h), -1);
     const std::string send_line = out.text();
     EXPECT_EQ(zqhandler_get_last_err(h), S9P_ERR_NOT_CONNECTED);
-    const std::regex message("zqhandler_send_s9p failed in sony_exchange\\.cpp:[0-9]+\n");
+    const std::regex message("zqhandler_send_s9p failed in exchange\\.cpp:[0-9]+\n");
     EXPECT_TRUE(std::regex_match(send_line, message)) << send_line;
     EXPECT_TRUE(std::regex_match(read_line, message)) << read_line;
     EXPECT_NE(send_line, read_line);

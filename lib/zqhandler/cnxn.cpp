@@ -1,10 +1,10 @@
 // Connection protocol: request builders and the transfers on the TCP stream, with the keep-alive
 // that tells the server a client waiting for raw bytes is still there.
-#include "cnxn.h"
+#include "cnxn_private.h"
 
 #include "mytime.h"
 #include "select.h"
-#include "trace.h"
+#include "trace_private.h"
 
 #include <algorithm>
 #include <cerrno>

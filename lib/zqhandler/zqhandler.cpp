@@ -1,6 +1,6 @@
 // The device-control handle: creation with its defaults, the three connections and their
 // teardown, time-out and last error. The operations are in zqhandler_<family>.cpp.
-#include "zqhandler.h"
+#include "zqhandler_private.h"
 
 #include "myserial.h"
 #include "mysocket.h"

@@ -1,8 +1,8 @@
 // vlmgpiod.out as a process: each scenario in a network namespace of its own, with the emulated
 // board in-process on a socket path of its own.
-#include "devsim.h"
+#include <devsim/devsim.h>
 #include "harness.h"
-#include "sdiboard.h"
+#include <sdiboard/sdiboard.h>
 
 #include <arpa/inet.h>
 #include <cerrno>

@@ -50,14 +50,10 @@ typedef struct s_louth_command {
     uint8_t len;                   /* valid bytes in data */
 } t_louth_command;
 
-/* A Louth frame in a UDP datagram. The 16-bit fields are held in network byte order. A datagram
- * carries the 10-byte header and exactly `size` frame bytes, not the whole record. */
+/* A Louth frame in a UDP datagram (the header is ZQ_DATAGRAM_HEADER, type 5). A datagram carries
+ * the 10-byte header and exactly `size` frame bytes, not the whole record. */
 typedef struct s_ComHdr_louth {
-    uint16_t type;    /* 5, a Louth frame; ignored on receipt */
-    uint16_t size;    /* the frame's length; on receipt only its low byte counts */
-    uint16_t msgType; /* 0 */
-    uint16_t seqID;   /* 0 */
-    uint16_t seqNum;  /* 0 */
+    ZQ_DATAGRAM_HEADER
     uint8_t data[LOUTH_DATA_SIZE];
 } ComHdr_louth;
 

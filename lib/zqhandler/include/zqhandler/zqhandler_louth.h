@@ -29,7 +29,7 @@
 #include <zqhandler/basic.h>
 #include <zqhandler/louth.h>
 #include <zqhandler/zq_api.h>
-#include <zqhandler/zqhandler.h>
+#include <zqhandler/zqhandler_handle.h>
 
 ZQ_BEGIN_DECLS
 

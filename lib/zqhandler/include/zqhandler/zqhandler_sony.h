@@ -17,7 +17,7 @@
 #include <stdint.h>
 #include <zqhandler/basic.h>
 #include <zqhandler/zq_api.h>
-#include <zqhandler/zqhandler.h>
+#include <zqhandler/zqhandler_handle.h>
 
 ZQ_BEGIN_DECLS
 

@@ -3,7 +3,7 @@
 // the link record); the Sony transport builds on this for its stream link.
 #pragma once
 
-#include "sony9p.h"
+#include "sony9p_private.h"
 #include "wire.h"
 
 #include <zqhandler/cnxn.h>
