@@ -50,19 +50,20 @@ template <> struct Protocol<t_louth_command> {
     using Datagram = ComHdr_louth;
     using Assembler = LouthAnswerAssembler;
     static constexpr uint16_t kDatagramType = 5;
-    static constexpr int kStaleDropped = kMaxStaleReads;
+    static constexpr int kStaleDropped = 1; // one late answer, not every one
     static constexpr bool kRetryWritable = false;
     static constexpr e_s9p_err kSendFailed = S9P_INVAL_ARG;
     static constexpr e_s9p_err kSerialReadFailed = S9P_RCV_TIMEOUT;
-    static constexpr bool kEmptyReadEnds = false;
+    // Each read waits the line's own 0.1 s; one that brings nothing ends the answer.
+    static constexpr bool kEmptyReadEnds = true;
 
     static bool sendable(const t_louth_command&) { return true; }
     static e_s9p_err parse(std::span<const uint8_t> datagram, t_louth_command* answer) {
         return louth_parse_datagram(datagram, answer);
     }
     static e_s9p_err check(const t_louth_command& answer) { return louth_check_answer(answer); }
-    // The time-out is checked after every read.
-    static bool deadline_counts(bool, bool) { return true; }
+    // The time-out is checked before each read of the bytes that follow the length.
+    static bool deadline_counts(bool, bool length_known_now) { return length_known_now; }
 };
 
 // --- datagram ------------------------------------------------------------------------------

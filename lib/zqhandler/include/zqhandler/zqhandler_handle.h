@@ -72,8 +72,10 @@ ZQ_API void zqhandler_disconnect(t_zqhandler* zqh);
 
 /* The time-out in ms of each wait of an exchange (a send, then an answer). 0 waits no longer
  * than the transport's smallest step (one poll of the UDP socket, one 0.1 s read of the serial
- * line, one 20 ms slice for a stream's frame); a negative time-out waits without limit. Set it
- * after connecting: a connect resets it to 60. Returns the new time-out. */
+ * line, one 20 ms slice for a stream's frame); a negative time-out waits without limit, but for a
+ * Louth answer on the serial line, which ends at the first read of the line that brings nothing
+ * within its 0.1 s. Set it after connecting: a connect resets it to 60. Returns the new
+ * time-out. */
 ZQ_API int zqhandler_set_timeout(t_zqhandler* zqh, int timeout_ms);
 ZQ_API int zqhandler_get_timeout(t_zqhandler* zqh);
 /* Returns the last failure's e_s9p_err code and clears it. */
