@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <gtest/gtest.h>
+#include <regex>
 #include <zqhandler/zqhandler_cnxn.h>
 
 namespace {
@@ -158,18 +159,25 @@ TEST(CnxnOperations, raw_bytes_that_stall_get_keep_alives_until_they_come_or_500
     CapturedStderr err;
     EXPECT_EQ(into(6, kGop)(s.zqh, s.sim, seen), 0);
     EXPECT_EQ(seen.text(), "01 02 03 04 05 06 size 6");
+    // Each keep-alive is traced with its source location: waited for 2 of the 6 bytes.
+    const std::string trace = err.text();
+    EXPECT_TRUE(std::regex_search(
+        trace, std::regex("(^|\n)cnxn\\.cpp:[0-9]+> send alive ret: 2 ret2: 2 size: 6 tm2: [0-9]+ "
+                          "tm: 5000\n")))
+        << trace;
     size_t alive = s.sim.count_tag("aliv");
     EXPECT_GE(alive, 5u); // 300 ms in 20 ms slices is 15
     EXPECT_LE(alive, 30u);
 
     // The older form waits for as many bytes as the buffer holds; three of four never end it.
     s.sim.transfers().set_gop({1, 2, 3});
+    CapturedStderr old_err;
     auto start = Clock::now();
     EXPECT_EQ(into(4, kOldGop)(s.zqh, s.sim, seen), -1);
     EXPECT_GE(elapsed_ms(start), 4990);
     EXPECT_EQ(zqhandler_get_last_err(s.zqh), S9P_RCV_TIMEOUT);
     EXPECT_EQ(seen.text(), "01 02 03 EE") << "the bytes that came are kept";
-    EXPECT_NE(err.text().find("zqhandler_cnxn_old_get_gop: cnxn_rcv_cmd() failure\n"),
+    EXPECT_NE(old_err.text().find("zqhandler_cnxn_old_get_gop: cnxn_rcv_cmd() failure\n"),
               std::string::npos);
     EXPECT_GT(s.sim.count_tag("aliv"), alive + 100) << "about one per 20 ms of the 5000 ms";
 }

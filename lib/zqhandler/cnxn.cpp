@@ -214,8 +214,8 @@ int cnxn_rcv_data(t_s9p_handle* hdl, uint8_t* buffer, int count, unsigned timeou
     Progress progress;
     auto keep_alive = [&] {
         vlmlibtrace(VLMLIB_TRACE_TRANSPORT,
-                    "%s:%d> send alive ret: %d ret2: %d size: %d tm2: %lu tm: %lu\n", "cnxn",
-                    __LINE__, static_cast<int>(progress.got), progress.last_recv, count,
+                    "%s:%d> send alive ret: %d ret2: %d size: %d tm2: %lu tm: %lu\n",
+                    source_name(__FILE__), __LINE__, static_cast<int>(progress.got), progress.last_recv, count,
                     static_cast<unsigned long>(ElapsedTime2ms(&progress.start)),
                     static_cast<unsigned long>(timeout_ms));
         t_cnxn_command alive{};
