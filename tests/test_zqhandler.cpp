@@ -3,6 +3,7 @@
 #include "capture.h"
 #include "common.h"
 #include "loopback.h"
+#include "myserial.h"
 #include "sim_handle.h"
 
 #include <arpa/inet.h>
@@ -136,6 +137,9 @@ TEST_P(Exchange, answer_decides_the_result_and_the_last_error) {
     };
     SimHandle s(GetParam());
     ASSERT_EQ(s.connected, 0);
+    const t_s9p_handle& link = s.zqh->comm_handle;
+    const int fd = GetParam() == Link::serial ? link.shdl->fd : link.fd;
+    EXPECT_TRUE(fcntl(fd, F_GETFD) & FD_CLOEXEC) << "a program the caller starts would inherit it";
     zqhandler_set_timeout(s.zqh, 2000);
     for (const Case& c : cases) {
         s.sim.script(c.reply);

@@ -2,11 +2,16 @@
 // answers each accepts or refuses, what it says, and raw transfers that stall or fall short.
 #include "capture.h"
 #include "common.h"
+#include "loopback.h"
 #include "sim_handle.h"
 
+#include <atomic>
 #include <functional>
+#include <future>
 #include <gtest/gtest.h>
 #include <regex>
+#include <sys/ioctl.h>
+#include <thread>
 #include <zqhandler/zqhandler_cnxn.h>
 
 namespace {
@@ -180,6 +185,52 @@ TEST(CnxnOperations, raw_bytes_that_stall_get_keep_alives_until_they_come_or_500
     EXPECT_NE(old_err.text().find("zqhandler_cnxn_old_get_gop: cnxn_rcv_cmd() failure\n"),
               std::string::npos);
     EXPECT_GT(s.sim.count_tag("aliv"), alive + 100) << "about one per 20 ms of the 5000 ms";
+}
+
+// Input waiting before a request is dropped in a bounded number of reads: 400 KB already there
+// are not all dropped, so the request's answer header is read from them; and a server that then
+// sends without pause holds no request past the time-out.
+TEST(CnxnOperations, server_that_never_stops_sending_does_not_hold_a_request) {
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = loopback_address(0);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
+    ASSERT_EQ(listen(listener, 1), 0);
+    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+    constexpr size_t kWaiting = 400 * 1024;
+    std::atomic<bool> flooding{false}, done{false};
+    std::thread server([&] {
+        const int peer = accept(listener, nullptr, nullptr);
+        const Bytes junk(kWaiting, 0x5A);
+        send(peer, junk.data(), junk.size(), MSG_NOSIGNAL);
+        while (!done)
+            if (!flooding || send(peer, junk.data(), 4096, MSG_NOSIGNAL) <= 0)
+                std::this_thread::yield();
+        close(peer);
+    });
+    t_zqhandler* h = zqhandler_create();
+    const std::string port = std::to_string(ntohs(address.sin_port));
+    ASSERT_EQ(zqhandler_connect_tcp(h, "127.0.0.1", port.c_str()), 0);
+    int room = 4 << 20;
+    setsockopt(h->comm_handle.fd, SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+    zqhandler_set_timeout(h, 200);
+    for (int waiting = 0; waiting < static_cast<int>(kWaiting);)
+        ioctl(h->comm_handle.fd, FIONREAD, &waiting);
+    for (bool flood : {false, true}) {
+        flooding = flood;
+        auto version =
+            std::async(std::launch::async, [h] { return zqhandler_cnxn_version(h, 0, 0); });
+        const bool returned =
+            version.wait_for(std::chrono::seconds(3)) == std::future_status::ready;
+        done = !returned; // a held request returns once the flood ends
+        EXPECT_TRUE(returned) << "flooding " << flood;
+        EXPECT_EQ(version.get(), -1);
+        EXPECT_EQ(zqhandler_get_last_err(h), S9P_ERR_PROTOCOL) << "flooding " << flood;
+    }
+    done = true;
+    zqhandler_delete(h);
+    server.join();
+    close(listener);
 }
 
 TEST(CnxnOperations, disk_information_takes_the_protocol_of_the_link) {

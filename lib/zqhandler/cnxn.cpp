@@ -241,11 +241,11 @@ int cnxn_rcv_data(t_s9p_handle* hdl, uint8_t* buffer, int count, unsigned timeou
 void cnxn_flush_input(t_s9p_handle* hdl) {
     if (!hdl->connected)
         return;
+    // What is waiting is dropped, but in no more reads than the stale datagrams before a
+    // datagram request: a server that never stops sending must not keep the caller here.
     uint8_t scratch[kFlushChunk];
-    while (selectin(hdl->fd, 0) > 0) {
-        if (recv(hdl->fd, scratch, sizeof scratch, 0) <= 0)
-            return;
-    }
+    drain_waiting(hdl->fd, kMaxStaleReads,
+                  [&] { return recv(hdl->fd, scratch, sizeof scratch, 0) > 0; });
 }
 
 CnxnAnnounce cnxn_check_announce(std::span<const uint8_t, CNXN_HEADER_SIZE> header,
