@@ -3,6 +3,7 @@
 #include "common.h"
 #include "loopback.h"
 
+#include <climits>
 #include <gtest/gtest.h>
 #include <vector>
 #include <zqhandler/sony9p.h>
@@ -39,12 +40,14 @@ TEST(Sony9p, misc_appends_the_checksum_and_refuses_a_count_that_cmd1_does_not_an
     }
 }
 
-TEST(Sony9p, checksum_of_nothing_is_zero_and_texts_keep_their_spelling) {
+TEST(Sony9p, checksum_of_nothing_is_zero_and_every_code_has_a_text) {
     const uint8_t bytes[] = {0xFF, 0x02};
     EXPECT_EQ(s9p_calculate_checksum(bytes, 0), 0);
     EXPECT_EQ(s9p_calculate_checksum(bytes, 2), 0x01);
-    EXPECT_STREQ(s9p_err_string[S9P_ERR_CHECKSUM], "Cheksum error");
-    EXPECT_STREQ(s9p_err_string[S9P_ERR_LAST], "Unknown error");
+    EXPECT_STREQ(s9p_strerror(S9P_ERR_CHECKSUM), "Cheksum error");
+    EXPECT_STREQ(s9p_strerror(S9P_NOTFOUND), "Not found");
+    for (int code : {-1, int{S9P_ERR_LAST}, S9P_ERR_LAST + 1, INT_MIN})
+        EXPECT_STREQ(s9p_strerror(code), "Unknown error") << code;
 }
 
 } // namespace

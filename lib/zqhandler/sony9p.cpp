@@ -15,6 +15,10 @@ const char* const s9p_err_string[S9P_ERR_LAST + 1] = {
 };
 static_assert(std::size(s9p_err_string) == S9P_ERR_LAST + 1, "one message per code and a fallback");
 
+const char* s9p_strerror(int code) {
+    return s9p_err_string[code >= 0 && code < S9P_ERR_LAST ? code : S9P_ERR_LAST];
+}
+
 int s9p_calculate_checksum(const uint8_t* bytes, int count) {
     unsigned sum = 0;
     for (int i = 0; i < count; ++i)

@@ -13,12 +13,10 @@
 namespace zqctl {
 
 int failed(Session& s, const std::string& operation) {
-    int code = zqhandler_get_last_err(s.zqh);
-    if (code < 0 || code > S9P_ERR_LAST)
-        code = S9P_ERR_LAST;
+    const int code = zqhandler_get_last_err(s.zqh);
     // No code: the library refused the call before sending anything.
     const char* why =
-        code == S9P_ERR_NONE ? "refused before anything was sent" : s9p_err_string[code];
+        code == S9P_ERR_NONE ? "refused before anything was sent" : s9p_strerror(code);
     fprintf(stderr, "zqctl: %s: %s\n", operation.c_str(), why);
     return 1;
 }

@@ -35,6 +35,10 @@ typedef enum e_s9p_err {
  * other value. Static strings, valid for the life of the process. */
 ZQ_API extern const char* const s9p_err_string[S9P_ERR_LAST + 1];
 
+/* The message of any code, in range or not: s9p_err_string[code] for 0 to S9P_ERR_LAST, else
+ * "Unknown error". A static string, never null. */
+ZQ_API const char* s9p_strerror(int code);
+
 /* A reserved word kept in records for layout; the library neither reads nor writes `flags`. */
 typedef struct s_zq_reserved {
     uint32_t reserved;

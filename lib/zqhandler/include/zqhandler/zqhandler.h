@@ -10,7 +10,7 @@
  *   zqhandler_louth.h    the Louth operations
  *   zqhandler_cnxn.h     transfers over TCP: version, disk information, file entries, GOPs
  *   zqhandler_mgmt.h     the management protocol over UDP: log, disk information, pictures
- *   sony9p.h             Sony frames, the error codes and their texts
+ *   sony9p.h             Sony frames, the error codes and s9p_strerror
  *   s9p_commands.h, odetics.h, tavon.h, louth.h, cnxn.h, mgmt.h
  *                        the builders of every command, for a caller's own exchanges
  *   basic.h              the basic command and sense numbers
@@ -18,7 +18,7 @@
  *   trace.h              the library's trace limit
  *
  * Every failure of an exchange leaves an e_s9p_err code in the handle: zqhandler_get_last_err
- * returns it, s9p_err_string gives its text. */
+ * returns it, s9p_strerror turns it into text. */
 #ifndef ZQHANDLER_ZQHANDLER_H
 #define ZQHANDLER_ZQHANDLER_H
 
