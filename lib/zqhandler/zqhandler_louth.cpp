@@ -8,6 +8,9 @@
 
 namespace {
 
+// The longest output: an ID of byte count - 2 data bytes, and its terminator.
+static_assert(ZQ_LOUTH_OUT_BYTES == LOUTH_MAX_COUNT - 2 + 1);
+
 using UnitBuilder = int (*)(t_louth_command*, int);
 
 constexpr auto kBasicCommands = [] {

@@ -9,6 +9,8 @@
 
 namespace {
 
+static_assert(ZQ_ODETICS_ID_BYTES == kIdBytes + 1, "the ID and its terminator");
+
 // One step of the ID list: 0x88 and `cmd2` (0 for any) with the ID, or 0x80 at the list's end.
 int list_step(t_zqhandler* zqh, int (*build)(t_s9p_command*), uint8_t cmd2, char* id) {
     if (!id)

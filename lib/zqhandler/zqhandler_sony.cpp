@@ -13,6 +13,9 @@
 
 namespace {
 
+// An answer announces at most 15 data bytes; the basic sense adds a terminator.
+static_assert(ZQ_SENSE_DATA_MAX == 0x0F && ZQ_SENSE_BYTES == ZQ_SENSE_DATA_MAX + 1);
+
 using Builder = int (*)(t_s9p_command*);
 
 // ---- the basic tables ----

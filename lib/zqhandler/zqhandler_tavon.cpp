@@ -8,6 +8,9 @@
 
 namespace {
 
+// The capture status is the 10 bytes 0x7A announces; the information, at most the 15 of 0x7F.
+static_assert(ZQ_CAPTURE_BYTES == 0x0A && ZQ_MEDIA_INFO_BYTES == 0x0F);
+
 // An information answer: group 0x7 with n >= 1 data bytes, all present, repeating the request's
 // CMD2 and selector.
 auto information(uint8_t cmd2, uint8_t selector) {
