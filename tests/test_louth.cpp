@@ -228,6 +228,7 @@ TEST_P(LouthOperations, each_accepts_its_answer_and_refuses_the_others) {
          "02 0A 20 24 57 45 41 54 48 45 52 20 8C"},
         {"loaded ID", loaded, model, 8, kept, "02 02 30 07 C9", "WEATHER \0"s},
         {"no loaded ID", loaded, answer({0x30, 0x87, 0}), 0, kept, "02 02 30 07 C9"},
+        {"loaded ID, count 2", loaded, answer({0x30, 0x87}), -1, protocol, "02 02 30 07 C9"},
         {"first ID", first, model, 8, kept, "02 02 30 11 BF", "NEWS    \0"s},
         {"next ID", next, model, 8, kept, "02 02 30 02 CE", "WEATHER \0"s},
         {"list ends", next, model, -1, S9P_NOTFOUND, "02 02 30 02 CE"},
