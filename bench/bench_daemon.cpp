@@ -1,10 +1,10 @@
 // vlmgpiod.out as a process on the emulated board, in a network namespace of its own (root):
 // GPI-to-event latency with ctrld.out answering and absent, the poll cycle under a flood of garbage
 // datagrams, and the idle daemon's CPU and memory, each beside its baseline from the same run.
-#include "devsim.h"
 #include "harness.h"
 #include "percentiles.h"
-#include "sdiboard.h"
+#include <devsim/devsim.h>
+#include <sdiboard/sdiboard.h>
 
 #include <algorithm>
 #include <atomic>

@@ -4,8 +4,8 @@
 // no model). Counted: answers, failures (lost, or later than the handles' time-out), latency, the
 // process's CPU time (getrusage, controllers included) per answer, and the emulator's serving
 // thread's own CPU time per answer (its thread CPU clock).
-#include "devsim.h"
 #include "percentiles.h"
+#include <devsim/devsim.h>
 
 #include <atomic>
 #include <chrono>
@@ -16,6 +16,7 @@
 #include <sys/resource.h>
 #include <thread>
 #include <vector>
+#include <zqhandler/tc.h>
 #include <zqhandler/zqhandler.h>
 #include <zqhandler/zqhandler_odetics.h>
 #include <zqhandler/zqhandler_sony.h>
@@ -136,6 +137,38 @@ BENCHMARK(BM_eight_pollers_and_a_recorder)
     ->Iterations(1)
     ->UseRealTime()
     ->Unit(benchmark::kSecond);
+
+// How fast the model's position runs while it plays, against the wall clock: the frames it moved
+// in one second of play, read over UDP as the current time, per second of the steady clock. The
+// standard's rate, 25, is the baseline.
+void BM_position_rate(benchmark::State& state) {
+    devsim::DevSim sim;
+    const std::string port = std::to_string(sim.listen_udp("127.0.0.1", 0));
+    sim.start();
+    t_zqhandler* h = zqhandler_create();
+    zqhandler_connect_eth(h, "127.0.0.1", port.c_str());
+    zqhandler_set_timeout(h, kTimeoutMs);
+    auto frames = [h] {
+        char tc[ZQ_TC_BYTES] = {};
+        zqhandler_cmd_sense_timecode(h, BAS_SENSE_TC, tc);
+        return tc_tcstr2frames(tc, 25, 0);
+    };
+    double rate = 0;
+    for (auto _ : state) {
+        zqhandler_cmd_cueWithData(h, "00:10:00:00");
+        zqhandler_cmd_basic(h, BAS_CMD_PLAY);
+        const long first = frames();
+        const auto start = Clock::now();
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        const long second = frames();
+        const std::chrono::duration<double> between = Clock::now() - start;
+        rate = static_cast<double>(second - first) / between.count();
+    }
+    zqhandler_delete(h);
+    state.counters["frames_per_second"] = rate;
+    state.counters["baseline_frames_per_second"] = 25;
+}
+BENCHMARK(BM_position_rate)->Iterations(3)->UseRealTime()->Unit(benchmark::kSecond);
 
 } // namespace
 

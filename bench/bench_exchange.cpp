@@ -1,8 +1,8 @@
 // One Sony exchange (zqhandler_cmd_misc) on loopback UDP against the in-process emulator, beside
 // a raw ping-pong of the same datagrams with the same responder. The two alternate within one
 // loop, so both see the same machine; the ratios are what the library's exchange adds.
-#include "devsim.h"
 #include "percentiles.h"
+#include <devsim/devsim.h>
 
 #include <arpa/inet.h>
 #include <chrono>

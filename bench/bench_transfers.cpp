@@ -3,8 +3,8 @@
 // same requests with plain blocking send and recv to an emulator of its own holding the same GOP.
 // The two alternate within one loop, so both see the same machine; the ratios are the library's
 // throughput against the raw one.
-#include "devsim.h"
 #include "percentiles.h"
+#include <devsim/devsim.h>
 
 #include <arpa/inet.h>
 #include <chrono>

@@ -1,5 +1,5 @@
 # One warning set for every target of the project, plus the sanitizer and fuzzer switches.
-add_compile_options(-Wall -Wextra)
+add_compile_options(-Wall -Wextra -Wshadow -Wmissing-declarations)
 if(VLM_WERROR)
   add_compile_options(-Werror)
 endif()

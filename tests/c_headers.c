@@ -1,22 +1,9 @@
-/* Every public header of the library, and the daemon's event header, compiled by a C compiler. */
-#include <zqhandler/zq_api.h>
-#include <zqhandler/tc.h>
-#include <zqhandler/sony9p.h>
-#include <zqhandler/cnxn.h>
+/* The library's whole interface, compiled by a C compiler through the one header that gives it,
+ * and the daemon's event header. */
 #include <zqhandler/zqhandler.h>
-#include <zqhandler/trace.h>
-#include <zqhandler/s9p_commands.h>
-#include <zqhandler/zqhandler_sony.h>
-#include <zqhandler/odetics.h>
-#include <zqhandler/tavon.h>
-#include <zqhandler/zqhandler_odetics.h>
-#include <zqhandler/zqhandler_tavon.h>
-#include <zqhandler/basic.h>
-#include <zqhandler/louth.h>
-#include <zqhandler/zqhandler_louth.h>
-#include <zqhandler/mgmt.h>
-#include <zqhandler/zqhandler_mgmt.h>
-#include <zqhandler/zqhandler_cnxn.h>
 #include <vlmgpiod/gpio_event.h>
 
-int c_headers_compiled(void) { return 1; }
+int c_headers_compiled(void);
+int c_headers_compiled(void) {
+    return ZQ_TC_BYTES == 12 && ZQ_DATAGRAM_HEADER_SIZE == sizeof(ComHdr_mgmt);
+}

@@ -1,8 +1,9 @@
 // The emulators' command lines as a person mistypes them: each mistake refused with one line and
 // its status, and whatever a path named left as it was.
-#include "devsim.h"
 #include "program.h"
-#include "sdiboard.h"
+
+#include <devsim/devsim.h>
+#include <sdiboard/sdiboard.h>
 
 #include <fstream>
 #include <gtest/gtest.h>

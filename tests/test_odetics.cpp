@@ -42,43 +42,24 @@ int next_id(t_zqhandler* h, uint8_t* out) {
     return zqhandler_cmd_odetics_sense_nextID(h, text(out));
 }
 // Commands answered by an ACK: any answer starting 0x10 succeeds, anything else is refused.
-OpCase acked(const char* name, std::function<int(t_zqhandler*)> op, const char* sent) {
-    return {name,
-            [op](auto h, auto) { return op(h); },
-            sent,
-            "10 05",
-            0,
-            "",
-            "12 11 00 00",
-            S9P_ERR_PROTOCOL,
-            "",
-            false};
-}
+#define ACKED(name, call, sent)                                                                    \
+    OpCase {                                                                                       \
+        name, [](t_zqhandler* h, uint8_t*) { return call; }, sent, "10 05", 0, "", "12 11 00 00",  \
+            S9P_ERR_PROTOCOL, "", false                                                            \
+    }
 
 const OpCase kOperations[] = {
-    acked(
-        "automode", [](auto h) { return zqhandler_cmd_automode(h, 1); }, "40 41"),
-    acked(
-        "inPreset", [](auto h) { return zqhandler_cmd_odetics_inPreset(h, "CLIP1", 0); },
-        "48 14 " CLIP1),
-    acked(
-        "outPreset", [](auto h) { return zqhandler_cmd_odetics_outPreset(h, 0); }, "40 15"),
-    acked(
-        "inPreview", [](auto h) { return zqhandler_cmd_odetics_inPreview(h, 0, 0); }, "A0 04"),
-    acked(
-        "outPreview", [](auto h) { return zqhandler_cmd_odetics_outPreview(h, 0); }, "A0 05"),
-    acked(
-        "recordCueUp", [](auto h) { return zqhandler_cmd_odetics_recordCueUp(h, 0, 0); }, "A0 02"),
-    acked(
-        "eraseID", [](auto h) { return zqhandler_cmd_odetics_eraseID(h, "CLIP1"); },
-        "A8 10 " CLIP1),
-    acked(
-        "eraseSegment",
-        [](auto h) { return zqhandler_cmd_odetics_eraseSegment(h, "01:02:03:04", ""); },
-        "A8 11 04 03 02 01 00 00 00 00"),
-    acked(
-        "set_deviceID", [](auto h) { return zqhandler_cmd_odetics_set_deviceID(h, kDeviceId); },
-        "A8 20 44 00 56 FF 01 02 03 00"),
+    ACKED("automode", zqhandler_cmd_automode(h, 1), "40 41"),
+    ACKED("inPreset", zqhandler_cmd_odetics_inPreset(h, "CLIP1", 0), "48 14 " CLIP1),
+    ACKED("outPreset", zqhandler_cmd_odetics_outPreset(h, 0), "40 15"),
+    ACKED("inPreview", zqhandler_cmd_odetics_inPreview(h, 0, 0), "A0 04"),
+    ACKED("outPreview", zqhandler_cmd_odetics_outPreview(h, 0), "A0 05"),
+    ACKED("recordCueUp", zqhandler_cmd_odetics_recordCueUp(h, 0, 0), "A0 02"),
+    ACKED("eraseID", zqhandler_cmd_odetics_eraseID(h, "CLIP1"), "A8 10 " CLIP1),
+    ACKED("eraseSegment", zqhandler_cmd_odetics_eraseSegment(h, "01:02:03:04", ""),
+          "A8 11 04 03 02 01 00 00 00 00"),
+    ACKED("set_deviceID", zqhandler_cmd_odetics_set_deviceID(h, kDeviceId),
+          "A8 20 44 00 56 FF 01 02 03 00"),
     // A next-ID answer is not a first ID.
     {"first ID", first_id, "A0 14", "88 14 " CLIP1, 0, CLIP1 " 00", "88 15 " CLIP1},
     {"first ID of an empty list", first_id, "A0 14", "88 14 " CLIP1, 0, CLIP1 " 00", "80 14",

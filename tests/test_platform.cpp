@@ -20,7 +20,7 @@ TEST(Platform, shared_library_exports_the_public_names_only) {
     ASSERT_NE(library, nullptr) << dlerror();
     for (const char* name :
          {"zqhandler_create", "zqhandler_cmd_misc", "s9p_misc", "s9p_calculate_checksum",
-          "s9p_err_string", "cnxn_sony9p_command", "tc_frames2tcstr", "tcstr_tc0",
+          "s9p_err_string", "s9p_strerror", "cnxn_sony9p_command", "tc_frames2tcstr", "tcstr_tc0",
           "_vlmlib_set_trace_level", "_vlmlib_get_trace_level"})
         EXPECT_NE(dlsym(library, name), nullptr) << name;
     // Transports and support modules stay inside (C++ names, as the library builds them).

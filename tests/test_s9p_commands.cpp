@@ -28,14 +28,8 @@ const BuilderCase kBuilders[] = {
     {"step count's low 8 bits", [](auto c) { return s9p_step_forward(c, 300); }, "21 14 2C"},
     {"standby on is any non-zero", [](auto c) { return s9p_standby(c, 7); }, "20 05"},
     {"cue without timecode", [](auto c) { return s9p_cueWithData(c, nullptr); }, "20 31"},
-    {"cue", [](auto c) { return s9p_cueWithData(c, "01:02:03:04"); }, "24 31 04 03 02 01"},
-    {"cue drop-frame", [](auto c) { return s9p_cueWithData(c, "23:59:59;29"); },
-     "24 31 69 59 59 23"},
     {"clips 0 and 9999", [](auto c) { return s9p_preset_clip_next(c, 0, 9999); },
      "44 97 00 00 99 99"},
-    {"clip parameters",
-     [](auto c) { return s9p_save_clip_parameters(c, 1234, 0x01020304, 0x0A0B0C0D); },
-     "2A AC 12 34 01 02 03 04 0A 0B 0C 0D"},
     {"channel's low 8 bits", [](auto c) { return s9p_preset_channel(c, 0x102); }, "31 10 02"},
     {"timer mode", [](auto c) { return s9p_timermode(c, 0x1FF); }, "41 36 FF"},
     {"loop off", [](auto c) { return s9p_loopmode(c, 0); }, "41 B7 00"},
@@ -45,7 +39,6 @@ const BuilderCase kBuilders[] = {
      "4F C0 05 01 02 03 04 05 06 07 08 09 0A 0B 0C 0D 0E"},
     {"status range's low nibbles", [](auto c) { return s9p_sense_status_range(c, 0x12, 0x34); },
      "61 20 24"},
-    {"reset spells ASAP", s9p_reset, "34 09 41 53 41 50"},
 };
 
 TEST(S9pBuilders, computed_frames_carry_their_arguments_and_checksum) {

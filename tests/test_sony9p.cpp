@@ -3,7 +3,9 @@
 #include "common.h"
 #include "loopback.h"
 
+#include <climits>
 #include <gtest/gtest.h>
+#include <tuple>
 #include <vector>
 #include <zqhandler/sony9p.h>
 
@@ -11,13 +13,8 @@ namespace {
 
 // What the record holds afterwards, refused or not: the bytes taken, their checksum, the length.
 TEST(Sony9p, misc_appends_the_checksum_and_refuses_a_count_that_cmd1_does_not_announce) {
-    struct Case {
-        std::vector<uint8_t> bytes;
-        int count;
-        bool built;
-        const char* frame;
-    };
-    const Case cases[] = {
+    // bytes, count, built, the record's frame afterwards
+    const std::tuple<std::vector<uint8_t>, int, bool, const char*> cases[] = {
         {{0x20, 0x01}, 2, true, "20 01 21"},
         {{0x20, 0x01}, 0x12, true, "20 01 21"}, // only the low nibble of the count
         {{0x43, 0xBF, 0xF0, 0x04, 0x0C}, 5, true, "43 BF F0 04 0C 02"},
@@ -29,22 +26,24 @@ TEST(Sony9p, misc_appends_the_checksum_and_refuses_a_count_that_cmd1_does_not_an
         {{0x20, 0x01}, 0x10, false, "00"},    // low nibble 0
         {{0x20, 0x01}, 1, false, "20 20"},
     };
-    for (const Case& c : cases) {
+    for (const auto& [bytes, count, built, frame] : cases) {
         t_s9p_command cmd{};
         CapturedStdout out;
-        EXPECT_EQ(s9p_misc(&cmd, c.bytes.data(), c.count), c.built ? 0 : -1) << c.frame;
-        EXPECT_EQ(hex(frame_of(cmd)), c.frame);
-        EXPECT_EQ(out.text(), c.built ? "" : "s9p_misc: invalid arg\n") << c.frame;
-        EXPECT_EQ(cmd.err_status, c.built ? S9P_ERR_NONE : S9P_INVAL_ARG) << c.frame;
+        EXPECT_EQ(s9p_misc(&cmd, bytes.data(), count), built ? 0 : -1) << frame;
+        EXPECT_EQ(hex(frame_of(cmd)), frame);
+        EXPECT_EQ(out.text(), built ? "" : "s9p_misc: invalid arg\n") << frame;
+        EXPECT_EQ(cmd.err_status, built ? S9P_ERR_NONE : S9P_INVAL_ARG) << frame;
     }
 }
 
-TEST(Sony9p, checksum_of_nothing_is_zero_and_texts_keep_their_spelling) {
+TEST(Sony9p, checksum_of_nothing_is_zero_and_every_code_has_a_text) {
     const uint8_t bytes[] = {0xFF, 0x02};
     EXPECT_EQ(s9p_calculate_checksum(bytes, 0), 0);
     EXPECT_EQ(s9p_calculate_checksum(bytes, 2), 0x01);
-    EXPECT_STREQ(s9p_err_string[S9P_ERR_CHECKSUM], "Cheksum error");
-    EXPECT_STREQ(s9p_err_string[S9P_ERR_LAST], "Unknown error");
+    EXPECT_STREQ(s9p_strerror(S9P_ERR_CHECKSUM), "Cheksum error");
+    EXPECT_STREQ(s9p_strerror(S9P_NOTFOUND), "Not found");
+    for (int code : {-1, int{S9P_ERR_LAST}, S9P_ERR_LAST + 1, INT_MIN})
+        EXPECT_STREQ(s9p_strerror(code), "Unknown error") << code;
 }
 
 } // namespace

@@ -1,13 +1,14 @@
 // The tlapi sim's wire, against the emulated board: only an answer of three bytes within 20 ms is
 // taken, anything else reads as a floating bus, and a late answer is never taken for the next one.
 #include "common.h"
-#include "sdiboard.h"
 #include "tlapi.h"
+#include <sdiboard/sdiboard.h>
 
 #include <array>
 #include <gtest/gtest.h>
 #include <optional>
 #include <thread>
+#include <tuple>
 
 namespace {
 
@@ -22,11 +23,8 @@ Bytes readRegister(unsigned char reg) {
 
 TEST(TlapiSim, only_an_answer_of_three_bytes_in_time_is_taken) {
     const Bytes floating = {0xFF, 0xFF, 0xFF};
-    struct Case {
-        const char* name;
-        std::optional<Fault> board; // none: nothing listens on the socket
-        Bytes read;
-    } const cases[] = {
+    // the board (none: nothing listens on the socket), what a read gets
+    const std::tuple<const char*, std::optional<Fault>, Bytes> cases[] = {
         {"healthy board", Fault::None, {0x42, 0x31, 0x5A}},
         {"no board", std::nullopt, floating},
         {"silent board", Fault::Absent, floating},
@@ -34,15 +32,15 @@ TEST(TlapiSim, only_an_answer_of_three_bytes_in_time_is_taken) {
         {"answers of 4 bytes", Fault::LongAnswers, floating},
         {"answers after 50 ms", Fault::LateAnswers, floating},
     };
-    for (const Case& c : cases) {
+    for (const auto& [name, fault, read] : cases) {
         std::optional<sdiboard::Board> board;
-        if (c.board)
-            board.emplace(board_socket("answers"), *c.board);
+        if (fault)
+            board.emplace(board_socket("answers"), *fault);
         else
             board_socket("nobody");
         if (board)
             board->setRegister(sdiboard::kGpoRegister, 0x5A);
-        EXPECT_EQ(readRegister(sdiboard::kGpoRegister), c.read) << c.name;
+        EXPECT_EQ(readRegister(sdiboard::kGpoRegister), read) << name;
     }
 }
 

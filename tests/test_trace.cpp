@@ -1,8 +1,9 @@
 // The library's trace limit, the assertion report and the fatal error.
 #include "capture.h"
-#include "trace.h"
+#include "trace_private.h"
 
 #include <gtest/gtest.h>
+#include <tuple>
 
 namespace {
 
@@ -12,21 +13,16 @@ class Trace : public ::testing::Test {
 };
 
 TEST_F(Trace, limit_lets_through_only_levels_below_it) {
-    struct Case {
-        unsigned limit;
-        unsigned level;
-        bool written;
-    };
-    const Case cases[] = {
+    // limit, level, written
+    const std::tuple<unsigned, unsigned, bool> cases[] = {
         {VLMLIB_TRACE_DEFAULT_LIMIT, 499, true}, {0, 0, false}, {200, 200, false}};
     EXPECT_EQ(_vlmlib_get_trace_level(), 500u);
-    for (const Case& c : cases) {
-        _vlmlib_set_trace_level(c.limit);
-        EXPECT_EQ(_vlmlib_get_trace_level(), c.limit);
+    for (const auto& [limit, level, written] : cases) {
+        _vlmlib_set_trace_level(limit);
+        EXPECT_EQ(_vlmlib_get_trace_level(), limit);
         CapturedStderr err;
-        vlmlibtrace(c.level, "lvl %u\n", c.level);
-        EXPECT_EQ(err.text(), c.written ? "lvl " + std::to_string(c.level) + "\n" : "")
-            << "limit " << c.limit << " level " << c.level;
+        vlmlibtrace(level, "lvl %u\n", level);
+        EXPECT_EQ(err.text(), written ? "lvl " + std::to_string(level) + "\n" : "") << limit;
     }
 }
 

@@ -1,7 +1,8 @@
 // zqctl as a person runs it, against the emulator on each link: its output lines and exit status
 // for each command family, the Sony and Louth forms, the transfers, and the failure line.
-#include "devsim.h"
 #include "program.h"
+
+#include <devsim/devsim.h>
 
 #include <fcntl.h>
 #include <fstream>

@@ -3,7 +3,6 @@
 #include "op_table.h"
 
 #include <regex>
-#include <sstream>
 #include <zqhandler/zqhandler_odetics.h>
 #include <zqhandler/zqhandler_sony.h>
 
@@ -17,18 +16,14 @@ using devsim::Reply;
 class Basic : public testing::TestWithParam<Link> {};
 
 // The frames of the commands in the order of their values.
-const std::vector<std::string> kCommandFrames = [] {
-    std::vector<std::string> frames;
-    std::stringstream list("20 00,20 01,20 02,20 05,20 04,20 0F,20 10,20 20,A0 10,40 20,40 21,"
-                           "A0 06,A0 07,A0 01,30 07,30 04,34 09 41 53 41 50,21 14 01,21 24 01,"
-                           "20 61,20 60");
-    for (std::string frame; std::getline(list, frame, ',');)
-        frames.push_back(frame);
-    return frames;
-}();
+// clang-format off
+const char* const kCommandFrames[] = {"20 00", "20 01", "20 02", "20 05", "20 04", "20 0F", "20 10",
+    "20 20", "A0 10", "40 20", "40 21", "A0 06", "A0 07", "A0 01", "30 07", "30 04",
+    "34 09 41 53 41 50", "21 14 01", "21 24 01", "20 61", "20 60"};
+// clang-format on
+static_assert(std::size(kCommandFrames) == BAS_CMD_LAST);
 
 TEST_P(Basic, each_command_sends_its_frame_and_needs_an_ack) {
-    ASSERT_EQ(kCommandFrames.size(), size_t{BAS_CMD_LAST});
     SimHandle s(GetParam());
     zqhandler_set_timeout(s.zqh, 2000);
     for (int value = 0; value < BAS_CMD_LAST; ++value) {
@@ -38,9 +33,7 @@ TEST_P(Basic, each_command_sends_its_frame_and_needs_an_ack) {
         EXPECT_EQ(zqhandler_get_last_err(s.zqh), S9P_ERR_PROTOCOL) << value;
         auto received = s.sim.received();
         ASSERT_EQ(received.size(), 2u * (value + 1));
-        EXPECT_EQ(hex(received[2 * value].frame),
-                  with_checksum(kCommandFrames[static_cast<size_t>(value)]))
-            << value;
+        EXPECT_EQ(hex(received[2 * value].frame), with_checksum(kCommandFrames[value])) << value;
     }
 }
 
@@ -134,7 +127,7 @@ TEST_P(Basic, each_sense_sends_its_frame_and_copies_the_answer_it_accepts) {
 
 const char* const kLinkNames[] = {"udp", "tcp", "serial"};
 INSTANTIATE_TEST_SUITE_P(Links, Basic, testing::Values(Link::udp, Link::tcp, Link::serial),
-                         [](const auto& info) { return kLinkNames[info.index]; });
+                         [](const auto& link) { return kLinkNames[link.index]; });
 
 // --- the device operations over UDP --------------------------------------------------------------
 
@@ -255,47 +248,29 @@ TEST(SonyOperations, arguments_outside_the_tables_are_refused_before_sending) {
     EXPECT_FALSE(s.sim.wait_received(1, 100)) << "something was sent";
 }
 
-TEST(SonyOperations, messages_are_printed_only_for_their_failures) {
-    struct Case {
-        const char* name;
-        int (*op)(t_zqhandler*);
-        Reply reply;
-        e_s9p_err code;
-        bool printed; // the line of the read that failed
-    };
-    auto preset = [](t_zqhandler* h) { return zqhandler_cmd_preset_current(h, 1); };
-    auto loop = [](t_zqhandler* h) { return zqhandler_cmd_loopmode(h, 1); };
-    auto timer = [](t_zqhandler* h) { return zqhandler_cmd_timermode(h, 1); };
-    const Case cases[] = {
-        {"preset answered by a NAK", preset, Reply::nak(0x01), S9P_NOT_IMPLEMENTED, true},
-        {"preset not answered", preset, Reply::silence(), S9P_RCV_TIMEOUT, true},
-        {"loop mode answered by a NAK", loop, Reply::nak(0x80), S9P_ERR_COMM, false},
-        {"timer mode not answered", timer, Reply::silence(), S9P_RCV_TIMEOUT, false},
-    };
+// The preset of the current field says where its exchange failed: the line of the read for a NAK
+// or a silence, the send's when there is no link. Loop and timer modes say nothing then.
+TEST(SonyOperations, failures_of_the_exchange_print_only_where_their_operation_says_so) {
     SimHandle s(Link::udp);
     zqhandler_set_timeout(s.zqh, 200);
-    std::string read_line;
-    for (const Case& c : cases) {
-        s.sim.script(c.reply);
+    auto printed = [&](int (*op)(t_zqhandler*, uint32_t), t_zqhandler* h, Reply reply) {
+        s.sim.script(reply);
         CapturedStdout out;
-        EXPECT_EQ(c.op(s.zqh), -1) << c.name;
-        EXPECT_EQ(zqhandler_get_last_err(s.zqh), c.code) << c.name;
-        const std::string text = out.text();
-        if (c.printed && read_line.empty())
-            read_line = text;
-        EXPECT_EQ(text, c.printed ? read_line : "") << c.name << ": one read line for both";
-    }
-    // Not connected: the send fails, and the line is the send's.
-    t_zqhandler* h = zqhandler_create();
-    CapturedStdout out;
-    EXPECT_EQ(preset(h), -1);
-    const std::string send_line = out.text();
-    EXPECT_EQ(zqhandler_get_last_err(h), S9P_ERR_NOT_CONNECTED);
-    const std::regex message("zqhandler_send_s9p failed in sony_exchange\\.cpp:[0-9]+\n");
+        EXPECT_EQ(op(h, 1), -1);
+        return out.text();
+    };
+    const auto preset = zqhandler_cmd_preset_current;
+    const auto loop = [](t_zqhandler* h, uint32_t) { return zqhandler_cmd_loopmode(h, 1); };
+    const std::string read_line = printed(preset, s.zqh, Reply::nak(0x01));
+    EXPECT_EQ(printed(preset, s.zqh, Reply::silence()), read_line);
+    EXPECT_EQ(printed(loop, s.zqh, Reply::nak(0x80)), "");
+    t_zqhandler* unconnected = zqhandler_create();
+    const std::string send_line = printed(preset, unconnected, Reply::ack());
+    const std::regex message("zqhandler_send_s9p failed in exchange\\.cpp:[0-9]+\n");
     EXPECT_TRUE(std::regex_match(send_line, message)) << send_line;
     EXPECT_TRUE(std::regex_match(read_line, message)) << read_line;
     EXPECT_NE(send_line, read_line);
-    zqhandler_delete(h);
+    zqhandler_delete(unconnected);
 }
 
 } // namespace

@@ -4,14 +4,13 @@
 #include <memory>
 #include <string>
 #include <zqhandler/zqhandler.h>
-#include <zqhandler/zqhandler_sony.h>
 
 namespace {
 
 using Server = std::unique_ptr<t_zqhandler, decltype(&zqhandler_delete)>;
 
 int failure(Server& server, const char* what) {
-    std::fprintf(stderr, "%s: %s\n", what, s9p_err_string[zqhandler_get_last_err(server.get())]);
+    std::fprintf(stderr, "%s: %s\n", what, s9p_strerror(zqhandler_get_last_err(server.get())));
     return 1;
 }
 

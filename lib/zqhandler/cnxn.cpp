@@ -1,10 +1,10 @@
 // Connection protocol: request builders and the transfers on the TCP stream, with the keep-alive
 // that tells the server a client waiting for raw bytes is still there.
-#include "cnxn.h"
+#include "cnxn_private.h"
 
 #include "mytime.h"
 #include "select.h"
-#include "trace.h"
+#include "trace_private.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -214,8 +214,8 @@ int cnxn_rcv_data(t_s9p_handle* hdl, uint8_t* buffer, int count, unsigned timeou
     Progress progress;
     auto keep_alive = [&] {
         vlmlibtrace(VLMLIB_TRACE_TRANSPORT,
-                    "%s:%d> send alive ret: %d ret2: %d size: %d tm2: %lu tm: %lu\n", "cnxn",
-                    __LINE__, static_cast<int>(progress.got), progress.last_recv, count,
+                    "%s:%d> send alive ret: %d ret2: %d size: %d tm2: %lu tm: %lu\n",
+                    source_name(__FILE__), __LINE__, static_cast<int>(progress.got), progress.last_recv, count,
                     static_cast<unsigned long>(ElapsedTime2ms(&progress.start)),
                     static_cast<unsigned long>(timeout_ms));
         t_cnxn_command alive{};
@@ -241,11 +241,11 @@ int cnxn_rcv_data(t_s9p_handle* hdl, uint8_t* buffer, int count, unsigned timeou
 void cnxn_flush_input(t_s9p_handle* hdl) {
     if (!hdl->connected)
         return;
+    // What is waiting is dropped, but in no more reads than the stale datagrams before a
+    // datagram request: a server that never stops sending must not keep the caller here.
     uint8_t scratch[kFlushChunk];
-    while (selectin(hdl->fd, 0) > 0) {
-        if (recv(hdl->fd, scratch, sizeof scratch, 0) <= 0)
-            return;
-    }
+    drain_waiting(hdl->fd, kMaxStaleReads,
+                  [&] { return recv(hdl->fd, scratch, sizeof scratch, 0) > 0; });
 }
 
 CnxnAnnounce cnxn_check_announce(std::span<const uint8_t, CNXN_HEADER_SIZE> header,

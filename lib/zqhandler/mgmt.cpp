@@ -1,8 +1,8 @@
 // Management protocol: builders, one request and one answer on the datagram link, and the pure
 // reading of an answer's bytes.
-#include "mgmt.h"
+#include "mgmt_private.h"
 
-#include "datagram.h"
+#include "link.h"
 #include "wire.h"
 
 #include <algorithm>
@@ -62,11 +62,12 @@ int mgmt_send_cmd(t_s9p_handle* hdl, t_mgmt_command* cmd, int timeout_ms) {
     cmd->hdr.size = htons(cmd->len);
     // An answer that came after its request gave up must not be taken for the next one.
     t_mgmt_command stale;
-    datagram_drain(hdl, [&] {
+    drain_waiting(hdl->fd, kMaxStaleReads, [&] {
         printf("mgmt_send_cmd: flush\n");
         mgmt_read_answer(hdl, &stale, 0);
+        return true;
     });
-    if (!datagram_wait_writable(hdl, timeout_ms))
+    if (!datagram_wait_writable(hdl, timeout_ms, true))
         return -1;
     return datagram_send(hdl, cmd, MGMT_HEADER_SIZE + cmd->len) < 1 ? -1 : 0;
 }

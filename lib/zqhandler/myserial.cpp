@@ -46,7 +46,7 @@ int serial_set_timeout(s_serial_handle* port, uint32_t tm_in, uint32_t tm_out) {
 
 int serial_connect(s_serial_handle* port, const char* device) {
     *port = s_serial_handle{};
-    port->fd = open(device, O_RDWR | O_SYNC | O_NOCTTY);
+    port->fd = open(device, O_RDWR | O_SYNC | O_NOCTTY | O_CLOEXEC);
     if (port->fd < 0)
         return -1;
     tcgetattr(port->fd, &port->termios_backup);

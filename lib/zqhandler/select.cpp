@@ -2,7 +2,7 @@
 // signals.
 #include "select.h"
 
-#include "trace.h"
+#include "trace_private.h"
 
 #include <cerrno>
 #include <cstdio>

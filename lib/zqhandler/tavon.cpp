@@ -1,53 +1,57 @@
-// Builders of the server's media commands: fixed frames through s9p_misc, the file queries with
-// their zero-padded name field, the audio output setters composed with their true data count.
+// Builders of the server's media commands: the fixed queries as one table, the settings and file
+// queries composed with their value or zero-padded name field, the audio output setters with
+// their true data count.
+#include "fields.h"
+#include "sony9p_private.h"
+
+#include <initializer_list>
 #include <zqhandler/tavon.h>
 
-#include "fields.h"
-#include "sony9p.h"
+// Every fixed frame, CMD1 to the last data byte: X(builder, bytes...).
+#define TAVON_FIXED_FRAMES(X)                                                                      \
+    X(tavon_sense_capture, 0x60, 0xB2)                                                             \
+    X(tavon_sense_current_vinfo, 0x61, 0xB3, 0x00)                                                 \
+    X(tavon_sense_startup_vinfo, 0x61, 0xB3, 0x02)                                                 \
+    X(tavon_sense_current_ainfo, 0x61, 0xB4, 0x00)                                                 \
+    X(tavon_sense_startup_ainfo, 0x61, 0xB4, 0x02)
+
+TAVON_FIXED_FRAMES(ZQ_FIXED_BUILDER)
+
+// The settings of one value byte after CMD2: X(builder, CMD1, CMD2, the selector before the
+// value, or none).
+#define TAVON_SETTINGS(X)                                                                          \
+    X(tavon_set_cc_foreground, 0x41, 0x03)                                                         \
+    X(tavon_set_cc_background, 0x41, 0x04)                                                         \
+    X(tavon_set_video_format, 0x41, 0x05)                                                          \
+    X(tavon_set_video_color_space, 0x41, 0x06)                                                     \
+    X(tavon_set_video_aspect_ratio, 0x41, 0x07)                                                    \
+    X(tavon_set_cc_geometry, 0x41, 0x08)                                                           \
+    X(tavon_set_audio_rendering, 0x42, 0xB4, 0x00)                                                 \
+    X(tavon_set_audio_spdif, 0x42, 0xB4, 0x01)
+
+#define TAVON_SETTING(name, cmd1, cmd2, ...)                                                       \
+    int name(t_s9p_command* cmd, int value) {                                                      \
+        const std::initializer_list<uint8_t> selector = {__VA_ARGS__};                             \
+        return s9p_set_frame(cmd, FrameBytes(cmd1, cmd2)                                           \
+                                      .append({selector.begin(), selector.size()})                 \
+                                      .byte(static_cast<uint8_t>(value))                           \
+                                      .frame());                                                   \
+    }
+TAVON_SETTINGS(TAVON_SETTING)
 
 namespace {
 
-int frame3(t_s9p_command* cmd, uint8_t cmd1, uint8_t cmd2, uint8_t data) {
-    const uint8_t frame[] = {cmd1, cmd2, data};
-    return s9p_misc(cmd, frame, 3);
-}
-
 // A file query: 0x69 CMD2 0x01 and the name field; without a name 0x61 CMD2 0x01.
 int file_query(t_s9p_command* cmd, uint8_t cmd2, const char* name) {
-    uint8_t frame[3 + kIdBytes] = {0x69, cmd2, 0x01};
-    if (!name) {
-        frame[0] = 0x61;
-        return s9p_misc(cmd, frame, 3);
-    }
-    put_media_name(frame + 3, name);
-    return s9p_misc(cmd, frame, sizeof frame);
-}
-
-int audio_output(t_s9p_command* cmd, uint8_t selector, int value) {
-    if (!cmd)
-        return -1;
-    const uint8_t frame[] = {0x42, 0xB4, selector, static_cast<uint8_t>(value)};
-    return s9p_set_frame(*cmd, frame);
+    FrameBytes frame(name ? 0x69 : 0x61, cmd2);
+    frame.byte(0x01);
+    if (name)
+        frame.media_name(name);
+    return s9p_set_frame(cmd, frame.frame());
 }
 
 } // namespace
 
-int tavon_sense_capture(t_s9p_command* cmd) {
-    const uint8_t frame[] = {0x60, 0xB2};
-    return s9p_misc(cmd, frame, 2);
-}
-int tavon_sense_current_vinfo(t_s9p_command* cmd) {
-    return frame3(cmd, 0x61, 0xB3, 0x00);
-}
-int tavon_sense_startup_vinfo(t_s9p_command* cmd) {
-    return frame3(cmd, 0x61, 0xB3, 0x02);
-}
-int tavon_sense_current_ainfo(t_s9p_command* cmd) {
-    return frame3(cmd, 0x61, 0xB4, 0x00);
-}
-int tavon_sense_startup_ainfo(t_s9p_command* cmd) {
-    return frame3(cmd, 0x61, 0xB4, 0x02);
-}
 int tavon_sense_file_vinfo(t_s9p_command* cmd, const char* name) {
     return file_query(cmd, 0xBB, name);
 }
@@ -55,30 +59,5 @@ int tavon_sense_file_ainfo(t_s9p_command* cmd, const char* name) {
     return file_query(cmd, 0xBC, name);
 }
 int tavon_ccmode(t_s9p_command* cmd, int on) {
-    const uint8_t frame[] = {0x40, static_cast<uint8_t>(on ? 0x01 : 0x00)};
-    return s9p_misc(cmd, frame, 2);
-}
-int tavon_set_cc_foreground(t_s9p_command* cmd, int value) {
-    return frame3(cmd, 0x41, 0x03, static_cast<uint8_t>(value));
-}
-int tavon_set_cc_background(t_s9p_command* cmd, int value) {
-    return frame3(cmd, 0x41, 0x04, static_cast<uint8_t>(value));
-}
-int tavon_set_video_format(t_s9p_command* cmd, int value) {
-    return frame3(cmd, 0x41, 0x05, static_cast<uint8_t>(value));
-}
-int tavon_set_video_color_space(t_s9p_command* cmd, int value) {
-    return frame3(cmd, 0x41, 0x06, static_cast<uint8_t>(value));
-}
-int tavon_set_video_aspect_ratio(t_s9p_command* cmd, int value) {
-    return frame3(cmd, 0x41, 0x07, static_cast<uint8_t>(value));
-}
-int tavon_set_cc_geometry(t_s9p_command* cmd, int value) {
-    return frame3(cmd, 0x41, 0x08, static_cast<uint8_t>(value));
-}
-int tavon_set_audio_rendering(t_s9p_command* cmd, int value) {
-    return audio_output(cmd, 0x00, value);
-}
-int tavon_set_audio_spdif(t_s9p_command* cmd, int value) {
-    return audio_output(cmd, 0x01, value);
+    return s9p_set_frame(cmd, FrameBytes(0x40, on ? 0x01 : 0x00).frame());
 }

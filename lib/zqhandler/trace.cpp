@@ -1,6 +1,6 @@
 // The library's diagnostics: everything goes to standard error unchanged, no time stamp, no
 // newline.
-#include "trace.h"
+#include "trace_private.h"
 
 #include <cstdarg>
 #include <cstdio>

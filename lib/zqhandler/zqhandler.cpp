@@ -1,6 +1,6 @@
 // The device-control handle: creation with its defaults, the three connections and their
 // teardown, time-out and last error. The operations are in zqhandler_<family>.cpp.
-#include "zqhandler.h"
+#include "zqhandler_private.h"
 
 #include "myserial.h"
 #include "mysocket.h"
@@ -71,8 +71,10 @@ int connect_socket(t_zqhandler* zqh, const char* address, const char* port, e_s9
     if (!peer)
         return fail(zqh, S9P_INVAL_ARG);
     const bool stream = link == S9P_LINK_STREAM;
-    UniqueFd socket(
-        mysocket_open(AF_INET, stream ? SOCK_STREAM : SOCK_DGRAM, stream ? 0 : IPPROTO_UDP));
+    // Close-on-exec, as every descriptor of the library: a program the caller starts must not
+    // inherit the connection.
+    UniqueFd socket(mysocket_open(AF_INET, (stream ? SOCK_STREAM : SOCK_DGRAM) | SOCK_CLOEXEC,
+                                  stream ? 0 : IPPROTO_UDP));
     if (!socket.valid())
         return fail(zqh, S9P_INVAL_ARG);
     if (stream && mysocket_connect(socket.get(), reinterpret_cast<const sockaddr*>(&*peer),

@@ -1,9 +1,9 @@
 // Connection-protocol handle operations: version, disk information, file entries, GOP downloads
 // and uploads, each its own steps on one small request/answer helper; and zqhandler_get_diskinfo,
 // which picks this protocol or the management one by the handle's link.
-#include "cnxn.h"
-#include "trace.h"
-#include "zqhandler.h"
+#include "cnxn_private.h"
+#include "trace_private.h"
+#include "zqhandler_private.h"
 
 #include <cstdarg>
 #include <cstdio>

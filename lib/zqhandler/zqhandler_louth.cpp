@@ -1,13 +1,15 @@
 // Louth handle operations: each one call of the Louth exchange with its builder, its answer check
 // and its result; the basic commands and senses are tables.
-#include "louth_exchange.h"
+#include "exchange.h"
 
-#include <algorithm>
 #include <array>
 #include <zqhandler/tc.h>
 #include <zqhandler/zqhandler_louth.h>
 
 namespace {
+
+// The longest output: an ID of byte count - 2 data bytes, and its terminator.
+static_assert(ZQ_LOUTH_OUT_BYTES == LOUTH_MAX_COUNT - 2 + 1);
 
 using UnitBuilder = int (*)(t_louth_command*, int);
 
@@ -25,10 +27,6 @@ constexpr auto kBasicCommands = [] {
 
 uint8_t count_of(const t_louth_command& answer) {
     return answer.data[1];
-}
-
-e_s9p_err ack(const t_louth_command& answer) {
-    return answer.len == 1 && answer.data[0] == LOUTH_ACK ? S9P_ERR_NONE : S9P_ERR_PROTOCOL;
 }
 
 // A frame of `unit` whose CMD2 is `cmd2` and whose byte count stays within what came.
@@ -76,8 +74,8 @@ constexpr auto kBasicSenses = [] {
 int list_id(t_zqhandler* zqh, int unit, char* id, UnitBuilder build, uint8_t cmd2) {
     if (!id)
         return -1;
-    return louth_exchange(
-        zqh, [&](t_louth_command& cmd) { return build(&cmd, unit); },
+    return exchange(
+        zqh, [&](t_louth_command* cmd) { return build(cmd, unit); },
         [&](const t_louth_command& ans) {
             if (!frame_answers(ans, unit, cmd2))
                 return S9P_ERR_PROTOCOL;
@@ -91,11 +89,6 @@ int list_id(t_zqhandler* zqh, int unit, char* id, UnitBuilder build, uint8_t cmd
         });
 }
 
-// A command that needs an acknowledge and returns 0.
-template <typename Build> int acknowledged(t_zqhandler* zqh, Build&& build) {
-    return louth_exchange(zqh, build, ack, [](const t_louth_command&) { return 0; });
-}
-
 } // namespace
 
 int zqhandler_cmd_louth_basic(t_zqhandler* zqh, int command, int unit) {
@@ -103,7 +96,7 @@ int zqhandler_cmd_louth_basic(t_zqhandler* zqh, int command, int unit) {
         !kBasicCommands[static_cast<size_t>(command)])
         return -1;
     UnitBuilder build = kBasicCommands[static_cast<size_t>(command)];
-    return acknowledged(zqh, [&](t_louth_command& cmd) { return build(&cmd, unit); });
+    return acked(zqh, [&](t_louth_command* cmd) { return build(cmd, unit); });
 }
 
 int zqhandler_cmd_louth_sense_basic(t_zqhandler* zqh, int sense, int unit, uint8_t* out) {
@@ -111,8 +104,8 @@ int zqhandler_cmd_louth_sense_basic(t_zqhandler* zqh, int sense, int unit, uint8
         !kBasicSenses[static_cast<size_t>(sense)].build)
         return -1;
     const Sense& row = kBasicSenses[static_cast<size_t>(sense)];
-    return louth_exchange(
-        zqh, [&](t_louth_command& cmd) { return row.build(&cmd, unit); },
+    return exchange(
+        zqh, [&](t_louth_command* cmd) { return row.build(cmd, unit); },
         [&](const t_louth_command& ans) {
             const bool fits = count_of(ans) >= row.min_count && count_of(ans) <= row.max_count;
             return frame_answers(ans, unit, row.answer) && fits ? S9P_ERR_NONE : S9P_ERR_PROTOCOL;
@@ -137,8 +130,8 @@ int zqhandler_cmd_louth_sense_nextID(t_zqhandler* zqh, int unit, char* id) {
 }
 
 int zqhandler_cmd_louth_sense_id_length(t_zqhandler* zqh, int unit, const char* id, char* tc) {
-    return louth_exchange(
-        zqh, [&](t_louth_command& cmd) { return louth_sense_lengthID(&cmd, unit, id); },
+    return exchange(
+        zqh, [&](t_louth_command* cmd) { return louth_sense_lengthID(cmd, unit, id); },
         [&](const t_louth_command& ans) {
             return frame_answers(ans, unit, 0x94) ? S9P_ERR_NONE : S9P_ERR_PROTOCOL;
         },
@@ -152,8 +145,8 @@ int zqhandler_cmd_louth_sense_id_length(t_zqhandler* zqh, int unit, const char* 
 }
 
 int zqhandler_cmd_louth_open_port(t_zqhandler* zqh, int unit, int port, int lock) {
-    return louth_exchange(
-        zqh, [&](t_louth_command& cmd) { return louth_open_port(&cmd, unit, port, lock); },
+    return exchange(
+        zqh, [&](t_louth_command* cmd) { return louth_open_port(cmd, unit, port, lock); },
         [](const t_louth_command& ans) {
             // Any unit: only the command type of CMD1 is compared.
             const bool grant_frame = ans.len >= 6 && ans.data[0] == LOUTH_START &&
@@ -163,53 +156,48 @@ int zqhandler_cmd_louth_open_port(t_zqhandler* zqh, int unit, int port, int lock
                 return S9P_ERR_PROTOCOL;
             return ans.data[4] == 1 ? S9P_ERR_NONE : S9P_PERMISSION_DENIED;
         },
-        [](const t_louth_command&) { return 0; });
+        zero);
 }
 
 int zqhandler_cmd_louth_select_port(t_zqhandler* zqh, int unit, int port) {
-    return acknowledged(zqh,
-                        [&](t_louth_command& cmd) { return louth_select_port(&cmd, unit, port); });
+    return acked(zqh, [&](t_louth_command* cmd) { return louth_select_port(cmd, unit, port); });
 }
 
 int zqhandler_cmd_louth_eraseID(t_zqhandler* zqh, int unit, const char* id) {
-    return acknowledged(zqh, [&](t_louth_command& cmd) { return louth_eraseID(&cmd, unit, id); });
+    return acked(zqh, [&](t_louth_command* cmd) { return louth_eraseID(cmd, unit, id); });
 }
 
 int zqhandler_cmd_louth_cue_play(t_zqhandler* zqh, int unit, const char* id) {
-    return acknowledged(zqh, [&](t_louth_command& cmd) { return louth_play_cue(&cmd, unit, id); });
+    return acked(zqh, [&](t_louth_command* cmd) { return louth_play_cue(cmd, unit, id); });
 }
 
 int zqhandler_cmd_louth_cue_play_data(t_zqhandler* zqh, int unit, const char* id, const char* tc1,
                                       const char* tc2) {
-    return acknowledged(
-        zqh, [&](t_louth_command& cmd) { return louth_play_cue_data(&cmd, unit, id, tc1, tc2); });
+    return acked(
+        zqh, [&](t_louth_command* cmd) { return louth_play_cue_data(cmd, unit, id, tc1, tc2); });
 }
 
 int zqhandler_cmd_louth_record_init(t_zqhandler* zqh, int unit, const char* id) {
-    return acknowledged(zqh,
-                        [&](t_louth_command& cmd) { return louth_record_init(&cmd, unit, id); });
+    return acked(zqh, [&](t_louth_command* cmd) { return louth_record_init(cmd, unit, id); });
 }
 
 int zqhandler_cmd_louth_record_init_data(t_zqhandler* zqh, int unit, const char* id,
                                          const char* tc1, const char* tc2) {
-    return acknowledged(zqh, [&](t_louth_command& cmd) {
-        return louth_record_init_data(&cmd, unit, id, tc1, tc2);
-    });
+    return acked(
+        zqh, [&](t_louth_command* cmd) { return louth_record_init_data(cmd, unit, id, tc1, tc2); });
 }
 
 int zqhandler_cmd_louth_var_play(t_zqhandler* zqh, int unit, int32_t speed) {
-    return acknowledged(zqh, [&](t_louth_command& cmd) { return louth_var(&cmd, unit, speed); });
+    return acked(zqh, [&](t_louth_command* cmd) { return louth_var(cmd, unit, speed); });
 }
 
 int zqhandler_cmd_louth_jog(t_zqhandler* zqh, int unit, int32_t frames) {
-    return acknowledged(zqh, [&](t_louth_command& cmd) { return louth_jog(&cmd, unit, frames); });
+    return acked(zqh, [&](t_louth_command* cmd) { return louth_jog(cmd, unit, frames); });
 }
 
 int zqhandler_cmd_louth_misc(t_zqhandler* zqh, const uint8_t* bytes, int count) {
     if (!bytes)
         return -1;
-    return louth_exchange(
-        zqh, [&](t_louth_command& cmd) { return louth_misc(&cmd, bytes, count); },
-        [](const t_louth_command&) { return S9P_ERR_NONE; },
-        [](const t_louth_command&) { return 0; });
+    return exchange(
+        zqh, [&](t_louth_command* cmd) { return louth_misc(cmd, bytes, count); }, accept_any, zero);
 }

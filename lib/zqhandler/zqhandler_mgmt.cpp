@@ -1,6 +1,6 @@
 // Management handle operations: each one request and one answer on the handle's datagram link,
 // with its builder and what it takes from the answer. lasterr is never touched.
-#include "mgmt.h"
+#include "mgmt_private.h"
 
 #include <algorithm>
 #include <zqhandler/zqhandler_mgmt.h>

@@ -1,48 +1,22 @@
 // Sony handle operations: each one call of the shared exchange with its builder, its answer check
 // and its result. The basic commands and senses are tables of builder and accepted answer.
-#include "s9p_commands.h"
-#include "sony_exchange.h"
-#include "wire.h"
+#include "exchange.h"
+#include "fields.h"
 
-#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <iterator>
 #include <zqhandler/odetics.h>
+#include <zqhandler/s9p_commands.h>
 #include <zqhandler/tc.h>
 #include <zqhandler/zqhandler_sony.h>
 
 namespace {
 
+// An answer announces at most 15 data bytes; the basic sense adds a terminator.
+static_assert(ZQ_SENSE_DATA_MAX == 0x0F && ZQ_SENSE_BYTES == ZQ_SENSE_DATA_MAX + 1);
+
 using Builder = int (*)(t_s9p_command*);
-
-int zero(const t_s9p_command&) {
-    return 0;
-}
-
-// The data count CMD1 announces.
-int announced(const t_s9p_command& ans) {
-    return ans.data[0] & 0x0F;
-}
-
-// An answer of CMD1 group `group` (0x70, 0x80 ...) that holds the data bytes its CMD1 announces,
-// `at_least` of them or more.
-bool holds(const t_s9p_command& ans, uint8_t group, int at_least = 0) {
-    const int n = announced(ans);
-    return (ans.data[0] & 0xF0) == group && n >= at_least && s9p_data_count(ans) >= n;
-}
-
-e_s9p_err accept_if(bool ok) {
-    return ok ? S9P_ERR_NONE : S9P_ERR_PROTOCOL;
-}
-
-// Copies the answer's N announced data bytes to `out`; returns N.
-auto copy_announced(uint8_t* out) {
-    return [=](const t_s9p_command& ans) {
-        std::copy_n(ans.data + 2, announced(ans), out);
-        return announced(ans);
-    };
-}
 
 // ---- the basic tables ----
 
@@ -175,24 +149,23 @@ constexpr uint8_t kTimeData[] = {0x00, 0x01, 0x04, 0x05, 0x06, 0x07, 0x0C, 0x14,
 // Forward with `value` when it is 0 or more, else reverse with -value.
 template <typename Forward, typename Reverse>
 int signed_motion(t_zqhandler* zqh, int value, Forward forward, Reverse reverse) {
-    return s9p_acked(zqh, [&](t_s9p_command& c) {
-        return value >= 0 ? forward(&c, value) : reverse(&c, value == INT_MIN ? INT_MAX : -value);
+    return acked(zqh, [&](t_s9p_command* c) {
+        return value >= 0 ? forward(c, value) : reverse(c, value == INT_MIN ? INT_MAX : -value);
     });
 }
 
 } // namespace
 
 int zqhandler_cmd_misc(t_zqhandler* zqh, const uint8_t* bytes, int count) {
-    return s9p_exchange(
-        zqh, [&](t_s9p_command& cmd) { return s9p_misc(&cmd, bytes, count); }, s9p_accept_any,
-        zero);
+    return exchange(
+        zqh, [&](t_s9p_command* cmd) { return s9p_misc(cmd, bytes, count); }, accept_any, zero);
 }
 
 int zqhandler_cmd_sense_misc(t_zqhandler* zqh, const uint8_t* bytes, int count, uint8_t* answer) {
     if (!answer)
         return -1;
-    return s9p_exchange(
-        zqh, [&](t_s9p_command& cmd) { return s9p_misc(&cmd, bytes, count); }, s9p_accept_any,
+    return exchange(
+        zqh, [&](t_s9p_command* cmd) { return s9p_misc(cmd, bytes, count); }, accept_any,
         [&](const t_s9p_command& ans) {
             std::copy_n(ans.data, ans.len, answer);
             return static_cast<int>(ans.len);
@@ -202,16 +175,15 @@ int zqhandler_cmd_sense_misc(t_zqhandler* zqh, const uint8_t* bytes, int count, 
 int zqhandler_cmd_basic(t_zqhandler* zqh, int command) {
     if (command < 0 || command >= BAS_CMD_LAST)
         return -1;
-    return s9p_acked(zqh, [&](t_s9p_command& c) { return kBasicCommands[command].build(&c); });
+    return acked(zqh, kBasicCommands[command].build);
 }
 
 int zqhandler_cmd_sense_basic(t_zqhandler* zqh, int sense, uint8_t* out) {
     if (sense < 0 || sense >= BAS_SENSE_LAST || !kBasicSenses[sense].build || !out)
         return -1;
     const SenseRow& row = kBasicSenses[sense];
-    return s9p_exchange(
-        zqh, [&](t_s9p_command& c) { return row.build(&c); },
-        [&](const t_s9p_command& ans) { return check_sense(ans, row); },
+    return exchange(
+        zqh, row.build, [&](const t_s9p_command& ans) { return check_sense(ans, row); },
         [&](const t_s9p_command& ans) { return sense_result(ans, row, out); });
 }
 
@@ -223,9 +195,8 @@ int zqhandler_cmd_sense_timecode(t_zqhandler* zqh, int which, char* tc) {
     if ((which != BAS_SENSE_TC && which != BAS_SENSE_ODETICS_STORAGE) || !tc)
         return -1;
     const bool storage = which == BAS_SENSE_ODETICS_STORAGE;
-    return s9p_exchange(
-        zqh,
-        [&](t_s9p_command& c) { return storage ? odetics_sense_storage(&c) : s9p_sense_tc(&c); },
+    return exchange(
+        zqh, storage ? odetics_sense_storage : s9p_sense_tc,
         [&](const t_s9p_command& ans) {
             if (storage)
                 return accept_if(holds(ans, 0x80, 4));
@@ -237,28 +208,27 @@ int zqhandler_cmd_sense_timecode(t_zqhandler* zqh, int which, char* tc) {
 }
 
 int zqhandler_cmd_cueWithData(t_zqhandler* zqh, const char* tc) {
-    return s9p_acked(zqh, [&](t_s9p_command& c) { return s9p_cueWithData(&c, tc); });
+    return acked(zqh, [&](t_s9p_command* c) { return s9p_cueWithData(c, tc); });
 }
 
 int zqhandler_cmd_sense_clip_range(t_zqhandler* zqh, int* first, int* last) {
     if (!first || !last)
         return -1;
-    return s9p_exchange(
-        zqh, [](t_s9p_command& c) { return s9p_sense_clip_range(&c); }, s9p_expect(0x74, 0xC1, 4),
-        [&](const t_s9p_command& ans) {
-            *first = get_clip_bcd(ans.data + 2);
-            *last = get_clip_bcd(ans.data + 4);
-            return 0;
-        });
+    return exchange(zqh, s9p_sense_clip_range, s9p_expect(0x74, 0xC1),
+                    [&](const t_s9p_command& ans) {
+                        *first = get_clip_bcd(ans.data + 2);
+                        *last = get_clip_bcd(ans.data + 4);
+                        return 0;
+                    });
 }
 
 int zqhandler_cmd_sense_clip_parameters(t_zqhandler* zqh, int clip, uint32_t* value1,
                                         uint32_t* value2, int* clip3, int* clip4) {
     if (!value1 || !value2 || !clip3 || !clip4)
         return -1;
-    return s9p_exchange(
-        zqh, [&](t_s9p_command& c) { return s9p_sense_clip_parameters(&c, clip); },
-        s9p_expect(0x7C, 0x9A, 12),
+    return exchange(
+        zqh, [&](t_s9p_command* c) { return s9p_sense_clip_parameters(c, clip); },
+        s9p_expect(0x7C, 0x9A),
         [&](const t_s9p_command& ans) {
             *value1 = get_be32(ans.data + 2);
             *value2 = get_be32(ans.data + 6);
@@ -270,86 +240,84 @@ int zqhandler_cmd_sense_clip_parameters(t_zqhandler* zqh, int clip, uint32_t* va
 
 int zqhandler_cmd_save_clip_parameters(t_zqhandler* zqh, int clip, uint32_t value1,
                                        uint32_t value2) {
-    return s9p_acked(
-        zqh, [&](t_s9p_command& c) { return s9p_save_clip_parameters(&c, clip, value1, value2); });
+    return acked(
+        zqh, [&](t_s9p_command* c) { return s9p_save_clip_parameters(c, clip, value1, value2); });
 }
 
 int zqhandler_cmd_preset_clip_prev(t_zqhandler* zqh, int clip, int other_clip) {
-    return s9p_acked(zqh,
-                     [&](t_s9p_command& c) { return s9p_preset_clip_prev(&c, clip, other_clip); });
+    return acked(zqh, [&](t_s9p_command* c) { return s9p_preset_clip_prev(c, clip, other_clip); });
 }
 
 int zqhandler_cmd_preset_clip_next(t_zqhandler* zqh, int clip, int other_clip) {
-    return s9p_acked(zqh,
-                     [&](t_s9p_command& c) { return s9p_preset_clip_next(&c, clip, other_clip); });
+    return acked(zqh, [&](t_s9p_command* c) { return s9p_preset_clip_next(c, clip, other_clip); });
 }
 
 int zqhandler_menu_recall_current(t_zqhandler* zqh) {
-    return s9p_acked(zqh, [](t_s9p_command& c) { return s9p_menu_recall_current(&c); });
+    return acked(zqh, s9p_menu_recall_current);
 }
 
 int zqhandler_menu_recall_flash(t_zqhandler* zqh) {
-    return s9p_acked(zqh, [](t_s9p_command& c) { return s9p_menu_recall_flash(&c); });
+    return acked(zqh, s9p_menu_recall_flash);
 }
 
 int zqhandler_menu_preset_default(t_zqhandler* zqh) {
-    return s9p_acked(zqh, [](t_s9p_command& c) { return s9p_menu_preset_default(&c); });
+    return acked(zqh, s9p_menu_preset_default);
 }
 
 int zqhandler_menu_save_flash(t_zqhandler* zqh) {
-    return s9p_acked(zqh, [](t_s9p_command& c) { return s9p_menu_save_flash(&c); });
+    return acked(zqh, s9p_menu_save_flash);
 }
 
 int zqhandler_menu_commit_section(t_zqhandler* zqh, int section) {
-    return s9p_acked(zqh, [&](t_s9p_command& c) { return s9p_menu_commit_section(&c, section); });
+    return acked(zqh, [&](t_s9p_command* c) { return s9p_menu_commit_section(c, section); });
 }
 
 int zqhandler_menu_read_section(t_zqhandler* zqh, int section, uint8_t* out) {
     if (!out)
         return -1;
-    return s9p_exchange(
-        zqh, [&](t_s9p_command& c) { return s9p_menu_read_section(&c, section); },
+    return exchange(
+        zqh, [&](t_s9p_command* c) { return s9p_menu_read_section(c, section); },
         [](const t_s9p_command& ans) { return accept_if(holds(ans, 0x70) && ans.data[1] == 0xC0); },
         copy_announced(out));
 }
 
 int zqhandler_menu_save_section(t_zqhandler* zqh, int section, const uint8_t* bytes, int count) {
-    return s9p_acked(
-        zqh, [&](t_s9p_command& c) { return s9p_menu_save_section(&c, section, bytes, count); });
+    return acked(zqh,
+                 [&](t_s9p_command* c) { return s9p_menu_save_section(c, section, bytes, count); });
 }
 
 int zqhandler_cmd_preset_channel(t_zqhandler* zqh, int channel) {
-    return s9p_acked(zqh, [&](t_s9p_command& c) { return s9p_preset_channel(&c, channel); });
+    return acked(zqh, [&](t_s9p_command* c) { return s9p_preset_channel(c, channel); });
 }
 
 int zqhandler_cmd_preset_current(t_zqhandler* zqh, uint32_t field) {
-    S9pFailure where;
-    int result = s9p_exchange(
-        zqh, [&](t_s9p_command& c) { return s9p_preset_current_field(&c, field); },
-        s9p_printing(s9p_accept_ack, "preset current field failed\n"), zero, &where);
+    ExchangeFailure where;
+    const int result = exchange(
+        zqh, [&](t_s9p_command* c) { return s9p_preset_current_field(c, field); },
+        printing(accept_ack, "preset current field failed\n"), zero, &where);
     if (where.file)
         printf("zqhandler_send_s9p failed in %s:%d\n", where.file, where.line);
     return result;
 }
 
 int zqhandler_cmd_preset_field0(t_zqhandler* zqh, uint32_t field) {
-    return s9p_acked(zqh, [&](t_s9p_command& c) { return s9p_preset_field0(&c, field); });
+    return acked(zqh, [&](t_s9p_command* c) { return s9p_preset_field0(c, field); });
 }
 
 int zqhandler_cmd_preset_lastField(t_zqhandler* zqh, uint32_t field) {
-    return s9p_acked(zqh, [&](t_s9p_command& c) { return s9p_preset_lastField(&c, field); });
+    return acked(zqh, [&](t_s9p_command* c) { return s9p_preset_lastField(c, field); });
 }
 
 int zqhandler_cmd_loopmode(t_zqhandler* zqh, int on) {
-    return s9p_exchange(
-        zqh, [&](t_s9p_command& c) { return s9p_loopmode(&c, on); },
-        s9p_printing(s9p_accept_ack, "loopmode failed\n"), zero);
+    return exchange(
+        zqh, [&](t_s9p_command* c) { return s9p_loopmode(c, on); },
+        printing(accept_ack, "loopmode failed\n"), zero);
 }
 
 int zqhandler_cmd_timermode(t_zqhandler* zqh, int mode) {
-    return s9p_exchange(
-        zqh, [&](t_s9p_command& c) { return s9p_timermode(&c, mode); },
-        s9p_printing(s9p_accept_ack, "timermode failed\n"), zero);
+    return exchange(
+        zqh, [&](t_s9p_command* c) { return s9p_timermode(c, mode); },
+        printing(accept_ack, "timermode failed\n"), zero);
 }
 
 int zqhandler_cmd_var_play(t_zqhandler* zqh, int speed) {
@@ -371,8 +339,8 @@ int zqhandler_cmd_step(t_zqhandler* zqh, int count) {
 int zqhandler_cmd_sense_status_range(t_zqhandler* zqh, int first, int count, uint8_t* out) {
     if (!out)
         return -1;
-    return s9p_exchange(
-        zqh, [&](t_s9p_command& c) { return s9p_sense_status_range(&c, first, count); },
+    return exchange(
+        zqh, [&](t_s9p_command* c) { return s9p_sense_status_range(c, first, count); },
         [](const t_s9p_command& ans) { return accept_if(holds(ans, 0x70) && ans.data[1] == 0x20); },
         copy_announced(out));
 }

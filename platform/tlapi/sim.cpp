@@ -19,6 +19,9 @@ constexpr const char* kDefaultBoardSocket = "/tmp/sdiboard.sock";
 // How long the board has to clock its bytes back; later answers belong to no transfer.
 constexpr int kAnswerWindowMs = 20;
 constexpr int kMaxTransfer = 64;
+// A board that never stops answering must not hold a transfer: at most this many late answers
+// are dropped before one.
+constexpr int kMaxLateAnswers = 64;
 // What a bus whose data line floats high reads when no board drives it.
 constexpr unsigned char kFloatingBus = 0xFF;
 
@@ -57,7 +60,8 @@ bool boardAddress(sockaddr_un* address) {
 // An answer that missed its window must not be taken for the answer of the next transfer.
 void dropLateAnswers(int fd) {
     unsigned char discard[kMaxTransfer];
-    while (recv(fd, discard, sizeof discard, MSG_DONTWAIT) >= 0) {
+    for (int n = 0; n < kMaxLateAnswers && recv(fd, discard, sizeof discard, MSG_DONTWAIT) >= 0;
+         ++n) {
     }
 }
 

@@ -1,7 +1,7 @@
 // Any bytes as a Louth answer, twice: as one datagram, and as a serial line delivers them in reads
 // of any size. The parsers stay inside the record and take what the header or the first bytes
 // announce, never more; the answer check reads only the answer.
-#include "louth.h"
+#include "louth_private.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -24,7 +24,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const size_t chunk = std::min(announced, size - at);
         at += serial.take({data + at, chunk});
     }
-    auto bytes = serial.answer();
+    auto bytes = serial.bytes();
     if (!serial.complete())
         return 0;
     const size_t length = bytes[0] == LOUTH_ACK ? 1 : bytes[0] == LOUTH_REFUSAL ? 2 : bytes[1] + 3u;

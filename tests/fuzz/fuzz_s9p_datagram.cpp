@@ -1,6 +1,6 @@
 // Any datagram as a Sony answer: the parser stays inside the record, and what it accepts is a
 // frame of 3 to 18 bytes; what it refuses leaves the record untouched.
-#include "sony9p_transport.h"
+#include "sony9p_private.h"
 
 #include <cstdlib>
 

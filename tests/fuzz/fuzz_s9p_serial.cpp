@@ -1,6 +1,6 @@
 // Any bytes as a serial line delivers them, in reads of any size: the assembler takes one frame
 // of exactly the length its CMD1 announces and never more.
-#include "sony9p_transport.h"
+#include "sony9p_private.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             abort();
         at += taken;
     }
-    auto bytes = frame.frame();
+    auto bytes = frame.bytes();
     if (bytes.size() > S9P_MAX_FRAME)
         abort();
     if (frame.complete() && bytes.size() != (bytes[0] & 0x0Fu) + S9P_MIN_FRAME)

@@ -1,6 +1,6 @@
 // Any 12 bytes as the header of a stream answer: only a "s9p " header announcing a frame of 3 to
 // 18 bytes is taken, so the frame read after it always fits the record.
-#include "sony9p_transport.h"
+#include "link.h"
 
 #include <cstdlib>
 

@@ -2,8 +2,8 @@
 // the first two bytes: what is copied never goes beyond the datagram, its announced size or the
 // capacity (the copies go into buffers of exactly that size), and a header passes only with the
 // tag asked for and a size the capacity holds.
-#include "cnxn.h"
-#include "mgmt.h"
+#include "cnxn_private.h"
+#include "mgmt_private.h"
 
 #include <algorithm>
 #include <cstdlib>

@@ -12,42 +12,34 @@ class CapturedFd {
     explicit CapturedFd(int fd) : fd_(fd) {
         fflush(nullptr);
         char path[] = "/tmp/vlm-capture-XXXXXX";
-        file_ = mkstemp(path);
-        if (file_ < 0) {
-            perror("mkstemp");
+        if ((file_ = mkstemp(path)) < 0)
             abort();
-        }
         unlink(path);
         saved_ = dup(fd_);
         dup2(file_, fd_);
     }
-    ~CapturedFd() { restore(); }
+    ~CapturedFd() { text(); }
     CapturedFd(const CapturedFd&) = delete;
     CapturedFd& operator=(const CapturedFd&) = delete;
 
     // Stops capturing (once) and returns everything written meanwhile.
     std::string text() {
-        restore();
+        if (saved_ >= 0) {
+            fflush(nullptr);
+            dup2(saved_, fd_);
+            close(saved_);
+            saved_ = -1;
+            lseek(file_, 0, SEEK_SET);
+            char buffer[4096];
+            for (ssize_t n; (n = read(file_, buffer, sizeof buffer)) > 0;)
+                text_.append(buffer, static_cast<size_t>(n));
+            close(file_);
+        }
         return text_;
     }
 
   private:
-    void restore() {
-        if (saved_ < 0)
-            return;
-        fflush(nullptr);
-        dup2(saved_, fd_);
-        close(saved_);
-        saved_ = -1;
-        lseek(file_, 0, SEEK_SET);
-        char buffer[4096];
-        for (ssize_t n; (n = read(file_, buffer, sizeof buffer)) > 0;)
-            text_.append(buffer, static_cast<size_t>(n));
-        close(file_);
-    }
-    int fd_;
-    int saved_ = -1;
-    int file_ = -1;
+    int fd_, saved_ = -1, file_ = -1;
     std::string text_;
 };
 

@@ -2,7 +2,7 @@
 // Tests using it link zqhandler_static and devsim_lib.
 #pragma once
 
-#include "devsim.h"
+#include <devsim/devsim.h>
 
 #include <cstdint>
 #include <string>

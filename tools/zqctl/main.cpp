@@ -17,11 +17,6 @@ namespace zqctl {
 
 namespace {
 
-// The one place an error code of the library becomes text.
-const char* error_text(int code) {
-    return s9p_err_string[code < 0 || code > S9P_ERR_LAST ? S9P_ERR_LAST : code];
-}
-
 // The error bits of a Sony NAK, as a deck names them.
 std::string nak_bits(uint8_t bits) {
     static constexpr const char* kNames[8] = {
@@ -53,7 +48,7 @@ int failed(Session& s, const std::string& operation) {
     else if (code == S9P_ERR_PROTOCOL)
         why = "answer of the wrong kind or form";
     else
-        why = error_text(code);
+        why = s9p_strerror(code);
     return missing(operation, why);
 }
 

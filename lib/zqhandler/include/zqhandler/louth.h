@@ -18,8 +18,10 @@
  *
  * Transport. On the handle's datagram link (a ComHdr_louth of type 5 in front of the frame) or
  * its serial line; any other link fails with S9P_ERR_NOT_CONNECTED. Time-outs are in ms: 0 polls
- * the socket (on the serial line: one read of the line's own 0.1 s wait), a negative one waits
- * without limit. Failures store an e_s9p_err code in the record's err_status and return -1. */
+ * the socket, a negative one waits for it without limit. On the serial line every single read
+ * waits at most the line's own 0.1 s, and one that brings nothing ends the answer: a silent line
+ * costs 0.1 s whatever the time-out. Failures store an e_s9p_err code in the record's err_status
+ * and return -1. */
 #ifndef ZQHANDLER_LOUTH_H
 #define ZQHANDLER_LOUTH_H
 
@@ -50,14 +52,10 @@ typedef struct s_louth_command {
     uint8_t len;                   /* valid bytes in data */
 } t_louth_command;
 
-/* A Louth frame in a UDP datagram. The 16-bit fields are held in network byte order. A datagram
- * carries the 10-byte header and exactly `size` frame bytes, not the whole record. */
+/* A Louth frame in a UDP datagram (the header is ZQ_DATAGRAM_HEADER, type 5). A datagram carries
+ * the 10-byte header and exactly `size` frame bytes, not the whole record. */
 typedef struct s_ComHdr_louth {
-    uint16_t type;    /* 5, a Louth frame; ignored on receipt */
-    uint16_t size;    /* the frame's length; on receipt only its low byte counts */
-    uint16_t msgType; /* 0 */
-    uint16_t seqID;   /* 0 */
-    uint16_t seqNum;  /* 0 */
+    ZQ_DATAGRAM_HEADER
     uint8_t data[LOUTH_DATA_SIZE];
 } ComHdr_louth;
 
@@ -106,10 +104,11 @@ ZQ_API int louth_sense_currentID(t_louth_command* cmd, int unit);               
 ZQ_API int louth_sense_firstID(t_louth_command* cmd, int unit);                  /* 0x11 */
 ZQ_API int louth_sense_lengthID(t_louth_command* cmd, int unit, const char* id); /* 0x14 */
 
-/* Sends the record's len bytes on `hdl` (the handle's comm_handle). Datagram: answers already
- * waiting on the socket are read and discarded first, so that a late one is not taken for this
- * command's; a failed wait for writing is S9P_SEND_TIMEOUT, a failed send S9P_INVAL_ARG. Serial:
- * unread input is dropped, and a short write is S9P_SEND_TIMEOUT. Returns 0 or -1. */
+/* Sends the record's len bytes on `hdl` (the handle's comm_handle). Datagram: when an answer is
+ * already waiting on the socket, that one answer is read and discarded first (a second one would
+ * be read as this command's answer); a failed wait for writing is S9P_SEND_TIMEOUT, a failed send
+ * S9P_INVAL_ARG. Serial: unread input is dropped, and a short write is S9P_SEND_TIMEOUT. Returns 0
+ * or -1. */
 ZQ_API int louth_send_cmd(t_s9p_handle* hdl, t_louth_command* cmd, int timeout_ms);
 
 /* Reads one answer into `cmd` (cleared first) and, for a frame, checks its checksum
@@ -123,9 +122,10 @@ ZQ_API int louth_send_cmd(t_s9p_handle* hdl, t_louth_command* cmd, int timeout_m
 ZQ_API int louth_read_answer(t_s9p_handle* hdl, t_louth_command* cmd, int timeout_ms);
 
 /* The serial half of louth_read_answer, without the checksum test: 0x04 is one byte, 0x05 two,
- * 0x02 its byte count + 3; any other first byte is S9P_ERR_PROTOCOL. Bytes are read while the
- * time-out (counted from the start of the read) lasts, never past the answer's end; what is
- * missing then is S9P_RCV_TIMEOUT.
+ * 0x02 its byte count + 3; any other first byte is S9P_ERR_PROTOCOL. Bytes are read never past
+ * the answer's end; a read that brings nothing within the line's 0.1 s, or a failed one, is
+ * S9P_RCV_TIMEOUT, and so is the time-out (counted from the start of the read) passing before
+ * the bytes after the length are in.
  * Choice: a byte count above 252 (the frame would not fit len) is S9P_ERR_PROTOCOL as soon as it
  * is read. Returns 0 or -1. */
 ZQ_API int louth_read_answer_serial(t_s9p_handle* hdl, t_louth_command* cmd, int timeout_ms);

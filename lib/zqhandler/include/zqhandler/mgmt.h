@@ -9,7 +9,7 @@
 
 ZQ_BEGIN_DECLS
 
-#define MGMT_HEADER_SIZE 10
+#define MGMT_HEADER_SIZE ZQ_DATAGRAM_HEADER_SIZE
 #define MGMT_MAX_DATAGRAM 1500                               /* a whole answer, header included */
 #define MGMT_MAX_DATA (MGMT_MAX_DATAGRAM - MGMT_HEADER_SIZE) /* 1490 bytes after the header */
 #define MGMT_MAX_REQUEST_DATA 255                            /* the reach of t_mgmt_command.len */
@@ -19,14 +19,11 @@ ZQ_BEGIN_DECLS
 #define MGMT_GET_DISKINFO 1
 #define MGMT_GET_LOG 2
 
-/* The header of every management datagram. The fields are held in network byte order (as
- * htons gives them), so header and data go on the wire as they lie in the record. */
+/* The header of every management datagram (ZQ_DATAGRAM_HEADER, type 3): in a request `size` counts
+ * the data bytes and `msgType` is the request code; in an upload's answer `msgType` 0 means
+ * accepted. Header and data go on the wire as they lie in the record. */
 typedef struct s_ComHdr_mgmt {
-    uint16_t type;    /* 3 in a request; not read in an answer */
-    uint16_t size;    /* data bytes after the header */
-    uint16_t msgType; /* request code; in an upload's answer 0 = accepted */
-    uint16_t seqID;   /* 0 */
-    uint16_t seqNum;  /* 0 */
+    ZQ_DATAGRAM_HEADER
 } ComHdr_mgmt;
 
 /* A request being built and sent, or an answer received (the whole datagram from `hdr` on). A

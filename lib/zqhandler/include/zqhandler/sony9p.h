@@ -1,5 +1,6 @@
 /* Sony frame layer: the frame record, its checksum and generic builder, the library's error codes
- * and their texts, and the link record every transport of the library works on. */
+ * and their texts, the link record every transport of the library works on, and the header of
+ * every datagram the library sends. */
 #ifndef ZQHANDLER_SONY9P_H
 #define ZQHANDLER_SONY9P_H
 
@@ -33,6 +34,10 @@ typedef enum e_s9p_err {
 /* Messages indexed by e_s9p_err; entry S9P_ERR_LAST ("Unknown error") is the fallback for any
  * other value. Static strings, valid for the life of the process. */
 ZQ_API extern const char* const s9p_err_string[S9P_ERR_LAST + 1];
+
+/* The message of any code, in range or not: s9p_err_string[code] for 0 to S9P_ERR_LAST, else
+ * "Unknown error". A static string, never null. */
+ZQ_API const char* s9p_strerror(int code);
 
 /* A reserved word kept in records for layout; the library neither reads nor writes `flags`. */
 typedef struct s_zq_reserved {
@@ -68,6 +73,27 @@ typedef struct s_s9p_handle {
     int32_t socklen;              /* sizeof sockadd */
     struct s_serial_handle* shdl; /* the serial port, or null */
 } t_s9p_handle;
+
+/* The 10-byte header in front of every datagram of the library (ComHdr, ComHdr_louth,
+ * ComHdr_mgmt): five 16-bit fields held in network byte order (as htons gives them), so that a
+ * record goes on the wire as it lies. `type` says what follows (1 a Sony frame, 3 management
+ * data, 5 a Louth frame) and is not read on receipt; `size` counts the bytes after the header
+ * (of a received frame only its low byte is read); `msgType` is 0 but in management datagrams;
+ * `seqID` and `seqNum` are 0. */
+#define ZQ_DATAGRAM_HEADER_SIZE 10
+#define ZQ_DATAGRAM_HEADER                                                                         \
+    uint16_t type;                                                                                 \
+    uint16_t size;                                                                                 \
+    uint16_t msgType;                                                                              \
+    uint16_t seqID;                                                                                \
+    uint16_t seqNum;
+
+/* A Sony frame in a UDP datagram. A datagram carries the header and exactly the frame's bytes,
+ * not the whole record. */
+typedef struct s_ComHdr {
+    ZQ_DATAGRAM_HEADER
+    uint8_t data[S9P_MAX_FRAME];
+} ComHdr;
 
 /* The low 8 bits of the sum of the first `count` bytes; 0 when count is 0 or less. */
 ZQ_API int s9p_calculate_checksum(const uint8_t* bytes, int count);

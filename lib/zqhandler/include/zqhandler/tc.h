@@ -4,8 +4,8 @@
  * digits each, ":" between them, and ";" before the frames for a drop-frame timecode. Results are
  * always written with ":" at positions 2 and 5 and ":" or ";" at position 8.
  *
- * Buffers and ownership. Every result buffer belongs to the caller and must hold 12 bytes; no
- * operation writes more than 12 bytes into it (11 characters and the NUL), and none keeps a pointer
+ * Buffers and ownership. Every result buffer belongs to the caller and must hold ZQ_TC_BYTES (12)
+ * bytes; no operation writes more than 12 bytes into it (11 characters and the NUL), and none keeps a pointer
  * to any argument after it returns. No operation keeps state, so all of them may run on any thread.
  * A null result buffer (or a null BCD array) is refused: nothing is written and the operation
  * returns -1 (tcstr_reset does nothing).
@@ -48,6 +48,9 @@
 #include <zqhandler/zq_api.h>
 
 ZQ_BEGIN_DECLS
+
+/* A timecode string buffer: "HH:MM:SS:FF" and its NUL. */
+#define ZQ_TC_BYTES 12
 
 /* The zero timecode "00:00:00:00", a constant string of the library valid for its whole life. */
 extern ZQ_API const char* const tcstr_tc0;

@@ -19,19 +19,23 @@
  * count runs past that length is refused with S9P_ERR_PROTOCOL, so that nothing is read beyond
  * the answer that came.
  *
- * Output buffers belong to the caller and are written only on success:
- *   status, errors, IDs and sense_basic: up to 250 bytes, and a terminating zero for the IDs, so
- *   251 bytes is always enough; timecodes: 12 bytes ("HH:MM:SS:FF" and its NUL). */
+ * Output buffers belong to the caller and are written only on success: ZQ_LOUTH_OUT_BYTES for
+ * status, errors, IDs and sense_basic (up to 250 bytes, and a terminating zero for the IDs),
+ * ZQ_TC_BYTES for timecodes. */
 #ifndef ZQHANDLER_ZQHANDLER_LOUTH_H
 #define ZQHANDLER_ZQHANDLER_LOUTH_H
 
 #include <stdint.h>
 #include <zqhandler/basic.h>
 #include <zqhandler/louth.h>
+#include <zqhandler/tc.h>
 #include <zqhandler/zq_api.h>
-#include <zqhandler/zqhandler.h>
+#include <zqhandler/zqhandler_handle.h>
 
 ZQ_BEGIN_DECLS
+
+/* The output of the status, error, ID and basic sense operations. */
+#define ZQ_LOUTH_OUT_BYTES 251
 
 /* An e_basic_command: STOP, PLAY, RECORD, STILL, CONTINUE (resume), ERASE_ALL and STEP_FWD are
  * sent; every other value returns -1 at once. Needs an acknowledge. */

@@ -6,7 +6,7 @@
 #include <stdint.h>
 #include <zqhandler/mgmt.h>
 #include <zqhandler/zq_api.h>
-#include <zqhandler/zqhandler.h>
+#include <zqhandler/zqhandler_handle.h>
 
 ZQ_BEGIN_DECLS
 

@@ -16,19 +16,17 @@
 
 #include <stdint.h>
 #include <zqhandler/basic.h>
+#include <zqhandler/tc.h>
 #include <zqhandler/zq_api.h>
-#include <zqhandler/zqhandler.h>
+#include <zqhandler/zqhandler_handle.h>
 
 ZQ_BEGIN_DECLS
-
 
 /* The output of zqhandler_cmd_sense_basic and zqhandler_cmd_sense_status: 15 data bytes and a
  * terminating zero at most. */
 #define ZQ_SENSE_BYTES 16
 /* The output of the operations that return an answer's data: 15 bytes at most. */
 #define ZQ_SENSE_DATA_MAX 15
-/* A timecode string, "HH:MM:SS:FF" and its NUL. */
-#define ZQ_TC_BYTES 12
 
 /* ---- Table-driven commands and senses ----
  * `command`, `sense` and `which` are e_basic_command and e_basic_sense values, passed as int so

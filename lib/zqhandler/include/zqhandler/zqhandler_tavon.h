@@ -14,23 +14,29 @@
 
 #include <stdint.h>
 #include <zqhandler/zq_api.h>
-#include <zqhandler/zqhandler.h>
+#include <zqhandler/zqhandler_handle.h>
 
 ZQ_BEGIN_DECLS
 
-/* The 10 capture status bytes (answer 0x7A 0xB2) into `status` (10 bytes); returns 10. Any other
- * answer prints "sense capture failed %02x.%02x\n" with its first two bytes. */
+/* The outputs: the capture status, and the information of a file, of what plays now or of the
+ * start-up configuration (at most 15 bytes). */
+#define ZQ_CAPTURE_BYTES 10
+#define ZQ_MEDIA_INFO_BYTES 15
+
+/* The 10 capture status bytes (answer 0x7A 0xB2) into `status` (ZQ_CAPTURE_BYTES); returns 10.
+ * Any other answer prints "sense capture failed %02x.%02x\n" with its first two bytes. */
 ZQ_API int zqhandler_cmd_tavon_sense_capture(t_zqhandler* zqh, uint8_t* status);
 
 /* A file's information (answer 0x7n with n >= 1, the request's CMD2, then the selector 0x01):
- * the n - 1 bytes after the selector into `info` (14 bytes); returns n - 1. A null name asks
- * about the file the request leaves to the device. */
+ * the n - 1 bytes after the selector into `info` (ZQ_MEDIA_INFO_BYTES); returns n - 1. A null
+ * name asks about the file the request leaves to the device. */
 ZQ_API int zqhandler_cmd_tavon_sense_file_vinfo(t_zqhandler* zqh, const char* name, uint8_t* info);
 ZQ_API int zqhandler_cmd_tavon_sense_file_ainfo(t_zqhandler* zqh, const char* name, uint8_t* info);
 
 /* What plays now (selector 0x00) or the start-up configuration (0x02): answer 0x7n with n >= 1,
- * the request's CMD2 and selector; the n data bytes, selector first, into `info` (15 bytes);
- * returns n. The start-up audio query prints "sense startup ainfo failed\n" on a wrong answer. */
+ * the request's CMD2 and selector; the n data bytes, selector first, into `info`
+ * (ZQ_MEDIA_INFO_BYTES); returns n. The start-up audio query prints "sense startup ainfo
+ * failed\n" on a wrong answer. */
 ZQ_API int zqhandler_cmd_tavon_sense_current_vinfo(t_zqhandler* zqh, uint8_t* info);
 ZQ_API int zqhandler_cmd_tavon_sense_current_ainfo(t_zqhandler* zqh, uint8_t* info);
 ZQ_API int zqhandler_cmd_tavon_sense_startup_vinfo(t_zqhandler* zqh, uint8_t* info);

@@ -3,7 +3,7 @@
 // the link record); the Sony transport builds on this for its stream link.
 #pragma once
 
-#include "sony9p.h"
+#include "sony9p_private.h"
 #include "wire.h"
 
 #include <zqhandler/cnxn.h>
@@ -29,7 +29,8 @@ int cnxn_send_data(t_s9p_handle* hdl, const uint8_t* bytes, uint32_t count, unsi
 // Returns count (0 when count <= 0), or -2 (wait or recv failed), -5 (time-out: `buffer` keeps the
 // bytes received so far), -7.
 int cnxn_rcv_data(t_s9p_handle* hdl, uint8_t* buffer, int count, unsigned timeout_ms);
-// Drops every byte already waiting on the stream.
+// Drops the bytes already waiting on the stream: at most kMaxStaleReads reads of 510 bytes, so
+// that a server that never stops sending cannot hold the caller.
 void cnxn_flush_input(t_s9p_handle* hdl);
 
 // Header fields of a message or answer held in `header` (at least 12 bytes).

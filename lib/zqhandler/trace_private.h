@@ -11,6 +11,16 @@ inline constexpr unsigned VLMLIB_TRACE_TRANSPORT = 200;
 // The limit a process starts with.
 inline constexpr unsigned VLMLIB_TRACE_DEFAULT_LIMIT = 500;
 
+// The name of a source file without its folders, as traces and failure reports give a source
+// location: source_name(__FILE__).
+consteval const char* source_name(const char* path) {
+    const char* name = path;
+    for (const char* p = path; *p; ++p)
+        if (*p == '/')
+            name = p + 1;
+    return name;
+}
+
 void vlmlibmessage(const char* format, ...) VLM_PRINTF(1, 2);
 void vlmlibwarning(const char* format, ...) VLM_PRINTF(1, 2);
 // Writes the message, then aborts the process.
