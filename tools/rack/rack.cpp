@@ -140,7 +140,8 @@ void Rack::log(const std::string& source, const Bytes& bytes, const std::string&
         if (log_.size() > kLogLength)
             log_.pop_front();
         if (print_) // under the lock, so the console keeps the log's order
-            print_(source + "  " + bytes_hex + (text.empty() ? "" : "  " + text));
+            print_(source + (bytes_hex.empty() ? "" : "  " + bytes_hex) +
+                   (text.empty() ? "" : "  " + text));
     }
     changed_.notify_all();
 }
