@@ -5,7 +5,7 @@
 //   node rack.test.mjs BUILD NODE_FOLDER SCREENSHOT
 import { execFileSync, spawn } from 'node:child_process';
 import dgram from 'node:dgram';
-import { mkdtempSync, rmSync, writeFileSync } from 'node:fs';
+import { existsSync, mkdtempSync, rmSync, writeFileSync } from 'node:fs';
 import { createRequire } from 'node:module';
 import os from 'node:os';
 import path from 'node:path';
@@ -156,6 +156,12 @@ const checks = [
     if (foreign.length || fonts || requested.length < 3 || errors.length)
       throw new Error(`requests ${requested.join(' ')}; ${fonts} fonts; errors ${errors.join('; ')}`);
   }],
+  ['SIGTERM stops the rack with status 0 and removes its socket', async () => {
+    await browser.close();
+    const status = new Promise((resolve) => rack.on('exit', (code, signal) => resolve(code ?? signal)));
+    rack.kill();
+    if ((await status) !== 0 || existsSync(`${work}/board.sock`)) throw new Error(`status ${await status}`);
+  }],
 ];
 
 let failed = 0;
@@ -170,7 +176,7 @@ for (const [name, check] of checks) {
   }
 }
 await browser.close();
-for (const child of children) child.kill();
+for (const child of children) if (child.exitCode === null) child.kill();
 if (failed) console.log(`rack:\n${rack.output}\ndaemon:\n${daemon.output}`);
 rmSync(work, { recursive: true, force: true });
 const seconds = ((Date.now() - began) / 1000).toFixed(1);
