@@ -319,10 +319,10 @@ Bytes SonyAnswers::command(const Request& r) {
     }
     if ((r.cmd2 == 0x20 || r.cmd2 == 0x21 || r.cmd2 == 0x30) && first >= 0) {
         // A range of the status bytes (start, size), or the first bytes of the edit preset.
-        const Bytes all = r.cmd2 == 0x30    ? sense(0x30, -1)
-                          : has(r.cmd2, -1) ? sense(r.cmd2, -1)
-                          : r.cmd2 == 0x20  ? model_.status()
-                                            : Bytes(16, 0);
+        const Bytes all = r.cmd2 == 0x21   ? Bytes(16, 0) // no extended status bit is set
+                          : r.cmd2 == 0x30 ? sense(0x30, -1)
+                          : has(0x20, -1)  ? sense(0x20, -1)
+                                           : model_.status();
         const size_t start = r.cmd2 == 0x30 ? 0 : static_cast<size_t>(first >> 4);
         Bytes range(first & 0x0F, 0);
         for (size_t i = 0; i < range.size() && start + i < all.size(); ++i)
