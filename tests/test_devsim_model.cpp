@@ -121,8 +121,14 @@ TEST(Scenario, each_directive_shapes_what_the_server_answers) {
         {"at 3 delay 400", faults, "0 0 5 0 "},
         {"at 1 corrupt", faults, "1 0 0 0 "},
         {"at 2 restart 400", faults, "0 5 5 0 "}, // silent while it restarts, then answers
-        {"at 2 close", faults, "0 5 0 0 "},       // no connection to close: silence
-        {"at 1 close", tcp, "5 5 0 "},            // the second finds the connection closed
+        {"",
+         [&](Server& s) {
+             s.sim.restart(400);
+             return faults(s);
+         },
+         "5 5 0 0 "},
+        {"at 2 close", faults, "0 5 0 0 "}, // no connection to close: silence
+        {"at 1 close", tcp, "5 5 0 "},      // the second finds the connection closed
         {"at 1 restart 300", tcp, "5 5 0 "},
         {"nak 0x04", faults, "1 1 1 1 "}, // every answer
         {"at frame 01:00:10:00 nak 01", faults, "0 0 0 10 "},

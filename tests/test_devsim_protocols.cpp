@@ -191,12 +191,20 @@ const Row kDeck[] = {
 
 TEST(Deck, each_public_command_and_sense_gets_the_answer_the_tables_define) {
     Controller c;
+    std::vector<std::string> traffic; // what a front panel's log would show
+    c.sim.on_traffic([&](const devsim::Traffic& t) {
+        if (traffic.size() < 4)
+            traffic.push_back((t.direction == devsim::Direction::sent ? "> " : "< ") + t.text);
+    });
     for (const Row& row : kDeck) {
         if (row.before)
             row.before(c.sim);
         expect_answer(c.sony(row.request, row.as_is), row.answer, row.request);
     }
     EXPECT_EQ(c.sim.received().at(1).text, "CUE UP WITH DATA 00:10:00:00");
+    const std::vector<std::string> first = {"< DEVICE TYPE REQUEST", "> DEVICE TYPE F0 20",
+                                            "< CUE UP WITH DATA 00:10:00:00", "> ACK"};
+    EXPECT_EQ(traffic, first);
     const auto points = c.sim.model().snapshot().points;
     EXPECT_EQ(points[0], 25 * 599 + 24) << "IN at 00:09:59:24";
 }

@@ -139,7 +139,7 @@ class DevSim {
     // The server behind every link: transport, position, clips.
     Model& model() { return model_; }
     // Called on the serving thread for every message received, after it is recorded, and for
-    // everything that crosses a link. Set before start().
+    // everything that crosses a link; either may be set or changed at any time.
     void on_receive(std::function<void(const Received&)> observer);
     void on_traffic(std::function<void(const Traffic&)> observer);
 

@@ -114,9 +114,12 @@ constexpr std::tuple<uint8_t, uint8_t, uint8_t> kReadBack[] = {
     {0x44, 0xB5, 0xB5}, // last field
 };
 
-// The edit points' commands of group 4 and senses of group 6, each a run of CMD2 from the IN point
-// (entry 40 10-13, data preset 44 14-17, shift 40 18-1F by pairs +/-, reset 40 20-23, recall
-// 40 24-27; data sense 60 10-13).
+int64_t frames_of(const Model& model, const Bytes& bcd) {
+    return bcd.size() == 4 ? bcd_to_frames(model.standard(), bcd.data()) : 0;
+}
+
+// The edit points' commands of group 4 and senses of group 6 are each a run of CMD2 from the IN
+// point's, one a point (or a pair, + and -, for the shifts).
 std::optional<Point> point_of(uint8_t cmd2, uint8_t first, int per_point = 1) {
     const int offset = cmd2 - first;
     if (offset < 0 || offset >= 4 * per_point)
@@ -124,42 +127,39 @@ std::optional<Point> point_of(uint8_t cmd2, uint8_t first, int per_point = 1) {
     return static_cast<Point>(offset / per_point);
 }
 
-int64_t frames_of(const Model& model, const Bytes& bcd) {
-    return bcd.size() == 4 ? bcd_to_frames(model.standard(), bcd.data()) : 0;
-}
+struct PointCommand {
+    uint8_t cmd1, first;
+    int per_point;
+    void (*apply)(Model&, Point, const Request&);
+};
+constexpr PointCommand kPointCommands[] = {
+    {0x40, 0x10, 1, [](Model& m, Point p, const Request&) { m.entry(p); }},
+    {0x44, 0x14, 1, [](Model& m, Point p, const Request& r) { m.preset(p, frames_of(m, r.data)); }},
+    {0x40, 0x18, 2, [](Model& m, Point p, const Request& r) { m.shift(p, r.cmd2 % 2 ? -1 : 1); }},
+    {0x40, 0x20, 1, [](Model& m, Point p, const Request&) { m.reset(p); }},
+    {0x40, 0x24, 1, [](Model& m, Point p, const Request&) { m.recall(p); }},
+};
 
-// Edit points, the edits and the latched bits; false when `r` is none of them.
+// The edits, the latched bits and the edit points' commands; false when `r` is none of them.
 bool edit_point_command(Model& model, const Request& r, int64_t preroll) {
-    const uint8_t group = r.cmd1 >> 4;
-    if (group == 0x2) {
-        for (const EditCommand& e : kEdits)
-            if (r.cmd1 == 0x20 && r.cmd2 == e.cmd2) {
-                const int64_t from = model.point(e.from).value_or(model.position());
-                const auto out = e.to_out ? model.point(Point::out) : std::nullopt;
-                model.edit(e.edit, from - preroll, out);
-                return true;
-            }
-    }
+    for (const EditCommand& e : kEdits)
+        if (r.cmd1 == 0x20 && r.cmd2 == e.cmd2) {
+            const int64_t from = model.point(e.from).value_or(model.position());
+            const auto out = e.to_out ? model.point(Point::out) : std::nullopt;
+            model.edit(e.edit, from - preroll, out);
+            return true;
+        }
     for (const Latch& l : kLatches)
         if (r.cmd1 == l.cmd1 && r.cmd2 == l.cmd2) {
             model.latch(l.byte, l.mask, l.on);
             return true;
         }
-    if (group != 0x4)
-        return false;
-    if (auto p = point_of(r.cmd2, 0x10); p && r.cmd1 == 0x40)
-        model.entry(*p);
-    else if (auto q = point_of(r.cmd2, 0x14); q && r.cmd1 == 0x44)
-        model.preset(*q, frames_of(model, r.data));
-    else if (auto s = point_of(r.cmd2, 0x18, 2); s && r.cmd1 == 0x40)
-        model.shift(*s, r.cmd2 % 2 ? -1 : 1);
-    else if (auto c = point_of(r.cmd2, 0x20); c && r.cmd1 == 0x40)
-        model.reset(*c);
-    else if (auto b = point_of(r.cmd2, 0x24); b && r.cmd1 == 0x40)
-        model.recall(*b);
-    else
-        return false;
-    return true;
+    for (const PointCommand& c : kPointCommands)
+        if (auto point = point_of(r.cmd2, c.first, c.per_point); point && r.cmd1 == c.cmd1) {
+            c.apply(model, *point, r);
+            return true;
+        }
+    return false;
 }
 
 } // namespace
