@@ -349,6 +349,9 @@ TEST(Names, each_frame_is_named_with_its_arguments) {
     const std::tuple<std::function<std::string(const Bytes&)>, const char*, const char*> rows[] = {
         {describe_sony, "24 31 00 00 10 00 65", "CUE UP WITH DATA 00:10:00:00"},
         {describe_sony, "61 0C 03 70", "CURRENT TIME SENSE LTC+VITC"},
+        {describe_sony, "61 0C 04 71", "CURRENT TIME SENSE"}, // this system's, not timer-1
+        {describe_sony, "2A AC 12 34 FF FF FF FF 00 00 00 01 19",
+         "SAVE CLIP PARAMETERS clip 1234 values 4294967295 1"},
         {describe_sony, "61 20 25 A6", "STATUS SENSE bytes 2 to 6"},
         {describe_sony, "21 11 40 72", "JOG FWD speed 64 (100% of play)"},
         {describe_sony, "11 12 05 28", "NAK unknown command, checksum error"},

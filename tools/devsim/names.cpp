@@ -124,6 +124,7 @@ constexpr SonyName kSony[] = {
     {0x40, false, 0xC5, -1, "MENU PRESET DEFAULT", A::none},
     // Sense requests.
     {0x61, false, 0x0C, -1, "CURRENT TIME SENSE", A::time_select},
+    {0x61, false, 0x0C, 0x04, "CURRENT TIME SENSE", A::selector}, // this system's: the position
     {0x60, false, 0x10, -1, "IN DATA SENSE", A::none},
     {0x60, false, 0x11, -1, "OUT DATA SENSE", A::none},
     {0x60, false, 0x12, -1, "AUDIO IN DATA SENSE", A::none},
@@ -158,19 +159,19 @@ constexpr SonyName kSony[] = {
     {0x60, false, 0xB1, -1, "PRODUCT NAME SENSE", A::none},
     {0x60, false, 0xB2, -1, "SERIAL NUMBER OR CAPTURE STATUS SENSE", A::none},
     {0x60, false, 0xB3, -1, "IP ADDRESS SENSE", A::none},
-    {0x61, false, 0xB3, 0x00, "CURRENT VIDEO INFO SENSE", A::none},
-    {0x61, false, 0xB3, 0x02, "START-UP VIDEO INFO SENSE", A::none},
-    {0x61, false, 0xB4, 0x00, "CURRENT AUDIO INFO SENSE", A::none},
-    {0x61, false, 0xB4, 0x02, "START-UP AUDIO INFO SENSE", A::none},
+    {0x61, false, 0xB3, 0x00, "CURRENT VIDEO INFO SENSE", A::selector},
+    {0x61, false, 0xB3, 0x02, "START-UP VIDEO INFO SENSE", A::selector},
+    {0x61, false, 0xB4, 0x00, "CURRENT AUDIO INFO SENSE", A::selector},
+    {0x61, false, 0xB4, 0x02, "START-UP AUDIO INFO SENSE", A::selector},
     {0x60, any, 0xBB, 0x01, "FILE VIDEO INFO SENSE", A::file},
     {0x60, any, 0xBC, 0x01, "FILE AUDIO INFO SENSE", A::file},
     {0x60, false, 0xB4, -1, "FIELD 0 SENSE", A::none},
     {0x60, false, 0xB5, -1, "LAST FIELD SENSE", A::none},
     {0x60, false, 0xB7, -1, "LOOP MODE SENSE", A::none},
     {0x61, false, 0xC0, -1, "MENU SECTION SENSE", A::section},
-    {0x61, false, 0xC1, 0x00, "ERROR SENSE", A::none},
-    {0x61, false, 0xC1, 0x01, "LOADED ID SENSE", A::none},
-    {0x61, false, 0xC1, 0x02, "CLIP RANGE SENSE", A::none},
+    {0x61, false, 0xC1, 0x00, "ERROR SENSE", A::selector},
+    {0x61, false, 0xC1, 0x01, "LOADED ID SENSE", A::selector},
+    {0x61, false, 0xC1, 0x02, "CLIP RANGE SENSE", A::selector},
     {0x69, false, 0xC1, 0x03, "ID LENGTH SENSE", A::selector_id},
     // Sense answers (the others are named for their sense: "... DATA").
     {0x74, false, 0x00, -1, "TIMER-1 DATA", A::tc},
@@ -288,7 +289,7 @@ constexpr const char* kNakBits[8] = {"unknown command", "bit 1",   "checksum err
                                      "parity error",    "overrun", "framing error",  "time-out"};
 constexpr const char* kTimeSources[6] = {"LTC", "VITC", "TIMER-1", "TIMER-2", "LTC UB", "VITC UB"};
 
-std::string format(const char* f, long a, long b = 0) {
+std::string format(const char* f, long long a, long long b = 0) {
     char out[64];
     snprintf(out, sizeof out, f, a, b);
     return out;
@@ -354,12 +355,12 @@ std::string args_text(Args args, std::span<const uint8_t> d) {
         break;
     case A::speed:
         if (n == 1)
-            return format("speed %ld (%ld%% of play)", d[0],
+            return format("speed %lld (%lld%% of play)", d[0],
                           std::lround(100 * std::pow(10.0, d[0] / 32.0 - 2)));
         break;
     case A::steps:
         if (n <= 1)
-            return n == 0 ? "" : format("%ld frames", d[0]);
+            return n == 0 ? "" : format("%lld frames", d[0]);
         break;
     case A::value:
         if (n == 1)
@@ -375,16 +376,16 @@ std::string args_text(Args args, std::span<const uint8_t> d) {
         break;
     case A::clip:
         if (n == 2)
-            return format("clip %ld", clip_number(d));
+            return format("clip %lld", clip_number(d));
         break;
     case A::clips:
         if (n == 4)
-            return format("clips %ld %ld", clip_number(d), clip_number(d.subspan(2)));
+            return format("clips %lld %lld", clip_number(d), clip_number(d.subspan(2)));
         break;
     case A::clip_save:
         if (n == 10)
-            return format("clip %ld", clip_number(d)) +
-                   format(" values %ld %ld", be32(&d[2]), be32(&d[6]));
+            return format("clip %lld", clip_number(d)) +
+                   format(" values %lld %lld", be32(&d[2]), be32(&d[6]));
         break;
     case A::text:
         return text_of(d);
@@ -394,11 +395,15 @@ std::string args_text(Args args, std::span<const uint8_t> d) {
         break;
     case A::status_range:
         if (n == 1)
-            return format("bytes %ld to %ld", d[0] >> 4, (d[0] >> 4) + (d[0] & 0x0F) - 1);
+            return format("bytes %lld to %lld", d[0] >> 4, (d[0] >> 4) + (d[0] & 0x0F) - 1);
         break;
     case A::nak:
         if (n == 1)
             return d[0] ? names_of_bits(d[0], kNakBits, 8, ", ") : "no error bits";
+        break;
+    case A::selector:
+        if (n == 1)
+            return "";
         break;
     case A::selector_id:
         if (n == 9)
@@ -414,11 +419,11 @@ std::string args_text(Args args, std::span<const uint8_t> d) {
         break;
     case A::section:
         if (n == 1)
-            return format("section %ld", d[0]);
+            return format("section %lld", d[0]);
         break;
     case A::section_bytes:
         if (n >= 1)
-            return format("section %ld", d[0]) + (n > 1 ? " " + hex_of(d.subspan(1)) : "");
+            return format("section %lld", d[0]) + (n > 1 ? " " + hex_of(d.subspan(1)) : "");
         break;
     case A::selector_value:
         if (n == 2)
@@ -426,7 +431,7 @@ std::string args_text(Args args, std::span<const uint8_t> d) {
         break;
     case A::port:
         if (n == 1)
-            return format("port %ld", d[0] & 0x80 ? -(d[0] & 0x7F) : d[0]);
+            return format("port %lld", d[0] & 0x80 ? -(d[0] & 0x7F) : d[0]);
         break;
     case A::open_port:
         if (n == 2)
@@ -438,11 +443,11 @@ std::string args_text(Args args, std::span<const uint8_t> d) {
         break;
     case A::jog:
         if (n == 1 || n == 4)
-            return format("%ld frames", n == 1 ? static_cast<int8_t>(d[0]) : signed_be32(d));
+            return format("%lld frames", n == 1 ? static_cast<int8_t>(d[0]) : signed_be32(d));
         break;
     case A::var:
         if (n == 3)
-            return format("speed %ld + %ld/256", static_cast<int8_t>(d[0]), d[1]);
+            return format("speed %lld + %lld/256", static_cast<int8_t>(d[0]), d[1]);
         break;
     case A::what_tc:
         if (n == 5)
@@ -525,7 +530,7 @@ std::string describe_louth(std::span<const uint8_t> f) {
     std::string text = row == std::end(kLouth) ? joined("UNDEFINED", hex_of(f.subspan(2, 2)))
                                                : joined(row->name, args_text(row->args, data));
     if (f[2] & 0x0F)
-        text += format(" (unit %ld)", f[2] & 0x0F);
+        text += format(" (unit %lld)", f[2] & 0x0F);
     if (static_cast<uint8_t>(byte_sum(f.subspan(2))) != 0)
         text += " (bad checksum)";
     return text;
@@ -546,13 +551,13 @@ std::string describe_stream(std::span<const uint8_t> m, bool from_device) {
     if (!name)
         return "UNKNOWN TAG " + text_of(m.first(4));
     if (tag == "ver " && from_device)
-        return format("VERSION %ld.%ld", arg1, arg2);
+        return format("VERSION %lld.%lld", arg1, arg2);
     if (from_device && row->request) // an answer announcing the size of what "data" sends
-        return std::string(name) + format(" %ld bytes", arg1);
+        return std::string(name) + format(" %lld bytes", arg1);
     if (tag == "uuuu")
-        return std::string(name) + format(" %ld", arg1);
+        return std::string(name) + format(" %lld", arg1);
     if (tag == "pgop")
-        return std::string(name) + format(" %ld bytes", arg2);
+        return std::string(name) + format(" %lld bytes", arg2);
     return name;
 }
 
@@ -566,8 +571,8 @@ std::string describe_mgmt(std::span<const uint8_t> d, bool from_device) {
     static constexpr const char* kAnswers[] = {"UPLOAD ACCEPTED", "DISK INFORMATION", "LOG"};
     const char* const* names = from_device ? kAnswers : kRequests;
     std::string name =
-        code < 3 ? names[code] : format(from_device ? "PICTURE %ld" : "GET PICTURE %ld", code);
-    return size > 0 ? name + format(" %ld bytes", size) : name;
+        code < 3 ? names[code] : format(from_device ? "PICTURE %lld" : "GET PICTURE %lld", code);
+    return size > 0 ? name + format(" %lld bytes", size) : name;
 }
 
 } // namespace devsim

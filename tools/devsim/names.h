@@ -33,6 +33,7 @@ enum class Args : uint8_t {
     time_select, // the current time sense's sources
     status_range,
     nak,         // the NAK's error bits
+    selector,    // a selector byte, which the row's name already tells
     selector_id, // a selector byte, then an ID
     file,        // a selector byte, then a file name padded with zero bytes
     gpi,         // F0, the transitions, the levels
