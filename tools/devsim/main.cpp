@@ -1,4 +1,5 @@
-// devsim: a video server for a controller to talk to; prints every message it receives.
+// devsim: a video server for a controller to talk to; prints every message it receives, with its
+// name and arguments.
 #include "cli.h"
 #include "devsim.h"
 #include "paths.h"
@@ -9,9 +10,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -25,24 +24,28 @@ const char kUsage[] =
     "usage: devsim udp ADDRESS PORT [OPTION...]\n"
     "       devsim tcp ADDRESS PORT [OPTION...]\n"
     "       devsim serial [LINK] [OPTION...]\n"
-    "Plays a video server: Sony 9-pin, Odetics and Louth commands drive one model (transport, a\n"
-    "position moving in real time, a clip store) that every sense answers from; prints each\n"
-    "command as hex bytes.\n"
+    "Plays a video server: Sony 9-pin (as a deck answers it), Odetics and Louth commands drive\n"
+    "one model (transport, a position moving in real time, edit points, a clip store) that every\n"
+    "sense answers from; prints each command as hex bytes, its name and its arguments.\n"
     "options:\n"
-    "  --sense CMD2[.SEL]=HEX  answer the sense with this CMD2 (and selector) with these data "
-    "bytes\n"
-    "  --clip ID      add an empty clip ID to the clip store (repeatable; listed in this order)\n"
-    "  --standard STD the video standard: 25 (default), 29.97df, 30, 50 or 59.94df\n"
-    "  --scenario FILE  standard, clips, sense values and faults from FILE (see devsim(1))\n"
+    "  --scenario FILE  the directives of FILE, after the options (see devsim(1))\n"
     "  --also udp:PORT | tcp:PORT | serial[:LINK]\n"
     "                 serve this link too, on ADDRESS, from the same model (repeatable)\n"
+    "  --mgmt PORT    also serve the management protocol on ADDRESS:PORT (UDP)\n"
+    "  -h, --help     print this help and exit\n"
+    "Every directive of a scenario is an option too (repeatable, applied in order):\n"
+    "  --standard STD the video standard: 25 (default), 29.97df, 30, 50 or 59.94df\n"
+    "  --clip ID      add an empty clip ID to the clip store (\"ID START LENGTH\" places it)\n"
+    "  --sense CMD2[.SEL]=HEX  answer the sense with this CMD2 (and selector) with these bytes\n"
+    "  --local on|off the front panel's local switch: transport commands are refused\n"
     "  --louth        udp and serial links: speak Louth instead of Sony 9-pin\n"
-    "  --refuse BYTE  Louth: refuse every command (05 BYTE)\n"
     "  --nak BITS     answer every command with a NAK carrying these error bits\n"
+    "  --refuse BYTE  Louth: refuse every command (05 BYTE)\n"
     "  --silent       never answer\n"
     "  --delay MS     answer MS milliseconds late\n"
     "  --corrupt      answer with a wrong checksum\n"
-    "  --mgmt PORT    also serve the management protocol on ADDRESS:PORT (UDP)\n"
+    "  --at 'N FAULT' the N-th command gets FAULT: nak BITS, refuse BYTE, silent, delay MS,\n"
+    "                 corrupt, restart MS (every link drops for MS ms) or close (TCP)\n"
     "  --version A:B  the version words a \"ver \" request gets\n"
     "  --diskinfo FILE, --gop FILE, --log FILE\n"
     "                 the disk information, the GOP, the log the server holds\n"
@@ -50,98 +53,27 @@ const char kUsage[] =
     "                 file entry N, picture CODE\n"
     "  --refuse-uploads  refuse GOP and disk-information uploads\n"
     "  --stall BYTES:MS  the first raw transfer pauses MS ms after BYTES bytes\n"
-    "  -h, --help     print this help and exit\n"
     "ADDRESS is an IPv4 address or a host name; PORT 0 lets the system choose. Options may come\n"
     "before or after the link.\n";
 
-struct Options {
+// Where the server listens: the link named first, the other links, the management endpoint.
+struct Links {
     std::string link;
     std::string address = "127.0.0.1";
     uint16_t port = 0;
     std::string pty_link; // serial: a symbolic link to the pty, for controllers given a path
     std::vector<std::pair<std::string, std::string>> also; // more links: kind, port or pty link
-    devsim::Reply reply;
-    std::vector<std::string> senses, clips;
-    devsim::Standard standard = devsim::Standard::pal25;
-    std::string scenario;
-    bool louth = false;
     int mgmt_port = -1;
-    std::vector<std::function<void(devsim::DevSim&)>> contents; // applied before the start
+    std::string scenario;
 };
 
-constexpr cli::Option kOptions[] = {
-    {"sense", 0, true},    {"clip", 0, true},     {"standard", 0, true},
-    {"scenario", 0, true}, {"also", 0, true},     {"louth", 0, false},
-    {"refuse", 0, true},   {"nak", 0, true},      {"silent", 0, false},
-    {"delay", 0, true},    {"corrupt", 0, false}, {"mgmt", 0, true},
-    {"version", 0, true},  {"diskinfo", 0, true}, {"gop", 0, true},
-    {"log", 0, true},      {"entry", 0, true},    {"picture", 0, true},
-    {"stall", 0, true},    {"help", 'h', false},  {"refuse-uploads", 0, false}};
-
-constexpr int64_t kMaxMs = 3600 * 1000;
-
-bool valid_sense(const char* text) {
-    devsim::Model model;
-    devsim::SonyAnswers scratch(model);
-    return devsim::set_sense_from_text(scratch, text);
-}
-
-// "A:B" into its two parts.
-std::pair<std::string, std::string> pair_argument(const std::string& option, const char* text) {
-    const std::string v = text;
-    const size_t colon = v.find(':');
-    if (colon == std::string::npos)
-        throw cli::Refused(option + ": " + cli::quote(v) + " is not of the form A:B");
-    return {v.substr(0, colon), v.substr(colon + 1)};
-}
-
-// The contents and faults of the transfers and the management endpoint; false for another option.
-bool content_option(Options& o, const std::string& option, const char* value) {
-    using devsim::DevSim;
-    auto add = [&](std::function<void(DevSim&)> apply) { o.contents.push_back(std::move(apply)); };
-    auto word = [&](const std::string& text, int64_t high) {
-        return cli::integer(text, 0, high, option.c_str(), true);
-    };
-    if (option == "--refuse-uploads") {
-        add([](DevSim& sim) {
-            sim.transfers().accept_uploads(false);
-            sim.mgmt().accept_uploads(false);
-        });
-    } else if (option == "--mgmt") {
-        o.mgmt_port = cli::port(value, true, "--mgmt");
-    } else if (option == "--version") {
-        auto [first, second] = pair_argument(option, value);
-        const auto words = std::make_pair(static_cast<uint32_t>(word(first, UINT32_MAX)),
-                                          static_cast<uint32_t>(word(second, UINT32_MAX)));
-        add([=](DevSim& sim) { sim.transfers().set_version(words.first, words.second); });
-    } else if (option == "--diskinfo") {
-        add([bytes = cli::read_file(value)](DevSim& sim) {
-            sim.transfers().set_diskinfo(bytes);
-            sim.mgmt().set_diskinfo(bytes);
-        });
-    } else if (option == "--gop") {
-        add([bytes = cli::read_file(value)](DevSim& sim) { sim.transfers().set_gop(bytes); });
-    } else if (option == "--log") {
-        add([bytes = cli::read_file(value)](DevSim& sim) { sim.mgmt().set_log(bytes); });
-    } else if (option == "--entry") {
-        auto [entry_number, path] = pair_argument(option, value);
-        add([entry = static_cast<uint32_t>(word(entry_number, UINT32_MAX)),
-             bytes = cli::read_file(path)](DevSim& sim) {
-            sim.transfers().set_file_entry(entry, bytes);
-        });
-    } else if (option == "--picture") {
-        auto [picture_code, path] = pair_argument(option, value);
-        add([code = static_cast<uint16_t>(word(picture_code, 0xFFFF)),
-             bytes = cli::read_file(path)](DevSim& sim) { sim.mgmt().set_picture(code, bytes); });
-    } else if (option == "--stall") {
-        auto [count, ms] = pair_argument(option, value);
-        const auto after = static_cast<size_t>(word(count, UINT32_MAX));
-        const int pause = static_cast<int>(word(ms, kMaxMs));
-        add([=](DevSim& sim) { sim.transfers().stall_next(after, pause); });
-    } else {
-        return false;
-    }
-    return true;
+// The options: the links' own, then every directive.
+std::vector<cli::Option> options() {
+    std::vector<cli::Option> all = {
+        {"scenario", 0, true}, {"also", 0, true}, {"mgmt", 0, true}, {"help", 'h', false}};
+    for (const devsim::Directive& d : devsim::directives())
+        all.push_back({d.name, 0, d.has_value});
+    return all;
 }
 
 // "udp:PORT", "tcp:PORT", "serial" or "serial:LINK" into the kind and the rest.
@@ -157,46 +89,25 @@ std::pair<std::string, std::string> also_link(const std::string& text) {
                        " is not udp:PORT, tcp:PORT or serial[:LINK]");
 }
 
-// The options; nullopt after --help.
-std::optional<Options> parse(int argc, char** argv) {
-    const cli::CommandLine line = cli::parse(argc, argv, kOptions);
-    Options o;
+// The command line, its directives applied to `sim`; nullopt after --help.
+std::optional<Links> parse(int argc, char** argv, devsim::DevSim& sim) {
+    const std::vector<cli::Option> known = options();
+    const cli::CommandLine line = cli::parse(argc, argv, known);
+    Links o;
+    bool louth = false;
     for (const auto& [option, value] : line.options) {
-        const std::string name = std::string("--") + option->name;
-        if (name == "--help")
+        const std::string name = option->name;
+        if (name == "help")
             return std::nullopt;
-        if (name == "--nak")
-            o.reply = devsim::Reply::nak(
-                static_cast<uint8_t>(cli::integer(value, 0, 255, "--nak", true)));
-        else if (name == "--delay")
-            o.reply.delay_ms = static_cast<int>(cli::integer(value, 0, kMaxMs, "--delay", true));
-        else if (name == "--sense" && valid_sense(value))
-            o.senses.push_back(value);
-        else if (name == "--sense")
-            throw cli::Refused("--sense: " + cli::quote(value) +
-                               " is not CMD2[.SEL]=HEX (at most 15 bytes)");
-        else if (name == "--clip")
-            o.clips.push_back(cli::clip_id(value, "--clip"));
-        else if (name == "--standard" && devsim::standard_from_text(value))
-            o.standard = *devsim::standard_from_text(value);
-        else if (name == "--standard")
-            throw cli::Refused("--standard: no standard named " + cli::quote(value) + " (" +
-                               cli::kStandards + ")");
-        else if (name == "--scenario")
+        if (name == "scenario")
             o.scenario = value;
-        else if (name == "--also")
+        else if (name == "also")
             o.also.push_back(also_link(value));
-        else if (name == "--louth")
-            o.louth = true;
-        else if (name == "--refuse")
-            o.reply.louth = {0x05,
-                             static_cast<uint8_t>(cli::integer(value, 0, 255, "--refuse", true))};
-        else if (name == "--silent")
-            o.reply.silent = true;
-        else if (name == "--corrupt")
-            o.reply.corrupt_checksum = true;
+        else if (name == "mgmt")
+            o.mgmt_port = cli::port(value, true, "--mgmt");
         else
-            content_option(o, name, value);
+            devsim::apply_option(sim, name, value);
+        louth = louth || name == "louth";
     }
     const std::vector<const char*>& w = line.words;
     o.link = w.empty() ? "" : w[0];
@@ -216,19 +127,21 @@ std::optional<Options> parse(int argc, char** argv) {
     const bool louth_link =
         o.link != "tcp" ||
         std::any_of(o.also.begin(), o.also.end(), [](auto& l) { return l.first != "tcp"; });
-    if (o.louth && !louth_link)
+    if (louth && !louth_link)
         throw cli::Refused("--louth needs a udp or serial link");
     return o;
 }
 
-void print(const devsim::Received& message, uint16_t mgmt_port) {
-    if (message.link == devsim::Link::udp && mgmt_port != 0 && message.local_port == mgmt_port) {
-        printf("mgmt %s\n", devsim::hex(message.wire).c_str());
-    } else if (message.link == devsim::Link::tcp && message.tag != "s9p ") {
-        printf("%s %s\n", message.tag.c_str(), devsim::hex(message.wire).c_str());
-    } else {
-        printf("%s\n", devsim::hex(message.frame).c_str());
-    }
+// One line a message received: its bytes in hex (a management datagram's and a TCP message's
+// after "mgmt" or its tag; a Sony or Louth frame's alone), two spaces, what it is.
+void print(const devsim::Received& message) {
+    std::string prefix;
+    if (message.protocol == devsim::Protocol::management)
+        prefix = "mgmt ";
+    else if (message.link == devsim::Link::tcp && message.tag != "s9p ")
+        prefix = message.tag + " ";
+    const devsim::Bytes& shown = message.frame.empty() ? message.wire : message.frame;
+    printf("%s%s  %s\n", prefix.c_str(), devsim::hex(shown).c_str(), message.text.c_str());
 }
 
 // Sets up one link (`port` for udp, tcp and mgmt, the pty's symbolic link or "" for serial) and
@@ -256,14 +169,20 @@ std::string open_link(devsim::DevSim& sim, const std::string& kind, const std::s
 }
 
 int run(int argc, char** argv) {
-    const std::optional<Options> parsed = parse(argc, argv);
+    devsim::DevSim sim;
+    const std::optional<Links> parsed = parse(argc, argv, sim);
     if (!parsed) {
         fputs(kUsage, stdout);
         return 0;
     }
-    const Options& options = *parsed;
-    const devsim::Bytes scenario =
-        options.scenario.empty() ? devsim::Bytes{} : cli::read_file(options.scenario);
+    const Links& links = *parsed;
+    if (!links.scenario.empty()) {
+        const devsim::Bytes scenario = cli::read_file(links.scenario);
+        std::istringstream in(std::string(scenario.begin(), scenario.end()));
+        std::string error;
+        if (!devsim::load_scenario(sim, in, error))
+            return cli::failure(links.scenario + ": " + error);
+    }
 
     // The serving thread inherits this mask, so the signals reach sigwait below.
     sigset_t stop_signals;
@@ -272,7 +191,6 @@ int run(int argc, char** argv) {
     sigaddset(&stop_signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 
-    devsim::DevSim sim;
     std::vector<std::string> own_links; // pty links made, removed at exit while still ours
     auto remove_links = [&] {
         for (const std::string& link : own_links)
@@ -281,39 +199,21 @@ int run(int argc, char** argv) {
     std::string where;
     try {
         auto open = [&](const std::string& kind, uint16_t port, const std::string& link) {
-            where +=
-                (where.empty() ? "" : ", ") + open_link(sim, kind, options.address, port, link);
+            where += (where.empty() ? "" : ", ") + open_link(sim, kind, links.address, port, link);
             if (!link.empty())
                 own_links.push_back(link);
         };
-        open(options.link, options.port, options.pty_link);
-        for (const auto& [kind, rest] : options.also)
+        open(links.link, links.port, links.pty_link);
+        for (const auto& [kind, rest] : links.also)
             open(kind, kind == "serial" ? 0 : static_cast<uint16_t>(std::stoi(rest)),
                  kind == "serial" ? rest : "");
-        if (options.mgmt_port >= 0)
-            open("mgmt", static_cast<uint16_t>(options.mgmt_port), "");
+        if (links.mgmt_port >= 0)
+            open("mgmt", static_cast<uint16_t>(links.mgmt_port), "");
     } catch (...) {
         remove_links();
         throw;
     }
-    if (options.louth) // every link that carries Louth
-        for (devsim::Link link : {devsim::Link::udp, devsim::Link::serial})
-            sim.set_protocol(link, devsim::Protocol::louth);
-    sim.set_default(options.reply);
-    sim.model().set_standard(options.standard);
-    for (const std::string& sense : options.senses)
-        devsim::set_sense_from_text(sim.sony(), sense);
-    for (const std::string& clip : options.clips)
-        sim.model().append_clip(clip, 0);
-    for (const auto& apply : options.contents)
-        apply(sim);
-    std::istringstream in(std::string(scenario.begin(), scenario.end()));
-    std::string error;
-    if (!devsim::load_scenario(sim, in, error)) {
-        remove_links();
-        return cli::failure(options.scenario + ": " + error);
-    }
-    sim.on_receive([port = sim.mgmt_port()](const devsim::Received& m) { print(m, port); });
+    sim.on_receive(print);
     sim.start();
     printf("listening on %s\n", where.c_str());
 
