@@ -1,4 +1,6 @@
 // The emulator as a virtual server behind every link, driven through the library; scenario files.
+#include "common.h"
+
 #include <devsim/devsim.h>
 #include <devsim/scenario.h>
 
@@ -6,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <sstream>
 #include <string>
+#include <unistd.h>
 #include <vector>
 #include <zqhandler/zqhandler.h>
 
@@ -65,14 +68,32 @@ struct Server {
 // Each directive, seen through the library. Fault rows: the error codes of four commands.
 TEST(Scenario, each_directive_shapes_what_the_server_answers) {
     using Probe = std::function<std::string(Server&)>;
-    const Probe faults = [](Server& s) {
+    auto code = [](int r, t_zqhandler* h) {
+        return std::to_string(r == 0 ? 0 : zqhandler_get_last_err(h)) + " ";
+    };
+    const Probe faults = [&](Server& s) {
         std::string codes;
         zqhandler_set_timeout(s.udp, 250);
-        for (const char* cue : {"01:00:09:20", "01:00:10:00"})
-            for (int r :
-                 {zqhandler_cmd_cueWithData(s.udp, cue), zqhandler_cmd_basic(s.udp, BAS_CMD_PLAY)})
-                codes += std::to_string(r == 0 ? 0 : zqhandler_get_last_err(s.udp)) + " ";
+        for (const char* cue : {"01:00:09:20", "01:00:10:00"}) {
+            codes += code(zqhandler_cmd_cueWithData(s.udp, cue), s.udp);
+            codes += code(zqhandler_cmd_basic(s.udp, BAS_CMD_PLAY), s.udp);
+        }
         return codes;
+    };
+    // Two commands over TCP, then a connection made again (refused while the server restarts)
+    // and a third.
+    const Probe tcp = [&](Server& s) {
+        std::string codes;
+        zqhandler_set_timeout(s.tcp, 250);
+        for (int i = 0; i < 2; ++i)
+            codes += code(zqhandler_cmd_basic(s.tcp, BAS_CMD_PLAY), s.tcp);
+        const std::string port = std::to_string(s.sim.tcp_port());
+        const auto start = Clock::now();
+        while (zqhandler_connect_tcp(s.tcp, "127.0.0.1", port.c_str()) != 0 &&
+               elapsed_ms(start) < 3000)
+            usleep(20000);
+        zqhandler_set_timeout(s.tcp, 2000);
+        return codes + code(zqhandler_cmd_basic(s.tcp, BAS_CMD_PLAY), s.tcp);
     };
     const Probe clip = [](Server& s) {
         zqhandler_cmd_odetics_inPreset(s.udp, "NEWS", nullptr);
@@ -99,14 +120,27 @@ TEST(Scenario, each_directive_shapes_what_the_server_answers) {
         {"at 1 silence", faults, "5 0 0 0 "},
         {"at 3 delay 400", faults, "0 0 5 0 "},
         {"at 1 corrupt", faults, "1 0 0 0 "},
+        {"at 2 restart 400", faults, "0 5 5 0 "}, // silent while it restarts, then answers
+        {"",
+         [&](Server& s) {
+             s.sim.restart(400);
+             return faults(s);
+         },
+         "5 5 0 0 "},
+        {"at 2 close", faults, "0 5 0 0 "}, // no connection to close: silence
+        {"at 1 close", tcp, "5 5 0 "},      // the second finds the connection closed
+        {"at 1 restart 300", tcp, "5 5 0 "},
+        {"nak 0x04", faults, "1 1 1 1 "}, // every answer
         {"at frame 01:00:10:00 nak 01", faults, "0 0 0 10 "},
-        {"stall 2 300", stall, "4 kept alive"},
+        {"stall 2:300", stall, "4 kept alive"},
+        {"clip NEWS", clip, "NEWS    |00:00:00:00"}, // empty, where the store ends
         // The man page's example: a start past the frame does not fire it.
         {"standard 29.97df\nclip NEWS 00:00:10;00 00:00:30;00\nat 12 nak 01\n"
          "at frame 00:00:40;00 silence",
          faults, "0 0 0 0 "},
         // Lines it cannot read (no probe): the error names them.
-        {"standard 24", nullptr, "line 1: no standard named '24'"},
+        {"standard 24", nullptr,
+         "line 1: standard: no standard named '24' (25, 29.97df, 30, 50 or 59.94df)"},
         {"# faults\nat 0 silence", nullptr, "line 2: at: '0' is not a number from 1 to 2147483647"},
         {"at frame 1:2 corrupt", nullptr,
          "line 1: at frame: '1:2' is not a timecode HH:MM:SS:FF at 25 fps"},
@@ -119,10 +153,12 @@ TEST(Scenario, each_directive_shapes_what_the_server_answers) {
         {"standard 29.97df\nat frame 00:01:00;00 silence", nullptr,
          "line 2: at frame: '00:01:00;00' is not a label of drop-frame timecode, which skips it"},
         {"standard", nullptr, "line 1: usage: standard 25|29.97df|30|50|59.94df"},
-        {"local maybe", nullptr, "line 1: usage: local on|off"},
-        {"stall 1", nullptr, "line 1: usage: stall BYTES MS"},
+        {"local maybe", nullptr, "line 1: local: 'maybe' is not on or off"},
+        {"louth now", nullptr, "line 1: usage: louth"},
+        {"stall 1", nullptr, "line 1: stall: '1' is not of the form A:B"},
         {"at 1 explode", nullptr,
-         "line 1: FAULT is nak BITS (hexadecimal), silence, delay MS or corrupt, not 'explode'"},
+         "line 1: at: FAULT is nak BITS, refuse BYTE, silent, delay MS, corrupt, restart MS or "
+         "close, not 'explode'"},
     };
     for (const auto& [text, probe, expected] : cases) {
         Server s;

@@ -1,9 +1,12 @@
 // The video server emulator: answers Sony frames in UDP datagrams, through the TCP connection
-// protocol and on a pty serial line, with scriptable faults, and records every message it gets.
+// protocol and on a pty serial line, Louth in datagrams and on a pty, with scriptable faults, and
+// records every message it gets with its name and arguments decoded.
 #pragma once
 
+#include "fd.h"
 #include "mgmt.h"
 #include "model.h"
+#include "outbox.h"
 #include "sony_answers.h"
 #include "transfers.h"
 
@@ -16,18 +19,13 @@
 #include <memory>
 #include <mutex>
 #include <netinet/in.h>
+#include <optional>
 #include <string>
 #include <thread>
 #include <toolkit.h>
 #include <vector>
 
 namespace devsim {
-
-using Bytes = std::vector<uint8_t>;
-
-enum class Link { udp, tcp, serial };
-// What a link speaks: Sony frames (every link) or Louth (UDP and serial).
-enum class Protocol { sony, louth };
 
 class LouthServer;
 
@@ -36,7 +34,7 @@ Bytes with_checksum(Bytes bytes);
 
 // How the emulator answers one command, framed for the link the command came on: a ComHdr
 // datagram, a "s9p " message, or the bare frame. Without a frame of its own, the answer is the
-// server's (SonyAnswers): an ACK to a command, the sense's value to a sense.
+// server's (SonyAnswers, LouthServer).
 struct Reply {
     Bytes frame;                     // the answer frame, checksum included; empty: the server's
     bool silent = false;             // answer nothing
@@ -49,6 +47,12 @@ struct Reply {
     bool other_unit = false;    // Louth: the answer frame's CMD1 names the next unit
     std::vector<size_t> pieces; // send in pieces of these sizes, the rest in a last one...
     int piece_gap_ms = 0;       // ...this far apart
+    // Instead of answering: the server restarts (every link drops: TCP clients are closed and
+    // the listener with them, datagrams and serial bytes go unheard for `restart_ms`, then it
+    // serves again from the same model); or, on TCP, it closes this client's connection (on the
+    // other links it stays silent).
+    int restart_ms = -1;
+    bool close_connection = false;
 
     static Reply ack() { return answer({0x10, 0x01}); }
     static Reply nak(uint8_t error_bits) { return answer({0x11, 0x12, error_bits}); }
@@ -57,18 +61,35 @@ struct Reply {
     static Reply silence();
     static Reply late(int ms);
     static Reply bytes(Bytes raw);
+    static Reply restart(int ms);
+    static Reply close();
     // Louth: exactly this answer, framed for the link (behind the datagram header on UDP).
     static Reply louth_answer(Bytes answer);
 };
 
-// One message received, with its exact bytes.
+// One message received, with its exact bytes and what it is.
 struct Received {
     Link link;
     Bytes wire;            // the whole datagram, TCP message (header and frame) or serial frame
-    Bytes frame;           // the Sony frame it carries; empty for other TCP messages
+    Bytes frame;           // the Sony or Louth frame it carries; empty for other messages
     std::string tag;       // TCP: the message's four-character tag
     uint16_t local_port{}; // UDP and TCP: the emulator's port it arrived on
     sockaddr_in peer{};    // UDP and TCP: the sender
+    Protocol protocol = Protocol::sony;
+    std::string text; // its name and arguments: "CUE UP WITH DATA 00:10:00:00"
+};
+
+// What crosses a link, for a recorder or a front panel: each datagram, serial frame or TCP message
+// received; each answer sent (a datagram, or an answer's bytes once its last piece went); the
+// bytes of an upload as they come.
+enum class Direction { received, sent };
+struct Traffic {
+    Direction direction;
+    Link link;
+    Protocol protocol;
+    sockaddr_in local{}, peer{}; // UDP and TCP
+    Bytes bytes;                 // as read or written
+    std::string text;            // decoded; empty for the raw bytes of a transfer
 };
 
 // One emulator serving any of its links from one thread. Set the links up, then start().
@@ -101,21 +122,26 @@ class DevSim {
     void start();
     void stop();
 
-    // Answers to the next commands, in order; once used up, the default answers.
+    // Answers to the next commands, in order; once used up, the default answer.
     void script(Reply reply);
     void set_default(Reply reply);
+    Reply default_reply() const;
     // Faults that a scripted reply does not cover: `reply` answers the command-th Sony or Louth
     // command received (counted from 1 on every link together), or the first command received
     // once the position has come to `frame` from before it (while it starts past `frame`, the
     // fault waits until a command finds the position before it). Each plays once.
     void fault_at_command(size_t command, Reply reply);
     void fault_at_frame(int64_t frame, Reply reply);
+    // The server restarts now, as Reply::restart says; once started.
+    void restart(int ms);
     // The server's own answers, used when no scripted or default reply brings a frame.
     SonyAnswers& sony() { return sony_; }
     // The server behind every link: transport, position, clips.
     Model& model() { return model_; }
-    // Called on the serving thread for every message received, after it is recorded.
+    // Called on the serving thread for every message received, after it is recorded, and for
+    // everything that crosses a link; either may be set or changed at any time.
     void on_receive(std::function<void(const Received&)> observer);
+    void on_traffic(std::function<void(const Traffic&)> observer);
 
     std::vector<Received> received() const;
     size_t count_tag(const std::string& tag) const;
@@ -131,53 +157,53 @@ class DevSim {
 
   private:
     using Clock = std::chrono::steady_clock;
-    struct Outgoing {
-        Clock::time_point due;
-        Link link;
-        int fd;              // UDP: the socket to send from
-        sockaddr_in to;      // UDP: the destination
-        unsigned tcp_client; // TCP: the client it is for; dropped if that one went away
-        Bytes bytes;
-        bool last_piece;
-    };
-
-    void serve();
-    int poll_timeout_ms() const;
-    void receive_udp(int fd, uint16_t local_port);
     struct TcpClient {
-        int fd;
+        UniqueFd fd;
         sockaddr_in peer;
         Bytes buffer;
     };
+
+    // The serving loop and what it does with a message (devsim.cpp).
+    void serve();
+    void wake(char why);
+    void record(const Endpoint& from, Received message);
+    void tap(const Endpoint& at, Direction direction, Bytes bytes, std::string text);
+    Reply next_reply();
+    // A fault that answers instead of the server: true when it did.
+    bool instead_of_answer(const Endpoint& from, const Reply& reply);
+    void answer_sony(const Endpoint& from, const Bytes& frame);
+    void answer_louth(const Endpoint& from, const Bytes& frame);
+    void send_reply(const Endpoint& to, const Reply& reply, Bytes bytes, std::string text);
+    void queue(const Endpoint& to, std::vector<Piece> pieces, std::string text);
+
+    // The links (links.cpp): each one's receiving, the sending, and a restart's dropping of them.
+    Endpoint udp_endpoint(int fd, const sockaddr_in& peer) const;
+    void receive_udp(int fd);
     void accept_tcp();
     void receive_tcp(unsigned id);
-    void receive_serial();
     void close_tcp_client(unsigned id);
-    void record(Received message);
-    void answer(Link link, int fd, const sockaddr_in& to);
-    void answer_louth(Link link, int fd, const sockaddr_in& to, const Bytes& command);
-    void queue(Link link, int fd, const sockaddr_in& to, const Reply& reply, const Bytes& bytes);
-    Reply next_reply();
-    void send_due();
-    void send_now(const Outgoing& out);
+    void receive_serial();
     void receive_mgmt();
-    // Queues a model's answer for the serving thread to send piece by piece.
-    void queue(Link link, int fd, const sockaddr_in& to, std::vector<Piece> pieces);
+    void send(const Outbox::Outgoing& out);
+    void go_down(int ms);
+    bool come_back();
 
     Model model_; // before the answers that keep a reference to it
-    int wake_[2] = {-1, -1};
-    int udp_ = -1, udp_other_ = -1, tcp_listener_ = -1;
-    int pty_master_ = -1, pty_slave_ = -1;
-    uint16_t udp_port_ = 0, udp_other_port_ = 0, tcp_port_ = 0;
+    UniqueFd wake_read_, wake_write_;
+    UniqueFd udp_, udp_other_, tcp_listener_, pty_master_, pty_slave_, mgmt_;
+    sockaddr_in udp_address_{}, udp_other_address_{}, tcp_address_{}, mgmt_address_{};
+    uint16_t udp_port_ = 0, udp_other_port_ = 0, tcp_port_ = 0, mgmt_port_ = 0;
     std::map<unsigned, TcpClient> tcp_clients_; // serving thread only
-    unsigned next_tcp_ = 0, tcp_answering_ = 0; // the next client's number; the one answered
+    unsigned next_tcp_ = 0;
     std::string pty_path_;
     Bytes serial_buffer_;
     Clock::time_point serial_last_byte_{};
     static constexpr auto kInterByteGap = std::chrono::milliseconds(10);
     bool louth_udp_ = false, louth_serial_ = false;
     std::unique_ptr<LouthServer> louth_; // serving thread only
-    std::deque<Outgoing> outbox_;        // serving thread only
+    Outbox outbox_;                      // serving thread only
+    bool down_ = false;                  // a restart: serving thread only...
+    Clock::time_point down_until_{};     // ...until then
     std::thread thread_;
 
     mutable std::mutex mutex_;
@@ -192,13 +218,13 @@ class DevSim {
     std::vector<Fault> faults_;
     size_t commands_ = 0; // Sony and Louth commands answered
     Reply default_;
+    std::optional<int> restart_asked_;
     std::vector<Received> received_;
     size_t replies_sent_ = 0;
     std::function<void(const Received&)> observer_;
+    std::function<void(const Traffic&)> traffic_observer_;
     SonyAnswers sony_{model_};
 
-    int mgmt_ = -1;
-    uint16_t mgmt_port_ = 0;
     Transfers transfers_{model_};
     Mgmt mgmt_model_{model_};
 };

@@ -1,5 +1,6 @@
 // The emulator's Louth side: its own few lines of framing (it shares no code with the library),
-// and a small server that answers every Louth command from a model of transport, ports and clips.
+// and a small disk server that answers every Louth (VDCP) command from a model of transport, ports
+// and clips.
 #pragma once
 
 #include "model.h"
@@ -11,8 +12,6 @@
 #include <vector>
 
 namespace devsim {
-
-using Bytes = std::vector<uint8_t>;
 
 // 02, count, CMD1, CMD2, data, checksum from CMD1, CMD2 and data.
 Bytes louth_frame(Bytes body);
@@ -26,11 +25,12 @@ inline Bytes louth_datagram(const Bytes& bytes) {
 // stream that does not start with 0x02 has its first byte taken alone, so the reader resyncs.
 size_t louth_command_length(const Bytes& stream);
 
-// The device behind a Louth link, answering from the server's model: transport commands move
-// it, record init creates a clip, cue loads one, erasure removes them, and the senses (status:
-// the CMD2 of the transport command the state stands for; timecode; loaded ID; ID list; ID
-// length) are built from it. Port opening and selection are the link's own; anything else is
-// refused (05 01). The serving thread only.
+// The disk server behind a Louth link, answering from the server's model: transport commands move
+// it, record init creates a clip, cueing loads one, deletion removes them, and the senses (port
+// status, position, active ID, system status, the ID list, an ID's size and whether it is there)
+// are built from it. Ports are the link's own: opened (with a lock a second opener is denied),
+// selected, closed. A frame cut short or wrongly summed is refused 05 04, a command it does not
+// know 05 01. The serving thread only.
 class LouthServer {
   public:
     explicit LouthServer(Model& model);
@@ -40,7 +40,8 @@ class LouthServer {
   private:
     Bytes sense(uint8_t unit, uint8_t cmd2, const Bytes& data);
     Bytes list_entry(uint8_t unit, uint8_t cmd2);
-    void transport(uint8_t cmd2, const Bytes& data);
+    bool transport(uint8_t cmd2, const Bytes& data);
+    uint8_t port_status() const;
 
     Model& model_;
     size_t next_ = SIZE_MAX;         // the next clip the ID list gives

@@ -1,11 +1,11 @@
-// devsim: a video server for a controller to talk to; prints every message it receives.
+// devsim: a video server for a controller to talk to; prints every message it receives, with its
+// name and arguments.
 #include "cli.h"
 #include "devsim.h"
 #include "options.h"
 
 #include <csignal>
 #include <cstdio>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,9 +15,9 @@ const char kUsage[] =
     "usage: devsim udp ADDRESS PORT [OPTION...]\n"
     "       devsim tcp ADDRESS PORT [OPTION...]\n"
     "       devsim serial [LINK] [OPTION...]\n"
-    "Plays a video server: Sony 9-pin, Odetics and Louth commands drive one model (transport, a\n"
-    "position moving in real time, a clip store) that every sense answers from; prints each\n"
-    "command as hex bytes.\n"
+    "Plays a video server: Sony 9-pin (as a deck answers it), Odetics and Louth commands drive\n"
+    "one model (transport, a position moving in real time, edit points, a clip store) that every\n"
+    "sense answers from; prints each command as hex bytes, its name and its arguments.\n"
     "options:\n";
 
 const char kUsageEnd[] =
@@ -25,25 +25,29 @@ const char kUsageEnd[] =
     "ADDRESS is an IPv4 address or a host name; PORT 0 lets the system choose. Options may come\n"
     "before or after the link.\n";
 
-void print(const devsim::Received& message, uint16_t mgmt_port) {
-    if (message.link == devsim::Link::udp && mgmt_port != 0 && message.local_port == mgmt_port) {
-        printf("mgmt %s\n", devsim::hex(message.wire).c_str());
-    } else if (message.link == devsim::Link::tcp && message.tag != "s9p ") {
-        printf("%s %s\n", message.tag.c_str(), devsim::hex(message.wire).c_str());
-    } else {
-        printf("%s\n", devsim::hex(message.frame).c_str());
-    }
+// One line a message received: its bytes in hex (a management datagram's and a TCP message's
+// after "mgmt" or its tag; a Sony or Louth frame's alone), two spaces, what it is.
+void print(const devsim::Received& message) {
+    std::string prefix;
+    if (message.protocol == devsim::Protocol::management)
+        prefix = "mgmt ";
+    else if (message.link == devsim::Link::tcp && message.tag != "s9p ")
+        prefix = message.tag + " ";
+    const devsim::Bytes& shown = message.frame.empty() ? message.wire : message.frame;
+    printf("%s%s  %s\n", prefix.c_str(), devsim::hex(shown).c_str(), message.text.c_str());
 }
 
 int run(int argc, char** argv) {
-    const std::optional<devsim::Options> parsed =
-        devsim::read_options(cli::parse(argc, argv, devsim::kCommandLineOptions));
-    if (!parsed) {
-        fputs(kUsage, stdout);
-        fputs(devsim::kOptionsHelp, stdout);
-        fputs(kUsageEnd, stdout);
-        return 0;
-    }
+    std::vector<cli::Option> known = devsim::command_line_options();
+    known.push_back({"help", 'h', false});
+    const cli::CommandLine line = cli::parse(argc, argv, known);
+    for (const auto& given : line.options)
+        if (given.option->letter == 'h') {
+            printf("%s%s%s", kUsage, devsim::kOptionsHelp, kUsageEnd);
+            return 0;
+        }
+    devsim::DevSim sim;
+    const devsim::Links links = devsim::read_command_line(sim, line);
 
     // The serving thread inherits this mask, so the signals reach sigwait below.
     sigset_t stop_signals;
@@ -52,16 +56,15 @@ int run(int argc, char** argv) {
     sigaddset(&stop_signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 
-    devsim::DevSim sim;
     std::vector<std::string> own_links; // pty links made, removed at exit while still ours
     std::string where;
     try {
-        where = devsim::set_up(sim, *parsed, own_links);
+        where = devsim::set_up(sim, links, own_links);
     } catch (...) {
         devsim::remove_links(sim, own_links);
         throw;
     }
-    sim.on_receive([port = sim.mgmt_port()](const devsim::Received& m) { print(m, port); });
+    sim.on_receive(print);
     sim.start();
     printf("listening on %s\n", where.c_str());
 

@@ -8,27 +8,14 @@ namespace devsim {
 
 namespace {
 
-constexpr size_t kHeader = 10;
 constexpr size_t kMaxData = 1490;
 constexpr uint16_t kPutDiskinfo = 0, kGetDiskinfo = 1, kGetLog = 2;
 
-uint16_t be16(const uint8_t* p) {
-    return static_cast<uint16_t>(p[0] << 8 | p[1]);
-}
-
-void put_be16(Bytes& out, size_t value) {
-    out.push_back(static_cast<uint8_t>(value >> 8));
-    out.push_back(static_cast<uint8_t>(value));
-}
-
-Bytes datagram(uint16_t msg_type, const Bytes& data) {
-    const size_t size = std::min(data.size(), kMaxData);
-    Bytes out;
-    put_be16(out, 3);
-    put_be16(out, size);
-    put_be16(out, msg_type);
-    out.resize(kHeader, 0);
-    out.insert(out.end(), data.begin(), data.begin() + static_cast<long>(size));
+// The answer datagram of `msg_type` carrying at most kMaxData bytes of `data`.
+Bytes answer_datagram(uint16_t msg_type, const Bytes& data) {
+    Bytes out = datagram(kMgmtDatagram, std::span(data).first(std::min(data.size(), kMaxData)));
+    out[4] = static_cast<uint8_t>(msg_type >> 8);
+    out[5] = static_cast<uint8_t>(msg_type);
     return out;
 }
 
@@ -75,12 +62,12 @@ Bytes Mgmt::uploaded() const {
 }
 
 std::vector<Piece> Mgmt::answer(const Bytes& request) {
-    if (request.size() < kHeader || be16(request.data()) != 3)
+    if (request.size() < kDatagramHeader || be16(request.data()) != kMgmtDatagram)
         return {};
     const uint16_t code = be16(request.data() + 4);
     std::lock_guard lock(mutex_);
     if (code == kPutDiskinfo) // recorded even when the answer is scripted
-        uploaded_.assign(request.begin() + kHeader, request.end());
+        uploaded_.assign(request.begin() + kDatagramHeader, request.end());
     if (!script_.empty()) {
         std::vector<Piece> scripted = std::move(script_.front());
         script_.pop_front();
@@ -88,19 +75,19 @@ std::vector<Piece> Mgmt::answer(const Bytes& request) {
     }
     switch (code) {
     case kPutDiskinfo:
-        return {{datagram(accept_ ? 0 : 1, {}), 0}};
+        return {{answer_datagram(accept_ ? 0 : 1, {}), 0}};
     case kGetDiskinfo:
-        return {{datagram(code, diskinfo_ ? *diskinfo_ : model_.listing()), 0}};
+        return {{answer_datagram(code, diskinfo_ ? *diskinfo_ : model_.listing()), 0}};
     case kGetLog:
         if (log_)
-            return {{datagram(code, *log_), 0}};
-        return {{datagram(code, Bytes(own_log_.end() -
-                                          static_cast<long>(std::min(own_log_.size(), kMaxData)),
-                                      own_log_.end())),
+            return {{answer_datagram(code, *log_), 0}};
+        return {{answer_datagram(code, Bytes(own_log_.end() - static_cast<long>(std::min(
+                                                                  own_log_.size(), kMaxData)),
+                                             own_log_.end())),
                  0}};
     default: {
         auto picture = pictures_.find(code);
-        return {{datagram(code, picture == pictures_.end() ? Bytes{} : picture->second), 0}};
+        return {{answer_datagram(code, picture == pictures_.end() ? Bytes{} : picture->second), 0}};
     }
     }
 }

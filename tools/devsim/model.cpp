@@ -1,4 +1,4 @@
-// The server's model: transport, position and clip store.
+// The server's model: transport, position, edit points and clip store.
 #include "model.h"
 
 #include <algorithm>
@@ -33,18 +33,58 @@ const StandardInfo& info(Standard standard) {
 constexpr double kFastSpeed = 10;
 constexpr int64_t kDay = 24 * 3600;
 
-uint8_t bcd(int64_t value) {
-    return static_cast<uint8_t>((value / 10) << 4 | value % 10);
-}
-
-int from_bcd(uint8_t byte) {
-    return (byte >> 4) * 10 + (byte & 0x0F);
-}
-
 // Timecode frames in a day at this standard (drop-frame drops 2 labels a minute but every tenth).
 int64_t codes_per_day(const StandardInfo& s) {
     return s.drop ? kDay * 30 - 2 * (24 * 60 - 24 * 6) : kDay * s.timecode_rate;
 }
+
+using State = Model::State;
+using Edit = Model::Edit;
+
+bool moving(State state) {
+    return state != State::stopped && state != State::still && state != State::ejected;
+}
+
+// The status bits that follow from the model, a row a bit: byte, mask, when it is set.
+struct StatusBit {
+    uint8_t byte, mask;
+    bool (*on)(const Model::Snapshot&);
+};
+
+template <State S> bool in_state(const Model::Snapshot& s) {
+    return s.state == S;
+}
+template <Edit E> bool editing(const Model::Snapshot& s) {
+    return s.edit == E;
+}
+template <size_t P> bool point_set(const Model::Snapshot& s) {
+    return s.points[P].has_value();
+}
+
+constexpr StatusBit kStatusBits[] = {
+    {0, 0x01, [](const Model::Snapshot& s) { return s.local; }},
+    {1, 0x01, in_state<State::playing>},
+    {1, 0x02, in_state<State::recording>},
+    {1, 0x04, in_state<State::fast_forward>},
+    {1, 0x08, in_state<State::rewind>},
+    {1, 0x10, in_state<State::ejected>},
+    {1, 0x20, in_state<State::stopped>},
+    {1, 0x80, in_state<State::still>}, // standby
+    {2, 0x01, [](const Model::Snapshot& s) { return s.cued; }},
+    {2, 0x02, in_state<State::still>},
+    {2, 0x04, [](const Model::Snapshot& s) { return s.speed < 0 && moving(s.state); }},
+    {2, 0x08, in_state<State::var>},
+    {2, 0x10, in_state<State::jog>},
+    {2, 0x20, in_state<State::shuttle>},
+    {3, 0x01, point_set<0>},
+    {3, 0x02, point_set<1>},
+    {3, 0x04, point_set<2>},
+    {3, 0x08, point_set<3>},
+    {4, 0x01, editing<Edit::preroll>},
+    {4, 0x02, editing<Edit::preview>},
+    {4, 0x04, editing<Edit::auto_edit>},
+    {4, 0x08, editing<Edit::review>},
+};
 
 } // namespace
 
@@ -68,19 +108,26 @@ Bytes frames_to_bcd(Standard standard, int64_t frames) {
         n += 18 * ten + (rest >= 2 ? 2 * ((rest - 2) / 1798) : 0);
     }
     const int64_t fps = s.timecode_rate;
-    return {static_cast<uint8_t>(bcd(n % fps) | (s.drop ? 0x40 : 0)), bcd(n / fps % 60),
-            bcd(n / (fps * 60) % 60), bcd(n / (fps * 3600) % 24)};
+    return {static_cast<uint8_t>(to_bcd(n % fps) | (s.drop ? 0x40 : 0)), to_bcd(n / fps % 60),
+            to_bcd(n / (fps * 60) % 60), to_bcd(n / (fps * 3600) % 24)};
 }
 
 int64_t bcd_to_frames(Standard standard, const uint8_t* b) {
     const StandardInfo& s = info(standard);
-    const int64_t hours = from_bcd(b[3] & 0x3F), minutes = from_bcd(b[2] & 0x7F),
-                  seconds = from_bcd(b[1] & 0x7F), frames = from_bcd(b[0] & 0x3F);
+    const int64_t hours = from_bcd(b[3], 0x3F), minutes = from_bcd(b[2], 0x7F),
+                  seconds = from_bcd(b[1], 0x7F), frames = from_bcd(b[0], 0x3F);
     const int64_t fps = s.timecode_rate, all_minutes = hours * 60 + minutes;
-    int64_t n = ((hours * 60 + minutes) * 60 + seconds) * fps + frames;
+    int64_t n = (all_minutes * 60 + seconds) * fps + frames;
     if (s.drop)
         n -= 2 * (all_minutes - all_minutes / 10);
     return n * s.frames_per_code;
+}
+
+std::string bcd_text(const uint8_t* b) {
+    char out[12];
+    snprintf(out, sizeof out, "%02x:%02x:%02x%c%02x", b[3] & 0x3F, b[2] & 0x7F, b[1] & 0x7F,
+             b[0] & 0x40 ? ';' : ':', b[0] & 0x3F);
+    return out;
 }
 
 std::string clip_id(const std::string& id) {
@@ -89,13 +136,17 @@ std::string clip_id(const std::string& id) {
     return padded;
 }
 
+Bytes status_bytes(const Model::Snapshot& s) {
+    Bytes bytes(s.latched.begin(), s.latched.end());
+    for (const StatusBit& bit : kStatusBits)
+        if (bit.on(s))
+            bytes[bit.byte] |= bit.mask;
+    return bytes;
+}
+
 Model::Model() : since_(Clock::now()) {
     const uint8_t one_hour[4] = {0, 0, 0, 0x01};
     position_ = static_cast<double>(bcd_to_frames(standard_, one_hour));
-}
-
-double Model::rate_locked() const {
-    return info(standard_).rate;
 }
 
 void Model::set_standard(Standard standard) {
@@ -116,6 +167,11 @@ void Model::set_local(bool local) {
     local_ = local;
 }
 
+void Model::set_local_enabled(bool enabled) {
+    std::lock_guard lock(mutex_);
+    local_enabled_ = enabled;
+}
+
 Model::Clip* Model::find(const std::string& id) const {
     auto found = std::find_if(clips_.begin(), clips_.end(),
                               [&](const Clip& c) { return c.id == clip_id(id); });
@@ -125,11 +181,16 @@ Model::Clip* Model::find(const std::string& id) const {
 void Model::advance(Clock::time_point now) const {
     const double seconds = std::chrono::duration<double>(now - since_).count();
     since_ = now;
-    const bool moving =
-        state_ != State::stopped && state_ != State::still && state_ != State::ejected;
-    if (!moving)
+    if (!moving(state_))
         return;
-    position_ = std::max(0.0, position_ + speed_ * seconds * rate_locked());
+    position_ = std::max(0.0, position_ + speed_ * seconds * info(standard_).rate);
+    if (edit_end_ && speed_ > 0 && position_ >= static_cast<double>(*edit_end_)) {
+        position_ = static_cast<double>(*edit_end_);
+        state_ = State::still; // the edit's end point
+        edit_ = Edit::none;
+        edit_end_.reset();
+        return;
+    }
     Clip* clip = loaded_.empty() ? nullptr : find(loaded_);
     if (!clip)
         return;
@@ -141,25 +202,32 @@ void Model::advance(Clock::time_point now) const {
     }
 }
 
-void Model::command(State state, double speed) {
-    std::lock_guard lock(mutex_);
-    advance(Clock::now());
+void Model::move_locked(State state, double speed) {
     state_ = state;
     speed_ = state == State::fast_forward                           ? kFastSpeed
              : state == State::rewind                               ? -kFastSpeed
              : state == State::playing || state == State::recording ? 1
-                                                                    : speed;
+             : moving(state)                                        ? speed
+                                                                    : 0;
     if (state != State::stopped && state != State::still)
         cued_ = false;
     if (state == State::ejected)
         loaded_.clear();
+    edit_ = Edit::none;
+    edit_end_.reset();
+}
+
+void Model::command(State state, double speed) {
+    std::lock_guard lock(mutex_);
+    advance(Clock::now());
+    move_locked(state, speed);
 }
 
 void Model::step(int64_t frames) {
     std::lock_guard lock(mutex_);
     advance(Clock::now());
     position_ = std::max(0.0, std::floor(position_) + static_cast<double>(frames));
-    state_ = State::still;
+    move_locked(State::still, 0);
     cued_ = false;
 }
 
@@ -167,9 +235,20 @@ void Model::cue(int64_t frames) {
     std::lock_guard lock(mutex_);
     advance(Clock::now());
     position_ = static_cast<double>(std::max<int64_t>(0, frames));
-    state_ = State::still;
+    move_locked(State::still, 0);
     cued_ = true;
     loaded_.clear();
+}
+
+void Model::edit(Edit edit, int64_t from, std::optional<int64_t> until) {
+    std::lock_guard lock(mutex_);
+    advance(Clock::now());
+    position_ = static_cast<double>(std::max<int64_t>(0, from));
+    move_locked(edit == Edit::preroll ? State::still : State::playing, 1);
+    cued_ = edit == Edit::preroll;
+    edit_ = edit;
+    if (edit != Edit::preroll && until && *until > from)
+        edit_end_ = until;
 }
 
 Model::State Model::state() const {
@@ -184,70 +263,59 @@ int64_t Model::position() const {
     return static_cast<int64_t>(position_);
 }
 
-Bytes Model::status() const {
+void Model::entry(Point point) {
     std::lock_guard lock(mutex_);
     advance(Clock::now());
-    Bytes bytes(16, 0);
-    bytes[0] = local_ ? 0x01 : 0x00;
-    switch (state_) {
-    case State::stopped:
-        bytes[1] = 0x20;
-        break;
-    case State::playing:
-        bytes[1] = 0x01;
-        break;
-    case State::recording:
-        bytes[1] = 0x02;
-        break;
-    case State::fast_forward:
-        bytes[1] = 0x04;
-        break;
-    case State::rewind:
-        bytes[1] = 0x08;
-        break;
-    case State::ejected:
-        bytes[1] = 0x10;
-        break;
-    case State::still:
-        bytes[1] = 0x80;
-        bytes[2] = 0x02;
-        break;
-    case State::jog:
-        bytes[2] = 0x10;
-        break;
-    case State::var:
-        bytes[2] = 0x08;
-        break;
-    case State::shuttle:
-        bytes[2] = 0x20;
-        break;
-    }
-    if (speed_ < 0 && (state_ == State::jog || state_ == State::var || state_ == State::shuttle ||
-                       state_ == State::rewind))
-        bytes[2] |= 0x04;
-    if (cued_)
-        bytes[2] |= 0x01;
-    return bytes;
+    points_[static_cast<size_t>(point)] = static_cast<int64_t>(position_);
 }
 
-uint8_t Model::louth_status() const {
-    switch (state()) {
-    case State::playing:
-        return 0x01;
-    case State::recording:
-        return 0x02;
-    case State::still:
-        return 0x04;
-    case State::jog:
-        return 0x07;
-    case State::var:
-    case State::shuttle:
-    case State::fast_forward:
-    case State::rewind:
-        return 0x08;
-    default:
-        return 0x00;
-    }
+void Model::preset(Point point, int64_t frames) {
+    std::lock_guard lock(mutex_);
+    points_[static_cast<size_t>(point)] = frames;
+}
+
+void Model::shift(Point point, int64_t frames) {
+    std::lock_guard lock(mutex_);
+    auto& p = points_[static_cast<size_t>(point)];
+    if (p)
+        p = std::max<int64_t>(0, *p + frames);
+}
+
+void Model::reset(Point point) {
+    std::lock_guard lock(mutex_);
+    const auto i = static_cast<size_t>(point);
+    if (points_[i])
+        cleared_[i] = points_[i];
+    points_[i].reset();
+}
+
+void Model::recall(Point point) {
+    std::lock_guard lock(mutex_);
+    const auto i = static_cast<size_t>(point);
+    if (cleared_[i])
+        points_[i] = cleared_[i];
+}
+
+std::optional<int64_t> Model::point(Point point) const {
+    std::lock_guard lock(mutex_);
+    return points_[static_cast<size_t>(point)];
+}
+
+void Model::latch(size_t byte, uint8_t mask, bool on) {
+    std::lock_guard lock(mutex_);
+    latched_.at(byte) = static_cast<uint8_t>(on ? latched_[byte] | mask : latched_[byte] & ~mask);
+}
+
+Model::Snapshot Model::snapshot() const {
+    std::lock_guard lock(mutex_);
+    advance(Clock::now());
+    return {standard_, state_, speed_,         static_cast<int64_t>(position_),
+            cued_,     local_, local_enabled_, edit_,
+            loaded_,   clips_, points_,        latched_};
+}
+
+Bytes Model::status() const {
+    return status_bytes(snapshot());
 }
 
 void Model::add_clip(const std::string& id, int64_t start, int64_t length, uint8_t status) {
@@ -299,7 +367,7 @@ void Model::record_cue(const std::string& id) {
         clips_.push_back({clip_id(id), end_locked(), 0, 0});
     loaded_ = clip_id(id);
     position_ = static_cast<double>(find(id)->start);
-    state_ = State::still;
+    move_locked(State::still, 0);
     cued_ = true;
 }
 
@@ -311,19 +379,13 @@ bool Model::load(const std::string& id) {
         return false;
     loaded_ = clip->id;
     position_ = static_cast<double>(clip->start);
-    state_ = State::still;
+    move_locked(State::still, 0);
     cued_ = true;
     return true;
 }
 
 std::string Model::line_locked(const Clip& clip) const {
-    auto text = [&](int64_t frames) {
-        const Bytes b = frames_to_bcd(standard_, frames);
-        char out[12];
-        snprintf(out, sizeof out, "%02x:%02x:%02x%c%02x", b[3], b[2], b[1], b[0] & 0x40 ? ';' : ':',
-                 b[0] & 0x3F);
-        return std::string(out);
-    };
+    auto text = [&](int64_t frames) { return bcd_text(frames_to_bcd(standard_, frames).data()); };
     return clip.id + " " + text(clip.start) + " " + text(clip.length) + "\n";
 }
 

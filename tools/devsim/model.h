@@ -1,7 +1,11 @@
 // The server behind every link of one emulator: its transport, a position that moves in real time
-// at the video standard's rate, and one clip store that the Sony, Odetics and Louth sides share.
+// at the video standard's rate, one clip store that the Sony, Odetics and Louth sides share, the
+// edit points and modes a deck keeps, and the front panel's local switch.
 #pragma once
 
+#include "wire.h"
+
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <mutex>
@@ -10,8 +14,6 @@
 #include <vector>
 
 namespace devsim {
-
-using Bytes = std::vector<uint8_t>;
 
 // The video standards: the frame rate the position moves at, and how its timecode counts. At 50
 // and 59.94 the timecode counts pairs of frames (25 and 29.97 drop-frame timecode).
@@ -25,6 +27,11 @@ const char* standard_name(Standard standard);
 // for drop-frame, and back; timecodes run over 24 hours.
 Bytes frames_to_bcd(Standard standard, int64_t frames);
 int64_t bcd_to_frames(Standard standard, const uint8_t* bcd);
+// "HH:MM:SS:FF" (";" before the frames for drop-frame) of 4 BCD bytes, frames first.
+std::string bcd_text(const uint8_t* bcd);
+
+// An ID as the store keeps it: padded with spaces or cut to 8 bytes.
+std::string clip_id(const std::string& id);
 
 // Thread-safe: every link's serving code and a test may call it at once.
 class Model {
@@ -46,29 +53,61 @@ class Model {
         int64_t start = 0, length = 0; // frames
         uint8_t status = 0;
     };
+    // The edit points a deck keeps, in the order of their commands (IN, OUT, audio IN, audio OUT).
+    enum class Point { in, out, audio_in, audio_out };
+    // What an edit command set going: the transport went to a point less the preroll time and, but
+    // for a preroll, plays on to the end point.
+    enum class Edit { none, preroll, preview, review, auto_edit };
+
+    // Everything a front panel shows, read at one instant.
+    struct Snapshot {
+        Standard standard;
+        State state;
+        double speed; // play speeds; negative backwards
+        int64_t position;
+        bool cued;          // cue-up complete
+        bool local;         // the front panel's switch: transport commands are refused
+        bool local_enabled; // the front panel's keys work beside remote control
+        Edit edit;
+        std::string loaded; // 8 bytes, or empty
+        std::vector<Clip> clips;
+        std::array<std::optional<int64_t>, 4> points;
+        std::array<uint8_t, 16> latched; // status bits the commands set and clear themselves
+    };
 
     Model();
 
     void set_standard(Standard standard); // keeps the position's timecode
     Standard standard() const;
-    void set_local(bool local); // status byte 0 bit 0
+    void set_local(bool local);
+    void set_local_enabled(bool enabled);
 
     // The transport. Speeds are in play speeds (1 plays, -1 plays backwards); fast forward and
     // rewind run at 10 times play speed. A cue stops the transport, moves the position and
     // reports cue-up complete until the transport moves again; cueing to a timecode unloads the
-    // loaded clip.
+    // loaded clip. Any of these ends an edit under way.
     void command(State state, double speed = 1);
     void step(int64_t frames); // moves the position and leaves the transport in still
     void cue(int64_t frames);
+    // Cues to `from`; but for a preroll, then plays and stops (still) at `until` when given.
+    void edit(Edit edit, int64_t from, std::optional<int64_t> until);
     State state() const;
     int64_t position() const;
 
-    // 16 Sony status bytes: byte 0 bit 0 local; byte 1 play, record, fast forward, rewind,
-    // eject, stop (bits 0-5) and standby (bit 7); byte 2 cue-up complete, still, reverse, var,
-    // jog, shuttle (bits 0-5).
+    // The edit points: set to the position (entry) or a value (preset), moved by frames (shift),
+    // cleared (reset; recall brings back the value a reset cleared).
+    void entry(Point point);
+    void preset(Point point, int64_t frames);
+    void shift(Point point, int64_t frames);
+    void reset(Point point);
+    void recall(Point point);
+    std::optional<int64_t> point(Point point) const;
+    // A status bit a command sets or clears, such as auto mode (byte 3, 0x80).
+    void latch(size_t byte, uint8_t mask, bool on);
+
+    Snapshot snapshot() const;
+    // 16 Sony status bytes, from the table in model.cpp.
     Bytes status() const;
-    // The Louth status byte: the CMD2 of the transport command the state stands for.
-    uint8_t louth_status() const;
 
     // The clip store, in the order clips were added. IDs are padded or cut to 8 bytes.
     void add_clip(const std::string& id, int64_t start, int64_t length, uint8_t status = 0);
@@ -91,27 +130,32 @@ class Model {
     std::optional<Bytes> listing_line(size_t clip) const;
 
   private:
-    std::string line_locked(const Clip& clip) const;
     using Clock = std::chrono::steady_clock;
-    // Brings the position up to now and applies the clip's end and the record length.
+    std::string line_locked(const Clip& clip) const;
+    // Brings the position up to now and applies the clip's end, the edit's end and the record
+    // length.
     void advance(Clock::time_point now) const;
-    double rate_locked() const;
+    void move_locked(State state, double speed);
     Clip* find(const std::string& id) const;
     int64_t end_locked() const; // where the store's last clip ends
 
     mutable std::mutex mutex_;
     Standard standard_ = Standard::pal25;
-    bool local_ = false;
+    bool local_ = false, local_enabled_ = true;
     mutable State state_ = State::stopped;
     double speed_ = 0; // play speeds
     mutable double position_ = 0;
     mutable Clock::time_point since_;
     mutable bool cued_ = false;
+    mutable Edit edit_ = Edit::none;
+    mutable std::optional<int64_t> edit_end_;
     mutable std::vector<Clip> clips_;
     std::string loaded_;
+    std::array<std::optional<int64_t>, 4> points_, cleared_;
+    std::array<uint8_t, 16> latched_{};
 };
 
-// An ID as the store keeps it: padded with spaces or cut to 8 bytes.
-std::string clip_id(const std::string& id);
+// The 16 status bytes a snapshot stands for (Model::status).
+Bytes status_bytes(const Model::Snapshot& s);
 
 } // namespace devsim

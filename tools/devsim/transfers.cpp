@@ -9,20 +9,6 @@
 
 namespace devsim {
 
-namespace {
-
-uint32_t be32(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-           static_cast<uint32_t>(p[2]) << 8 | p[3];
-}
-
-void put_be32(Bytes& out, uint32_t value) {
-    for (int shift = 24; shift >= 0; shift -= 8)
-        out.push_back(static_cast<uint8_t>(value >> shift));
-}
-
-} // namespace
-
 void Transfers::set_version(uint32_t first, uint32_t second) {
     std::lock_guard lock(mutex_);
     version_[0] = first;
@@ -133,10 +119,7 @@ std::vector<Piece> Transfers::header(Session& session, const char* tag, uint32_t
             return {};
         return {{scripted, 0}};
     }
-    Bytes out(tag, tag + 4);
-    put_be32(out, arg1);
-    put_be32(out, arg2);
-    return {{out, 0}};
+    return {{stream_message(tag, arg1, arg2), 0}};
 }
 
 // A header announcing `bytes`, which the next "data" request sends.

@@ -45,9 +45,8 @@ int run(int argc, char** argv) {
     std::vector<cli::Option> known = {{"http", 0, true}, {"help", 'h', false}};
     known.insert(known.end(), std::begin(sdiboard::kCommandLineOptions),
                  std::end(sdiboard::kCommandLineOptions));
-    for (const cli::Option& option : devsim::kCommandLineOptions)
-        if (option.letter != 'h')
-            known.push_back(option);
+    const std::vector<cli::Option> server = devsim::command_line_options();
+    known.insert(known.end(), server.begin(), server.end());
     const cli::CommandLine line = cli::parse(argc, argv, known);
     Http http;
     for (const auto& [option, value] : line.options) {
@@ -60,7 +59,6 @@ int run(int argc, char** argv) {
             http = http_option(value);
     }
     const sdiboard::Options board = sdiboard::read_options(line);
-    const devsim::Options server = *devsim::read_options(line);
     const std::string page = rack::page_folder();
     if (page.empty())
         return cli::failure("the page's files are neither installed nor in " RACK_PAGE_SOURCE);
@@ -73,7 +71,7 @@ int run(int argc, char** argv) {
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
     signal(SIGPIPE, SIG_IGN); // a page that goes away fails its write, not the program
 
-    rack::Rack rack(board, server, kGpiEventPort,
+    rack::Rack rack(board, line, kGpiEventPort,
                     [](const std::string& text) { printf("%s\n", text.c_str()); });
     rack::Web web(rack, http.address, http.port, page);
     printf("SDI board emulator on %s\nlistening on %s\npage on http://%s:%u/\n",

@@ -25,6 +25,7 @@ const char* const kStates[] = {"stopped", "playing", "still",   "fast_forward", 
                                "jog",     "var",     "shuttle", "recording",    "ejected"};
 const char* const kBoardFaults[] = {"none", "absent", "stuck-scratch", "short", "long", "late"};
 const char* const kLinks[] = {"udp", "tcp", "serial"};
+const char* const kEdits[] = {"none", "preroll", "preview", "review", "auto_edit"};
 
 std::string trimmed(std::string id) {
     id.erase(id.find_last_not_of(' ') + 1);
@@ -32,11 +33,7 @@ std::string trimmed(std::string id) {
 }
 
 std::string timecode(devsim::Standard standard, int64_t frames) {
-    const Bytes b = devsim::frames_to_bcd(standard, frames);
-    char text[16];
-    snprintf(text, sizeof text, "%02x:%02x:%02x%c%02x", b[3], b[2], b[1], b[0] & 0x40 ? ';' : ':',
-             b[0] & 0x3F);
-    return text;
+    return devsim::bcd_text(devsim::frames_to_bcd(standard, frames).data());
 }
 
 std::string clock_text() {
@@ -75,9 +72,10 @@ std::string json_string(const std::string& text) {
     return out + "\"";
 }
 
-Rack::Rack(const sdiboard::Options& board, const devsim::Options& server, uint16_t gpi_port,
+Rack::Rack(const sdiboard::Options& board, const cli::CommandLine& line, uint16_t gpi_port,
            std::function<void(const std::string&)> print)
     : print_(std::move(print)), board_options_(board) {
+    const devsim::Links server = devsim::read_command_line(sim_, line);
     try {
         links_ = devsim::set_up(sim_, server, own_links_);
         board_ = std::make_unique<sdiboard::Board>(board.path, board.fault);
@@ -147,17 +145,16 @@ void Rack::log(const std::string& source, const Bytes& bytes, const std::string&
 }
 
 void Rack::received(const devsim::Received& message) {
-    const bool mgmt = message.link == devsim::Link::udp && sim_.mgmt_port() != 0 &&
-                      message.local_port == sim_.mgmt_port();
-    const bool transfer = message.link == devsim::Link::tcp && message.tag != "s9p ";
-    std::string source = mgmt ? "mgmt" : kLinks[static_cast<int>(message.link)];
+    using devsim::Protocol;
+    const bool command = message.protocol == Protocol::sony || message.protocol == Protocol::louth;
+    std::string source =
+        message.protocol == Protocol::management ? "mgmt" : kLinks[static_cast<int>(message.link)];
     if (message.link != devsim::Link::serial)
         source += " :" + std::to_string(message.local_port);
-    if (transfer)
+    if (message.protocol == Protocol::connection)
         source += " " + trimmed(message.tag);
-    // The decoded names of the frames join the hex here once the server's log decodes them.
-    log(source, mgmt || transfer || message.frame.empty() ? message.wire : message.frame, "");
-    if (!mgmt && !transfer) { // a command: it took the next fault armed, if any
+    log(source, message.frame.empty() ? message.wire : message.frame, message.text);
+    if (command) { // it took the next fault armed, if any
         std::lock_guard lock(mutex_);
         if (!faults_.empty())
             faults_.pop_front();
@@ -176,7 +173,8 @@ void Rack::watch() {
                              std::to_string(big_endian(datagram + 4))
                        : "not an event (" + std::to_string(n) + " bytes)");
         }
-        const std::string panel = state_json(false), position = position_json();
+        const devsim::Model::Snapshot server = sim_.model().snapshot();
+        const std::string panel = state_json(server, false), position = position_json(server);
         std::lock_guard lock(mutex_);
         if (panel != state_ || position != position_) {
             state_seq_ += panel != state_;
@@ -188,35 +186,45 @@ void Rack::watch() {
     }
 }
 
-std::string Rack::position_json() const {
-    const int64_t frames = sim_.model().position();
-    return "{\"position\":" + std::to_string(frames) +
-           ",\"timecode\":" + json_string(timecode(sim_.model().standard(), frames)) + "}";
+std::string Rack::position_json(const devsim::Model::Snapshot& server) {
+    return "{\"position\":" + std::to_string(server.position) +
+           ",\"timecode\":" + json_string(timecode(server.standard, server.position)) + "}";
 }
 
-std::string Rack::state_json(bool with_position) const {
-    const devsim::Model& model = sim_.model();
-    const devsim::Standard standard = model.standard();
-    const Bytes status = model.status();
+std::string Rack::state_json() const {
+    return state_json(sim_.model().snapshot(), true);
+}
+
+std::string Rack::state_json(const devsim::Model::Snapshot& server, bool with_position) const {
+    const devsim::Standard standard = server.standard;
+    auto flag = [](bool on) { return on ? std::string("true") : std::string("false"); };
+    auto point = [&](devsim::Model::Point which) {
+        const auto& frames = server.points[static_cast<size_t>(which)];
+        return frames ? json_string(timecode(standard, *frames)) : std::string("null");
+    };
+    char speed[32];
+    snprintf(speed, sizeof speed, "%g", server.speed);
     std::string clips;
-    for (const devsim::Model::Clip& clip : model.clips())
+    for (const devsim::Model::Clip& clip : server.clips)
         clips += std::string(clips.empty() ? "" : ",") +
                  "{\"id\":" + json_string(trimmed(clip.id)) +
                  ",\"start\":" + json_string(timecode(standard, clip.start)) +
                  ",\"length\":" + json_string(timecode(standard, clip.length)) +
                  ",\"frames\":" + std::to_string(clip.length) + "}";
-    std::string server =
-        "{\"standard\":" + json_string(devsim::standard_name(standard)) +
-        ",\"state\":" + json_string(kStates[static_cast<int>(model.state())]) +
-        // The model tells its speed and its edit points once it keeps one consistent snapshot.
-        ",\"speed\":null,\"reverse\":" + (status[2] & 0x04 ? "true" : "false") +
-        ",\"cued\":" + (status[2] & 0x01 ? "true" : "false") +
-        ",\"local\":" + (status[0] & 0x01 ? "true" : "false") +
-        ",\"loaded\":" + json_string(trimmed(model.loaded())) + ",\"in\":null,\"out\":null" +
-        ",\"status\":" + json_string(hex(status));
+    using Point = devsim::Model::Point;
+    std::string panel = "{\"standard\":" + json_string(devsim::standard_name(standard)) +
+                        ",\"state\":" + json_string(kStates[static_cast<int>(server.state)]) +
+                        ",\"speed\":" + speed + ",\"reverse\":" + flag(server.speed < 0) +
+                        ",\"edit\":" + json_string(kEdits[static_cast<int>(server.edit)]) +
+                        ",\"cued\":" + flag(server.cued) + ",\"local\":" + flag(server.local) +
+                        ",\"loaded\":" + json_string(trimmed(server.loaded)) +
+                        ",\"in\":" + point(Point::in) + ",\"out\":" + point(Point::out) +
+                        ",\"audio_in\":" + point(Point::audio_in) +
+                        ",\"audio_out\":" + point(Point::audio_out) +
+                        ",\"status\":" + json_string(hex(devsim::status_bytes(server)));
     if (with_position) {
-        const std::string position = position_json();
-        server += "," + position.substr(1, position.size() - 2);
+        const std::string position = position_json(server);
+        panel += "," + position.substr(1, position.size() - 2);
     }
     const uint8_t gpi = board_->registerValue(sdiboard::kGpiRegister),
                   gpo = board_->registerValue(sdiboard::kGpoRegister);
@@ -228,9 +236,8 @@ std::string Rack::state_json(bool with_position) const {
            ",\"board\":{\"socket\":" + json_string(board_->path()) +
            ",\"fault\":" + json_string(kBoardFaults[static_cast<int>(board_options_.fault)]) +
            ",\"switches\":" + std::to_string(switches_) + ",\"gpi\":" + std::to_string(gpi) +
-           ",\"gpo\":" + std::to_string(gpo) + "},\"server\":" + server + "},\"clips\":[" + clips +
-           "],\"faults\":[" + faults + "],\"gpi_events\":" + (gpi_fd_ >= 0 ? "true" : "false") +
-           "}";
+           ",\"gpo\":" + std::to_string(gpo) + "},\"server\":" + panel + "},\"clips\":[" + clips +
+           "],\"faults\":[" + faults + "],\"gpi_events\":" + flag(gpi_fd_ >= 0) + "}";
 }
 
 std::string Rack::log_json(uint64_t after) const {
@@ -259,7 +266,7 @@ std::string Rack::next_events(Cursor& cursor, std::chrono::milliseconds wait) co
     if (state)
         return "event: state\ndata: " + state_json() + "\n\n" + logged;
     if (position)
-        return "event: position\ndata: " + position_json() + "\n\n" + logged;
+        return "event: position\ndata: " + position_json(sim_.model().snapshot()) + "\n\n" + logged;
     return logged;
 }
 

@@ -41,11 +41,12 @@ class Rack {
   public:
     static constexpr size_t kLogLength = 300; // the entries kept for a page that connects
 
-    // Opens the board's socket and the server's links and starts serving them; throws as the
-    // emulators do (std::runtime_error naming what failed). Shows the GPI events that reach
+    // Sets the server up from devsim's options in `line`, opens the board's socket and the
+    // server's links and starts serving them; throws as the emulators do (cli::Refused for a bad
+    // option, std::runtime_error naming what failed). Shows the GPI events that reach
     // 127.0.0.1:`gpi_port` (0: none) in the log, or a note there when another program has the
     // port. `print` gets each log line as well, for the console.
-    Rack(const sdiboard::Options& board, const devsim::Options& server, uint16_t gpi_port,
+    Rack(const sdiboard::Options& board, const cli::CommandLine& line, uint16_t gpi_port,
          std::function<void(const std::string&)> print = nullptr);
     // Stops serving, wakes every event stream and removes the pty links it made.
     ~Rack();
@@ -57,9 +58,8 @@ class Rack {
     devsim::DevSim& server() { return sim_; }
     sdiboard::Board& board() { return *board_; }
 
-    // The whole state (without the position, which moves on its own, when not `with_position`),
-    // and the log entries after `after` (at most kLogLength), as JSON.
-    std::string state_json(bool with_position = true) const;
+    // The whole state, and the log entries after `after` (at most kLogLength), as JSON.
+    std::string state_json() const;
     std::string log_json(uint64_t after) const;
     // Waits at most `wait` for anything newer than `cursor`, then returns it as server-sent
     // events and moves `cursor` on; "" when nothing came. `stopped` once the rack is closing.
@@ -84,7 +84,10 @@ class Rack {
     void log(const std::string& source, const std::vector<uint8_t>& bytes, const std::string& text);
     void received(const devsim::Received& message);
     void watch();
-    std::string position_json() const;
+    // The state as one snapshot of the model shows it: without the position, which moves on
+    // its own, when not `with_position`; and the position alone.
+    std::string state_json(const devsim::Model::Snapshot& server, bool with_position) const;
+    static std::string position_json(const devsim::Model::Snapshot& server);
 
     std::function<void(const std::string&)> print_;
     mutable std::mutex mutex_;

@@ -1,0 +1,364 @@
+// The emulator's links: setting each up, reading what comes on it, sending what the outbox hands
+// over, and a restart's dropping and taking up of them. Every byte read and written passes
+// record() or tap() (devsim.cpp), where a recorder hooks in.
+#include "devsim.h"
+
+#include "louth.h"
+#include "names.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <termios.h>
+#include <unistd.h>
+
+namespace devsim {
+
+namespace {
+
+[[noreturn]] void fail(const std::string& what) {
+    throw std::runtime_error(what + ": " + strerror(errno));
+}
+
+sockaddr_in ipv4(const char* address, uint16_t port) {
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_port = htons(port);
+    if (inet_pton(AF_INET, address, &a.sin_addr) != 1) {
+        errno = EINVAL;
+        fail(std::string("address ") + address);
+    }
+    return a;
+}
+
+sockaddr_in bound_address(int fd) {
+    sockaddr_in a{};
+    socklen_t length = sizeof a;
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &length);
+    return a;
+}
+
+// A socket bound to `address`; an invalid one, errno set, when it cannot be.
+UniqueFd try_bound_socket(int type, const sockaddr_in& address) {
+    UniqueFd fd(socket(AF_INET, type | SOCK_CLOEXEC, 0));
+    if (!fd.valid())
+        return fd;
+    // A listener may take its port back while old connections wait out their time; a datagram
+    // port in use is refused, never shared.
+    int on = 1;
+    if (type == SOCK_STREAM)
+        setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (bind(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        (type == SOCK_STREAM && listen(fd.get(), 16) != 0)) {
+        const int error = errno;
+        fd.reset();
+        errno = error;
+    }
+    return fd;
+}
+
+UniqueFd bound_socket(int type, const sockaddr_in& address) {
+    UniqueFd fd = try_bound_socket(type, address);
+    if (!fd.valid())
+        fail("bind");
+    return fd;
+}
+
+// The length of the Sony frame at `at` ((CMD1 & 0x0F) + 3 bytes) when all of it is there, else 0.
+size_t sony_frame_length(const Bytes& bytes, size_t at) {
+    const size_t length = (bytes[at] & 0x0Fu) + 3;
+    return bytes.size() - at >= length ? length : 0;
+}
+
+// Whether a whole Sony frame with a right checksum is at `at`.
+bool sony_frame_whole(const Bytes& bytes, size_t at) {
+    const size_t length = sony_frame_length(bytes, at);
+    return length > 0 &&
+           byte_sum(std::span(bytes).subspan(at, length - 1)) == bytes[at + length - 1];
+}
+
+// The first `n` bytes of `buffer`, taken off it.
+Bytes take(Bytes& buffer, size_t n) {
+    Bytes front(buffer.begin(), buffer.begin() + static_cast<long>(n));
+    buffer.erase(buffer.begin(), buffer.begin() + static_cast<long>(n));
+    return front;
+}
+
+} // namespace
+
+uint16_t DevSim::listen_udp(const char* address, uint16_t port) {
+    udp_ = bound_socket(SOCK_DGRAM, ipv4(address, port));
+    udp_other_ = bound_socket(SOCK_DGRAM, ipv4(address, 0));
+    udp_address_ = bound_address(udp_.get());
+    udp_other_address_ = bound_address(udp_other_.get());
+    udp_port_ = ntohs(udp_address_.sin_port);
+    udp_other_port_ = ntohs(udp_other_address_.sin_port);
+    return udp_port_;
+}
+
+uint16_t DevSim::listen_tcp(const char* address, uint16_t port) {
+    tcp_listener_ = bound_socket(SOCK_STREAM, ipv4(address, port));
+    tcp_address_ = bound_address(tcp_listener_.get());
+    tcp_port_ = ntohs(tcp_address_.sin_port);
+    return tcp_port_;
+}
+
+uint16_t DevSim::listen_mgmt(const char* address, uint16_t port) {
+    mgmt_ = bound_socket(SOCK_DGRAM, ipv4(address, port));
+    mgmt_address_ = bound_address(mgmt_.get());
+    mgmt_port_ = ntohs(mgmt_address_.sin_port);
+    return mgmt_port_;
+}
+
+std::string DevSim::open_pty() {
+    pty_master_.reset(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    if (!pty_master_.valid() || grantpt(pty_master_.get()) != 0 || unlockpt(pty_master_.get()) != 0)
+        fail("posix_openpt");
+    pty_path_ = ptsname(pty_master_.get());
+    // Holding the controller's end open keeps the master from reading as hung up while no
+    // controller is connected; raw mode keeps the line discipline from echoing or translating.
+    pty_slave_.reset(open(pty_path_.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    if (!pty_slave_.valid())
+        fail("open " + pty_path_);
+    termios raw{};
+    tcgetattr(pty_slave_.get(), &raw);
+    cfmakeraw(&raw);
+    tcsetattr(pty_slave_.get(), TCSANOW, &raw);
+    return pty_path_;
+}
+
+Endpoint DevSim::udp_endpoint(int fd, const sockaddr_in& peer) const {
+    const sockaddr_in& local = fd == udp_.get() ? udp_address_ : udp_other_address_;
+    return {Link::udp, louth_udp_ ? Protocol::louth : Protocol::sony, fd, local, peer, 0};
+}
+
+void DevSim::receive_udp(int fd) {
+    uint8_t datagram[2048];
+    sockaddr_in from{};
+    socklen_t length = sizeof from;
+    ssize_t n =
+        recvfrom(fd, datagram, sizeof datagram, 0, reinterpret_cast<sockaddr*>(&from), &length);
+    if (n < 0 || down_)
+        return;
+    Endpoint endpoint = udp_endpoint(fd, from);
+    // The header's type tells what a datagram carries (1 Sony, 5 Louth); any other is taken as
+    // the link's protocol. So one UDP link serves controllers of both.
+    const uint16_t type = n >= 2 ? be16(datagram) : 0;
+    if (type == kSonyDatagram || type == kLouthDatagram)
+        endpoint.protocol = type == kLouthDatagram ? Protocol::louth : Protocol::sony;
+    Received message{Link::udp,
+                     Bytes(datagram, datagram + n),
+                     {},
+                     "",
+                     ntohs(endpoint.local.sin_port),
+                     from,
+                     endpoint.protocol,
+                     ""};
+    if (static_cast<size_t>(n) > kDatagramHeader)
+        message.frame.assign(datagram + kDatagramHeader, datagram + n);
+    const Bytes frame = message.frame;
+    record(endpoint, std::move(message));
+    if (endpoint.protocol == Protocol::louth)
+        answer_louth(endpoint, frame);
+    else
+        answer_sony(endpoint, frame);
+}
+
+void DevSim::accept_tcp() {
+    sockaddr_in peer{};
+    socklen_t length = sizeof peer;
+    UniqueFd client(
+        accept4(tcp_listener_.get(), reinterpret_cast<sockaddr*>(&peer), &length, SOCK_CLOEXEC));
+    if (client.valid())
+        tcp_clients_[++next_tcp_] = {std::move(client), peer, {}};
+}
+
+void DevSim::close_tcp_client(unsigned id) {
+    tcp_clients_.erase(id);
+    transfers_.reset(id);
+}
+
+void DevSim::receive_tcp(unsigned id) {
+    auto found = tcp_clients_.find(id);
+    if (found == tcp_clients_.end())
+        return;
+    uint8_t chunk[2048];
+    ssize_t n = recv(found->second.fd.get(), chunk, sizeof chunk, 0);
+    if (n <= 0) {
+        close_tcp_client(id);
+        return;
+    }
+    const Endpoint endpoint{Link::tcp,    Protocol::connection, -1,
+                            tcp_address_, found->second.peer,   id};
+    Bytes& buffer = found->second.buffer;
+    buffer.insert(buffer.end(), chunk, chunk + n);
+    // An accepted upload's bytes are not messages.
+    auto take_upload = [&](Bytes& stream) {
+        const Bytes before = stream;
+        transfers_.take_upload(id, stream);
+        const auto taken = static_cast<long>(before.size() - stream.size());
+        if (taken > 0)
+            tap(endpoint, Direction::received, Bytes(before.begin(), before.begin() + taken), "");
+    };
+    take_upload(buffer);
+    // Messages: a 12-byte header; "s9p " carries arg1 frame bytes after it, the others nothing.
+    // An answer may close this client (a fault, a restart): it is looked up again each time.
+    for (auto client = tcp_clients_.find(id); client != tcp_clients_.end();
+         client = tcp_clients_.find(id)) {
+        Bytes& stream = client->second.buffer;
+        if (stream.size() < kStreamHeader)
+            return;
+        const std::string tag(stream.begin(), stream.begin() + 4);
+        const size_t body = tag == "s9p " ? be32(stream.data() + 4) : 0;
+        if (body > kMaxSonyFrame) {
+            // No Sony frame is that long: record the header and drop the client as a server would.
+            record(endpoint, {Link::tcp,
+                              take(stream, kStreamHeader),
+                              {},
+                              tag,
+                              tcp_port_,
+                              endpoint.peer,
+                              Protocol::connection,
+                              ""});
+            close_tcp_client(id);
+            return;
+        }
+        if (stream.size() < kStreamHeader + body)
+            return;
+        const Bytes wire = take(stream, kStreamHeader + body);
+        const Bytes frame(wire.begin() + kStreamHeader, wire.end());
+        record(endpoint,
+               {Link::tcp, wire, frame, tag, tcp_port_, endpoint.peer, Protocol::connection, ""});
+        if (tag == "s9p ") {
+            answer_sony(endpoint, frame);
+        } else {
+            const bool raw = tag == "data" || tag == "ggop";
+            std::vector<Piece> answer = transfers_.answer(id, wire.data());
+            Bytes whole;
+            for (const Piece& p : answer)
+                whole.insert(whole.end(), p.bytes.begin(), p.bytes.end());
+            queue(endpoint, std::move(answer), raw ? "" : describe_stream(whole, true));
+            if (auto still = tcp_clients_.find(id); still != tcp_clients_.end())
+                take_upload(still->second.buffer);
+        }
+    }
+}
+
+void DevSim::receive_serial() {
+    uint8_t chunk[256];
+    ssize_t n = read(pty_master_.get(), chunk, sizeof chunk);
+    if (n <= 0 || down_)
+        return;
+    // Bytes that waited longer than a deck's inter-byte gap began a frame that never came whole:
+    // a deck's receiver drops them and starts afresh with the next byte.
+    const auto now = Clock::now();
+    if (now - serial_last_byte_ > kInterByteGap)
+        serial_buffer_.clear();
+    serial_last_byte_ = now;
+    serial_buffer_.insert(serial_buffer_.end(), chunk, chunk + n);
+    const Endpoint endpoint{Link::serial,
+                            louth_serial_ ? Protocol::louth : Protocol::sony,
+                            pty_master_.get(),
+                            {},
+                            {},
+                            0};
+    auto take_frame = [&](size_t length) {
+        const Bytes frame = take(serial_buffer_, length);
+        record(endpoint, {Link::serial, frame, frame, "", 0, {}, endpoint.protocol, ""});
+        return frame;
+    };
+    for (size_t length; louth_serial_ && (length = louth_command_length(serial_buffer_)) > 0;)
+        answer_louth(endpoint, take_frame(length));
+    while (!louth_serial_ && !serial_buffer_.empty()) {
+        const size_t length = sony_frame_length(serial_buffer_, 0);
+        if (length == 0)
+            return;
+        // A frame whose checksum is wrong, followed by the start of one whose checksum is right:
+        // the bytes before that one are garbage. Alone, it is answered with its NAK.
+        if (!sony_frame_whole(serial_buffer_, 0)) {
+            size_t next = 1;
+            while (next < serial_buffer_.size() && !sony_frame_whole(serial_buffer_, next))
+                ++next;
+            if (next < serial_buffer_.size()) {
+                take(serial_buffer_, next);
+                continue;
+            }
+        }
+        answer_sony(endpoint, take_frame(length));
+    }
+}
+
+void DevSim::receive_mgmt() {
+    uint8_t datagram[2048];
+    sockaddr_in from{};
+    socklen_t length = sizeof from;
+    ssize_t n = recvfrom(mgmt_.get(), datagram, sizeof datagram, 0,
+                         reinterpret_cast<sockaddr*>(&from), &length);
+    if (n < 0 || down_)
+        return;
+    const Endpoint endpoint{Link::udp, Protocol::management, mgmt_.get(), mgmt_address_, from, 0};
+    const Bytes wire(datagram, datagram + n);
+    record(endpoint, {Link::udp, wire, {}, "", mgmt_port_, from, Protocol::management, ""});
+    std::vector<Piece> answer = mgmt_model_.answer(wire);
+    const std::string text = answer.empty() ? "" : describe_mgmt(answer.back().bytes, true);
+    queue(endpoint, std::move(answer), text);
+}
+
+void DevSim::send(const Outbox::Outgoing& out) {
+    switch (out.to.link) {
+    case Link::udp:
+        sendto(out.to.fd, out.bytes.data(), out.bytes.size(), 0,
+               reinterpret_cast<const sockaddr*>(&out.to.peer), sizeof out.to.peer);
+        tap(out.to, Direction::sent, out.bytes, out.last ? out.text : "");
+        break;
+    case Link::tcp:
+        if (auto client = tcp_clients_.find(out.to.tcp_client); client != tcp_clients_.end())
+            ::send(client->second.fd.get(), out.bytes.data(), out.bytes.size(), MSG_NOSIGNAL);
+        else
+            return;
+        break;
+    case Link::serial:
+        (void)!write(pty_master_.get(), out.bytes.data(), out.bytes.size());
+        break;
+    }
+    if (!out.last)
+        return;
+    if (out.to.link != Link::udp)
+        tap(out.to, Direction::sent, out.whole, out.text);
+    {
+        std::lock_guard lock(mutex_);
+        ++replies_sent_;
+    }
+    changed_.notify_all();
+}
+
+// A restart: what the server's process held goes (its TCP connections and listener, the answers
+// not yet sent, a serial frame half read, the Louth ports opened); the model stays.
+void DevSim::go_down(int ms) {
+    for (const auto& [id, client] : tcp_clients_)
+        transfers_.reset(id);
+    tcp_clients_.clear();
+    tcp_listener_.reset();
+    outbox_.clear();
+    serial_buffer_.clear();
+    louth_ = std::make_unique<LouthServer>(model_);
+    down_ = true;
+    down_until_ = Clock::now() + std::chrono::milliseconds(ms);
+}
+
+// Up again, listening where it listened; false while that port is not free yet.
+bool DevSim::come_back() {
+    if (tcp_port_ != 0 && !tcp_listener_.valid()) {
+        tcp_listener_ = try_bound_socket(SOCK_STREAM, tcp_address_);
+        if (!tcp_listener_.valid())
+            return false;
+    }
+    down_ = false;
+    return true;
+}
+
+} // namespace devsim
