@@ -70,12 +70,14 @@ function showState(state) {
     const name = lamp.dataset.lamp;
     lamp.classList.toggle('lit', name === server.state || server[name] === true);
   }
-  const turning = ['jog', 'var', 'shuttle', 'rewind'].includes(server.state) && server.reverse;
-  $('#speed').textContent =
-    (turning ? 'reverse ' : '') + (server.speed === null ? '' : `${server.speed}x`);
+  const moving = ['jog', 'var', 'shuttle', 'fast_forward', 'rewind'].includes(server.state);
+  $('#speed').textContent = [
+    moving ? `${server.speed}x` : '',
+    server.edit === 'none' ? '' : server.edit.replace('_', ' '),
+  ].join(' ');
   $('#loaded').textContent = server.loaded || 'none';
-  $('#in').textContent = server.in ?? kNoTimecode;
-  $('#out').textContent = server.out ?? kNoTimecode;
+  for (const point of ['in', 'out', 'audio_in', 'audio_out'])
+    $(`#${point}`).textContent = server[point] ?? kNoTimecode;
   $('#faults').textContent = state.faults.length ? `armed: ${state.faults.join(', ')}` : '';
   $('#gpi-events').textContent = state.gpi_events
     ? 'frames on every link, GPI events on 127.0.0.1:42000'
