@@ -61,7 +61,7 @@ const browser = await puppeteer.launch({
   args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
     '--disable-background-networking', '--disable-component-update', '--disable-sync',
     `--user-data-dir=${work}/profile`],
-  defaultViewport: { width: 1100, height: 650 },
+  defaultViewport: { width: 1100, height: 680 },
 });
 const page = await browser.newPage();
 const requested = [];
@@ -79,10 +79,10 @@ const checks = [
     await page.goto(`${origin}/`);
     await page.waitForSelector('#live.lit', { timeout: kWaitMs });
   }],
-  ['clicking GPI switch 3: the daemon sends event (3, 1) to 42000 and 43 BF F0 08 08 02 to the server', async () => {
+  ['clicking GPI switch 3: the daemon sends event (3, 1) to 42000 and 43 BF F0 08 08 02 to the server, named', async () => {
     await page.click('.switch[data-line="3"]');
     await pageLogged('gpi :42000', /GPI event line 3 status 1/);
-    await pageLogged('udp :32896', /43 BF F0 08 08 02/);
+    await pageLogged('udp :32896', /43 BF F0 08 08 02\s+GPI ACTIVITY transitions 08 levels 08/);
     await until('the daemon saying so', () => daemon.output.includes('Raise GPI (#3, 1)'));
   }],
   ['shift-clicking GPI switch 5 pulses it: event (5, 2), the switch stays off', async () => {
@@ -102,6 +102,7 @@ const checks = [
   ['loading NEWS from the clip list, then zqctl play: PLAY lit, the timecode runs', async () => {
     await page.click('#clips tbody tr:first-child button');
     await until('NEWS loaded', async () => (await text('#loaded')) === 'NEWS');
+    zqctl('raw', '40', '10'); // IN entry, for the screenshot
     const before = await text('#timecode');
     zqctl('play');
     await page.waitForSelector('[data-lamp="playing"].lit', { timeout: kWaitMs });
@@ -120,21 +121,30 @@ const checks = [
     }
     await until('the fault used', async () => (await text('#faults')) === '');
   }],
-  ['the JSON API shows what the library reads over the wire', async () => {
+  ['the JSON API and the page show what the library reads over the wire, IN and OUT too', async () => {
     zqctl('stop');
-    for (const act of [() => api('load', { clip: 'PROMO1' }), () => api('local', { local: 'on' })]) {
-      await act();
+    // An edit point's data sense answers 74 1x and the point's BCD timecode, frames first.
+    const point = (cmd2) => zqctl('raw', '60', cmd2).answer.split(' ').slice(2, 6).reverse().join(':');
+    const steps = [
+      async () => { await api('load', { clip: 'PROMO1' }); zqctl('raw', '40', '10'); }, // IN entry
+      async () => { zqctl('cue', '00:00:20:00'); zqctl('raw', '40', '11'); await api('local', { local: 'on' }); },
+    ];
+    for (const step of steps) {
+      await step();
       const state = await api('state');
       const { status, flags } = zqctl('status');
       const wire = { status, local: flags.includes('local'), cued: flags.includes('cue-complete'),
-        timecode: zqctl('timecode').timecode, clips: zqctl('clip', 'list').clips };
+        timecode: zqctl('timecode').timecode, clips: zqctl('clip', 'list').clips, in: point('10'), out: point('11') };
       const { server } = state;
       const shown = { status: server.status.slice(0, status.length), local: server.local, cued: server.cued,
-        timecode: server.timecode, clips: state.clips.map((c) => c.id) };
+        timecode: server.timecode, clips: state.clips.map((c) => c.id), in: server.in,
+        out: server.out ?? '00:00:00:00' }; // a point not set reads as zero on the wire
       if (JSON.stringify(shown) !== JSON.stringify(wire))
         throw new Error(`API ${JSON.stringify(shown)}, library ${JSON.stringify(wire)}`);
       for (const clip of state.clips)
         if (zqctl('clip', 'length', clip.id).length !== clip.length) throw new Error(`${clip.id}'s length`);
+      await until('the page showing IN and OUT', async () =>
+        `${await text('#in')} ${await text('#out')}` === `${server.in} ${server.out ?? '--:--:--:--'}`);
     }
   }],
   ['the API refuses bad values, a missing clip and another site, and changes nothing', async () => {
