@@ -8,6 +8,7 @@ TEST_PACKAGES=(
   g++-mips-linux-gnu qemu-user
   clang libclang-rt-14-dev
   mandoc
+  valgrind
 )
 
 as_root() {
