@@ -676,7 +676,7 @@ std::vector<Event> eventsOf(const Poll& p, uint8_t previous) {
 // after it; a read that went to no board (the outage came between the two) read 0xFF.
 std::vector<Poll> pollsOf(const Episode& e, bool first, uint8_t* startupGpi) {
     std::vector<Poll> polls;
-    std::optional<Transfer> transition;
+    const Transfer* transition = nullptr;
     bool polling = !first; // the first board also serves detection and the start-up level read
     for (const auto& t : e.transfers) {
         if (t.write)
@@ -684,7 +684,7 @@ std::vector<Poll> pollsOf(const Episode& e, bool first, uint8_t* startupGpi) {
         if (t.reg == sdiboard::kTransitionRegister) {
             if (transition)
                 polls.push_back({transition->value, kFloatingBus, transition->when, false});
-            transition = t;
+            transition = &t;
             polling = true;
         } else if (t.reg == sdiboard::kGpiRegister) {
             if (transition)
@@ -693,7 +693,7 @@ std::vector<Poll> pollsOf(const Episode& e, bool first, uint8_t* startupGpi) {
                 polls.push_back({kFloatingBus, t.value, t.when, false});
             else
                 *startupGpi = t.value;
-            transition.reset();
+            transition = nullptr;
         }
     }
     if (transition)
