@@ -66,9 +66,7 @@ std::optional<ProcSample> sampleProcess(pid_t pid, double seconds, uint64_t work
     s.seconds = seconds;
     s.work = work;
     s.rssKb = field(dir + "/status", "VmRSS:");
-    const long clean = field(dir + "/smaps_rollup", "Private_Clean:");
-    const long dirty = field(dir + "/smaps_rollup", "Private_Dirty:");
-    s.privateKb = clean < 0 || dirty < 0 ? -1 : clean + dirty;
+    s.privateKb = field(dir + "/smaps_rollup", "Private_Dirty:");
     s.fds = countEntries(dir + "/fd");
     std::ifstream schedstat(dir + "/schedstat");
     double ns = -1;
@@ -101,7 +99,7 @@ Verdict ProcWatch::verdict(double runSeconds, const char* workName) const {
     Verdict v;
     char text[512];
     snprintf(text, sizeof text,
-             "resident %ld -> %ld kB, private %ld -> %ld kB, descriptors %ld -> %ld, CPU per %s "
+             "resident %ld -> %ld kB, private dirty %ld -> %ld kB, descriptors %ld -> %ld, CPU per %s "
              "%.3f -> %.3f ms (first tenth -> last tenth, %zu and %zu samples)",
              a.rssKb, b.rssKb, a.privateKb, b.privateKb, a.fds, b.fds, workName, a.cpuMsPerWork,
              b.cpuMsPerWork, a.samples, b.samples);

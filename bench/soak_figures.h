@@ -15,7 +15,8 @@ namespace soak {
 struct ProcSample {
     double seconds = 0; // since the measured run began
     long rssKb = 0;     // resident: VmRSS
-    long privateKb = 0; // pages no other process shares: Private_Clean + Private_Dirty
+    long privateKb = 0; // pages this process wrote (heap, stack, data): Private_Dirty. Clean
+                        // pages count as private whenever no other process maps them: not them
     long fds = 0;       // entries of /proc/PID/fd
     double cpuMs = 0;   // time on a CPU, from /proc/PID/schedstat
     uint64_t work = 0;
@@ -26,7 +27,7 @@ std::optional<ProcSample> sampleProcess(pid_t pid, double seconds, uint64_t work
 
 // The verdict on a run's samples. Flat means:
 //   - descriptors: the last tenth's largest count is not above the first tenth's;
-//   - resident and private memory: the last tenth's largest value exceeds the first tenth's
+//   - resident and private (written) memory: the last tenth's largest value exceeds the first tenth's
 //     largest by at most kMemoryNoiseKb;
 //   - CPU per unit of work: the last tenth's is at most kCpuGrowth times the first tenth's plus
 //     kCpuNoiseMs.
