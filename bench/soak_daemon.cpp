@@ -957,6 +957,49 @@ std::pair<size_t, long> socketCapacity() {
     return {kept, kept && queue ? queue->queuedBytes / static_cast<long>(kept) : 0};
 }
 
+// What each outage looked like from outside: its floating polls and how close together they came
+// (a silent board makes every read wait), the first polls back, and, after a power cycle, the
+// GPO register until the next request rewrote it.
+void reportOutages(const std::vector<Episode>& episodes, const GpiCheck& gpi,
+                   const std::vector<Clock::time_point>& arrivals) {
+    std::vector<size_t> firstEvent(gpi.polls.size() + 1);
+    for (size_t n = 0; n < gpi.polls.size(); ++n)
+        firstEvent[n + 1] = firstEvent[n] + static_cast<size_t>(std::popcount(gpi.polls[n].gpit));
+    for (size_t i = 1; i < episodes.size() && i < gpi.episodeStart.size() && i <= 8; ++i) {
+        const Episode& before = episodes[i - 1];
+        const double length = since(before.outageStart, before.outageEnd);
+        const size_t k = gpi.floatingPerOutage[i - 1], first = gpi.episodeStart[i];
+        double closest = 0;
+        for (size_t n = first - k + 1; n < first && firstEvent[n] < arrivals.size(); ++n) {
+            const double apart = std::chrono::duration<double, std::milli>(
+                                     arrivals[firstEvent[n]] - arrivals[firstEvent[n - 1]])
+                                     .count();
+            closest = n == first - k + 1 ? apart : std::min(closest, apart);
+        }
+        std::string back;
+        for (size_t n = first; n < gpi.polls.size() && n < first + 3; ++n) {
+            char text[16];
+            snprintf(text, sizeof text, "%s%02X/%02X", n == first ? "" : ", ", gpi.polls[n].gpit,
+                     gpi.polls[n].gpi);
+            back += text;
+        }
+        std::string gpo;
+        for (const auto& t : episodes[i].transfers)
+            if (t.write && t.reg == sdiboard::kGpoRegister) {
+                char text[96];
+                snprintf(text, sizeof text, "; GPO register 0x00 until the next request wrote 0x%02X, %.0f ms after",
+                         t.value, since(before.outageEnd, t.when) * 1000);
+                gpo = *before.endedBy == OutageKind::PowerCycled ? text : "";
+                break;
+            }
+        printf("  %s %s for %.1f s: %zu floating polls (%.1f a second, 8 events each, at least "
+               "%.1f ms apart); first polls back (transitions/levels): %s%s\n",
+               i <= 2 ? "warm-up" : "run", *before.endedBy == OutageKind::Unplugged ? "unplugged" : "power-cycled (silent)",
+               length, k, static_cast<double>(k) / length, closest, back.empty() ? "none" : back.c_str(),
+               gpo.c_str());
+    }
+}
+
 struct Options {
     double seconds = 0;
     unsigned seed = 1;
@@ -1220,24 +1263,7 @@ int main(int argc, char** argv) {
            outages[0], outages[1], board.disagreements().size());
     for (const auto& d : board.disagreements())
         printf("  %s\n", d.c_str());
-    for (size_t i = 1; i < board.episodes().size() && i < gpi.episodeStart.size() && i <= 6; ++i) {
-        const Episode& before = board.episodes()[i - 1];
-        const double length = since(before.outageStart, before.outageEnd);
-        const size_t k = gpi.floatingPerOutage[i - 1];
-        const size_t first = gpi.episodeStart[i];
-        std::string back = "no poll";
-        for (size_t n = first; n < gpi.polls.size() && n < first + 3; ++n) {
-            const Poll& p = gpi.polls[n];
-            char text[64];
-            snprintf(text, sizeof text, "%s%02X/%02X", n == first ? "" : ", ", p.gpit, p.gpi);
-            back = (n == first ? "" : back) + text;
-        }
-        printf("  %s %s for %.1f s: %zu floating polls (%.1f a second, 8 events each); first polls "
-               "back, transitions/levels: %s\n",
-               i <= 2 ? "warm-up:" : "run:",
-               *before.endedBy == OutageKind::Unplugged ? "unplugged" : "power-cycled (silent)",
-               length, k, static_cast<double>(k) / length, back.c_str());
-    }
+    reportOutages(board.episodes(), gpi, gpiArrivals);
     const soak::Verdict verdict = watch.verdict(options.seconds, "poll");
     printf("daemon: %s\n  %s\n", verdict.figures.c_str(), soak::ProcWatch::criterion().c_str());
     printf("longest poll gap: %s (ctrld.out %s); the loop's own bound with a 60 ms time-out is "
