@@ -1041,9 +1041,10 @@ struct Queues {
     void sample() {
         auto gpo = soak::udpQueue(kGpoPort), net = soak::udpQueue(kNetPort);
         if (gpo)
-            peakGpoBytes = std::max(peakGpoBytes, gpo->queuedBytes), drops = gpo->drops;
+            peakGpoBytes = std::max(peakGpoBytes, gpo->queuedBytes);
         if (net)
-            peakNetBytes = std::max(peakNetBytes, net->queuedBytes), drops += net->drops;
+            peakNetBytes = std::max(peakNetBytes, net->queuedBytes);
+        drops = std::max(drops, (gpo ? gpo->drops : 0) + (net ? net->drops : 0));
     }
 };
 
