@@ -593,14 +593,14 @@ class BoardSide {
         episodes_.back().endedBy = o.kind;
         if (o.kind == OutageKind::Unplugged) {
             drive(); // the inputs change while nobody reads them: the latch keeps the change
-            std::this_thread::sleep_until(o.start + o.length);
+            std::this_thread::sleep_until(episodes_.back().outageStart + o.length);
             rename(away.c_str(), path_.c_str());
         } else {
             board_.reset();
             unlink(away.c_str());
             seen_ = 0;
             board_ = std::make_unique<sdiboard::Board>(path_, sdiboard::Fault::Absent); // silent
-            std::this_thread::sleep_until(o.start + o.length);
+            std::this_thread::sleep_until(episodes_.back().outageStart + o.length);
             board_.reset();
             board_ = std::make_unique<sdiboard::Board>(path_); // powered up again: all zero
             presented_ = 0;
