@@ -1299,15 +1299,11 @@ int main(int argc, char** argv) {
     for (const auto& p : problems)
         problemText += (problemText.empty() ? "" : "; ") + p;
     printf("soak %.0f s: %llu GPI changes, %zu events reported (%zu lost, %zu extra), %zu/%zu GPO "
-           "applied, %zu/%zu relayed, %zu ctrld faults, resident %s, longest poll gap %s: %s\n",
+           "applied, %zu/%zu relayed, %zu ctrld faults, %zu board outages; %s (first -> last "
+           "tenth); longest poll gap %s: %s\n",
            options.seconds, (unsigned long long)changes, gpiEvents.size(), gpi.diff.lost,
            gpi.diff.extra, writes.size(), gpoImages(gpo.sent()).size(), relayed.size(),
-           toRelay.size(), faults,
-           watch.samples().empty()
-               ? "?"
-               : (std::to_string(watch.samples().front().rssKb) + " -> " +
-                  std::to_string(watch.samples().back().rssKb) + " kB")
-                     .c_str(),
+           toRelay.size(), faults, outages[0] + outages[1], verdict.brief.c_str(),
            ms(longestGap).c_str(), problems.empty() ? "passed" : ("FAILED: " + problemText).c_str());
     rmdir(dir);
     return problems.empty() ? 0 : 1;

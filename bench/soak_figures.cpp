@@ -104,6 +104,9 @@ Verdict ProcWatch::verdict(double runSeconds, const char* workName) const {
              a.rssKb, b.rssKb, a.privateKb, b.privateKb, a.fds, b.fds, workName, a.cpuMsPerWork,
              b.cpuMsPerWork, a.samples, b.samples);
     v.figures = text;
+    snprintf(text, sizeof text, "resident %ld -> %ld kB, private %ld -> %ld kB, descriptors %ld -> %ld",
+             a.rssKb, b.rssKb, a.privateKb, b.privateKb, a.fds, b.fds);
+    v.brief = text;
     std::ostringstream why;
     if (a.samples < 2 || b.samples < 2)
         why << "too few samples in a tenth; ";

@@ -35,6 +35,7 @@ std::optional<ProcSample> sampleProcess(pid_t pid, double seconds, uint64_t work
 struct Verdict {
     bool flat = false;
     std::string figures; // one line: first tenth -> last tenth of each figure
+    std::string brief;   // memory and descriptors only, for a summary line
     std::string why;     // what broke the criterion, "" when flat
 };
 
