@@ -10,6 +10,7 @@ TEST_PACKAGES=(
   mandoc
   tshark
   chromium nodejs
+  valgrind
 )
 
 as_root() {

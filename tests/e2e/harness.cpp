@@ -89,9 +89,11 @@ int PeerHost::udpSocket(uint16_t port, const char* group) {
     return fd;
 }
 
-Daemon::Daemon(const std::vector<std::string>& options, const std::string& boardSocket) {
+Daemon::Daemon(const std::vector<std::string>& options, const std::string& boardSocket,
+               const std::vector<std::string>& wrapper) {
     // Everything the child needs is made before the fork: another thread may hold a lock.
-    std::vector<std::string> args{path()};
+    std::vector<std::string> args = wrapper;
+    args.push_back(path());
     args.insert(args.end(), options.begin(), options.end());
     std::vector<char*> argv;
     for (auto& arg : args)
@@ -113,7 +115,7 @@ Daemon::Daemon(const std::vector<std::string>& options, const std::string& board
         prctl(PR_SET_PDEATHSIG, SIGKILL); // a test killed on its time-out takes the daemon along
         dup2(outputs[0], 1);
         dup2(outputs[1], 2);
-        execve(argv[0], argv.data(), envp.data());
+        execvpe(argv[0], argv.data(), envp.data()); // a wrapper may be named by PATH
         _exit(127);
     }
     close(outputs[0]);

@@ -40,10 +40,12 @@ class PeerHost {
 };
 
 // vlmgpiod.out started with `options`, its SPI transfers going to `boardSocket`; standard output
-// and standard error go to files. Killed and reaped on destruction if still running.
+// and standard error go to files. `wrapper` (a program and its arguments, valgrind for one) runs
+// the daemon when given. Killed and reaped on destruction if still running.
 class Daemon {
   public:
-    Daemon(const std::vector<std::string>& options, const std::string& boardSocket);
+    Daemon(const std::vector<std::string>& options, const std::string& boardSocket,
+           const std::vector<std::string>& wrapper = {});
     ~Daemon();
     Daemon(const Daemon&) = delete;
     Daemon& operator=(const Daemon&) = delete;

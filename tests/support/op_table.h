@@ -53,6 +53,7 @@ struct OpCase {
 inline void run_op_case(const OpCase& c) {
     constexpr uint8_t kUntouched = 0xEE;
     SimHandle s(devsim::Link::udp);
+    zqhandler_set_timeout(s.zqh, 2000); // every row is answered: room for a loaded machine
     std::vector<uint8_t> out(32);
     auto exchange = [&](const char* answer) {
         std::fill(out.begin(), out.end(), kUntouched);
