@@ -1,7 +1,7 @@
 # Debian packages the project needs, and the function that installs the missing ones (sourced).
 
 # What building and running the programs needs.
-BUILD_PACKAGES=(g++ make cmake iproute2 util-linux procps)
+BUILD_PACKAGES=(g++ make cmake iproute2 util-linux procps pkg-config libcpp-httplib-dev)
 # What the tests, the cross build, the fuzzers and the benchmarks add.
 TEST_PACKAGES=(
   pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev
@@ -9,6 +9,7 @@ TEST_PACKAGES=(
   clang libclang-rt-14-dev
   mandoc
   tshark
+  chromium nodejs
   valgrind
 )
 

@@ -1,6 +1,7 @@
 // sdiboard: an emulated SDI board for people: drive its GPI lines from the keyboard and watch the
 // GPO register change as the daemon writes it.
 #include "cli.h"
+#include "options.h"
 #include "sdiboard.h"
 
 #include <cstdio>
@@ -9,18 +10,13 @@
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace {
 
 const char* const kUsage =
-    "usage: sdiboard [-s PATH] [--absent | --stuck-scratch | --short | --late] [--all]\n"
-    "  -s, --socket PATH   socket the daemon's SPI transfers reach (default: $TLAPI_SIM_SOCKET,\n"
-    "                      else /tmp/sdiboard.sock)\n"
-    "      --absent        play a board that never answers\n"
-    "      --stuck-scratch play a board whose register 7 sticks at 0x42 once written\n"
-    "      --short         play a board that answers 2 bytes instead of 3\n"
-    "      --late          play a board that answers each transfer 50 ms late\n"
-    "      --all           print every register write, not only the GPO register\n"
+    "usage: sdiboard [-s PATH] [--absent | --stuck-scratch | --short | --late] [--all]\n";
+const char* const kCommands =
     "Commands, one per line on standard input:\n"
     "  gpi HEX     drive the eight GPI lines (bit n = line n), e.g. gpi 05\n"
     "  pulse N     raise and drop GPI line N (0-7) before the next poll\n"
@@ -85,40 +81,25 @@ bool command(sdiboard::Board& board, const std::string& line) {
 } // namespace
 
 int main(int argc, char** argv) {
-    static constexpr cli::Option kOptions[] = {{"socket", 's', true},       {"absent", 0, false},
-                                               {"stuck-scratch", 0, false}, {"short", 0, false},
-                                               {"late", 0, false},          {"all", 0, false},
-                                               {"help", 'h', false}};
+    static constexpr cli::Option kHelp[] = {{"help", 'h', false}};
+    std::vector<cli::Option> known(std::begin(sdiboard::kCommandLineOptions),
+                                   std::end(sdiboard::kCommandLineOptions));
+    known.push_back(kHelp[0]);
     return cli::run("sdiboard", [&] {
-        std::string path = sdiboard::defaultSocketPath();
-        auto fault = sdiboard::Fault::None;
-        bool all = false;
-        const cli::CommandLine line = cli::parse(argc, argv, kOptions);
+        const cli::CommandLine line = cli::parse(argc, argv, known);
         if (!line.words.empty())
             throw cli::Refused("unexpected argument " + cli::quote(line.words[0]));
-        for (const auto& [option, value] : line.options) {
-            const std::string name = option->name;
-            const auto chosen = name == "absent"          ? sdiboard::Fault::Absent
-                                : name == "stuck-scratch" ? sdiboard::Fault::StuckScratch
-                                : name == "short"         ? sdiboard::Fault::ShortAnswers
-                                : name == "late"          ? sdiboard::Fault::LateAnswers
-                                                          : sdiboard::Fault::None;
-            if (chosen != sdiboard::Fault::None && fault != sdiboard::Fault::None)
-                throw cli::Refused("one fault at a time");
-            if (chosen != sdiboard::Fault::None)
-                fault = chosen;
-            else if (name == "socket")
-                path = value;
-            else if (name == "all")
-                all = true;
-            else if (name == "help") {
-                fputs(kUsage, stdout);
+        for (const auto& given : line.options)
+            if (given.option->letter == 'h') {
+                printf("%s%s%s", kUsage, sdiboard::kOptionsHelp, kCommands);
                 return 0;
             }
-        }
-        sdiboard::Board board(path, fault);
-        board.onWrite([all](const sdiboard::Transfer& write) { printWrite(write, all); });
-        printf("SDI board emulator on %s; type gpi HEX, pulse N, show or quit\n", path.c_str());
+        const sdiboard::Options options = sdiboard::read_options(line);
+        sdiboard::Board board(options.path, options.fault);
+        board.onWrite(
+            [all = options.all](const sdiboard::Transfer& write) { printWrite(write, all); });
+        printf("SDI board emulator on %s; type gpi HEX, pulse N, show or quit\n",
+               options.path.c_str());
         fflush(stdout);
         for (std::string text; std::getline(std::cin, text) && command(board, text);) {
         }

@@ -1,0 +1,90 @@
+// rack: the SDI board emulator and the video server emulator in one process, behind a web page
+// that shows the server's front panel and the board's GPI switches and GPO lamps, live.
+#include "cli.h"
+#include "rack.h"
+#include "values.h"
+#include "web.h"
+
+#include <csignal>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace {
+
+const char kUsage[] =
+    "usage: rack [--http ADDRESS:PORT] [BOARD OPTION...] udp ADDRESS PORT [SERVER OPTION...]\n"
+    "       rack [--http ADDRESS:PORT] [BOARD OPTION...] tcp ADDRESS PORT [SERVER OPTION...]\n"
+    "       rack [--http ADDRESS:PORT] [BOARD OPTION...] serial [LINK] [SERVER OPTION...]\n"
+    "Runs the SDI board emulator (as sdiboard) and the video server (as devsim) in one process\n"
+    "and serves a page of their front panels; prints what the page's log shows.\n"
+    "  --http ADDRESS:PORT  serve the page there (default 127.0.0.1:8080; PORT 0 lets the\n"
+    "                       system choose)\n"
+    "  -h, --help           print this help and exit\n"
+    "board options:\n";
+const char kServerOptions[] = "server options:\n";
+const char kUsageEnd[] =
+    "ADDRESS is an IPv4 address or a host name. Options may come before or after the link.\n";
+
+constexpr uint16_t kGpiEventPort = 42000; // where the daemon sends its GPI events
+
+struct Http {
+    std::string address = "127.0.0.1";
+    uint16_t port = 8080;
+};
+
+Http http_option(const std::string& text) {
+    const size_t colon = text.rfind(':');
+    if (colon == std::string::npos)
+        throw cli::Refused("--http: " + cli::quote(text) + " is not ADDRESS:PORT");
+    return {cli::dotted(cli::ipv4_host(text.substr(0, colon), "--http")),
+            cli::port(text.substr(colon + 1), true, "--http")};
+}
+
+int run(int argc, char** argv) {
+    std::vector<cli::Option> known = {{"http", 0, true}, {"help", 'h', false}};
+    known.insert(known.end(), std::begin(sdiboard::kCommandLineOptions),
+                 std::end(sdiboard::kCommandLineOptions));
+    const std::vector<cli::Option> server = devsim::command_line_options();
+    known.insert(known.end(), server.begin(), server.end());
+    const cli::CommandLine line = cli::parse(argc, argv, known);
+    Http http;
+    for (const auto& [option, value] : line.options) {
+        if (option->letter == 'h') {
+            printf("%s%s%s%s%s", kUsage, sdiboard::kOptionsHelp, kServerOptions,
+                   devsim::kOptionsHelp, kUsageEnd);
+            return 0;
+        }
+        if (std::string(option->name) == "http")
+            http = http_option(value);
+    }
+    const sdiboard::Options board = sdiboard::read_options(line);
+    const std::string page = rack::page_folder();
+    if (page.empty())
+        return cli::failure("the page's files are neither installed nor in " RACK_PAGE_SOURCE);
+
+    // Every thread started from here on inherits this mask, so the signals reach sigwait below.
+    sigset_t stop_signals;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+    signal(SIGPIPE, SIG_IGN); // a page that goes away fails its write, not the program
+
+    rack::Rack rack(board, line, kGpiEventPort,
+                    [](const std::string& text) { printf("%s\n", text.c_str()); });
+    rack::Web web(rack, http.address, http.port, page);
+    printf("SDI board emulator on %s\nlistening on %s\npage on http://%s:%u/\n",
+           rack.board_socket().c_str(), rack.links().c_str(), http.address.c_str(), web.port());
+
+    int signal = 0;
+    sigwait(&stop_signals, &signal);
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    return cli::run("rack", [&] { return run(argc, argv); });
+}

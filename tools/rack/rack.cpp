@@ -1,0 +1,333 @@
+// The rack's state as JSON, its log, its event streams and the actions of its page.
+#include "rack.h"
+
+#include "cli.h"
+#include "values.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace rack {
+
+namespace {
+
+using devsim::Bytes;
+
+constexpr int kSampleMs = 20; // the panel is looked at 50 times a second
+constexpr int kLateMs = 500;  // well past a controller's usual time-out
+
+const char* const kStates[] = {"stopped", "playing", "still",   "fast_forward", "rewind",
+                               "jog",     "var",     "shuttle", "recording",    "ejected"};
+const char* const kBoardFaults[] = {"none", "absent", "stuck-scratch", "short", "long", "late"};
+const char* const kLinks[] = {"udp", "tcp", "serial"};
+const char* const kEdits[] = {"none", "preroll", "preview", "review", "auto_edit"};
+
+std::string trimmed(std::string id) {
+    id.erase(id.find_last_not_of(' ') + 1);
+    return id;
+}
+
+std::string timecode(devsim::Standard standard, int64_t frames) {
+    return devsim::bcd_text(devsim::frames_to_bcd(standard, frames).data());
+}
+
+std::string clock_text() {
+    const auto now = std::chrono::system_clock::now();
+    const time_t seconds = std::chrono::system_clock::to_time_t(now);
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch());
+    tm local{};
+    localtime_r(&seconds, &local);
+    char text[32];
+    snprintf(text, sizeof text, "%02d:%02d:%02d.%03d", local.tm_hour, local.tm_min, local.tm_sec,
+             static_cast<int>(ms.count() % 1000));
+    return text;
+}
+
+int32_t big_endian(const uint8_t* p) {
+    return static_cast<int32_t>(static_cast<uint32_t>(p[0]) << 24 | p[1] << 16 | p[2] << 8 | p[3]);
+}
+
+} // namespace
+
+std::string json_string(const std::string& text) {
+    std::string out = "\"";
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte == '"' || byte == '\\') {
+            out += '\\';
+            out += c;
+        } else if (byte < 0x20 || byte >= 0x7F) {
+            char escaped[8];
+            snprintf(escaped, sizeof escaped, "\\u%04x", byte);
+            out += escaped;
+        } else {
+            out += c;
+        }
+    }
+    return out + "\"";
+}
+
+Rack::Rack(const sdiboard::Options& board, const cli::CommandLine& line, uint16_t gpi_port,
+           std::function<void(const std::string&)> print)
+    : print_(std::move(print)), board_options_(board) {
+    const devsim::Links server = devsim::read_command_line(sim_, line);
+    try {
+        links_ = devsim::set_up(sim_, server, own_links_);
+        board_ = std::make_unique<sdiboard::Board>(board.path, board.fault);
+    } catch (...) {
+        devsim::remove_links(sim_, own_links_);
+        throw;
+    }
+    board_->onWrite([this](const sdiboard::Transfer& write) {
+        char text[48];
+        snprintf(text, sizeof text,
+                 write.reg == sdiboard::kGpoRegister ? "GPO <- 0x%02X"
+                                                     : "register 0x%02X <- 0x%02X",
+                 write.reg == sdiboard::kGpoRegister ? write.value : write.reg, write.value);
+        if (write.reg == sdiboard::kGpoRegister || board_options_.all)
+            log("board", {0x42, static_cast<uint8_t>(write.reg | 0x80), write.value}, text);
+    });
+    sim_.on_receive([this](const devsim::Received& message) { received(message); });
+    gpi_port_ = gpi_port;
+    if (gpi_port != 0) {
+        const sockaddr_in address = loopback_address(gpi_port);
+        gpi_fd_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        if (bind(gpi_fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+            log("rack", {},
+                "GPI events on 127.0.0.1:" + std::to_string(gpi_port) +
+                    " not shown: " + strerror(errno));
+            ::close(gpi_fd_);
+            gpi_fd_ = -1;
+        }
+    }
+    sim_.start();
+    watcher_ = std::thread([this] { watch(); });
+}
+
+Rack::~Rack() {
+    close();
+    watcher_.join();
+    sim_.stop();
+    if (gpi_fd_ >= 0)
+        ::close(gpi_fd_);
+    devsim::remove_links(sim_, own_links_);
+}
+
+void Rack::close() {
+    {
+        std::lock_guard lock(mutex_); // not between a waiter's test and its wait
+        stop_ = true;
+    }
+    changed_.notify_all();
+}
+
+void Rack::log(const std::string& source, const Bytes& bytes, const std::string& text) {
+    const std::string time = clock_text(), bytes_hex = hex(bytes);
+    {
+        std::lock_guard lock(mutex_);
+        ++log_seq_;
+        log_.push_back({log_seq_, "{\"seq\":" + std::to_string(log_seq_) + ",\"time\":" +
+                                      json_string(time) + ",\"source\":" + json_string(source) +
+                                      ",\"hex\":" + json_string(bytes_hex) +
+                                      ",\"text\":" + json_string(text) + "}"});
+        if (log_.size() > kLogLength)
+            log_.pop_front();
+        if (print_) // under the lock, so the console keeps the log's order
+            print_(source + (bytes_hex.empty() ? "" : "  " + bytes_hex) +
+                   (text.empty() ? "" : "  " + text));
+    }
+    changed_.notify_all();
+}
+
+void Rack::received(const devsim::Received& message) {
+    using devsim::Protocol;
+    const bool command = message.protocol == Protocol::sony || message.protocol == Protocol::louth;
+    std::string source =
+        message.protocol == Protocol::management ? "mgmt" : kLinks[static_cast<int>(message.link)];
+    if (message.link != devsim::Link::serial)
+        source += " :" + std::to_string(message.local_port);
+    if (message.protocol == Protocol::connection)
+        source += " " + trimmed(message.tag);
+    log(source, message.frame.empty() ? message.wire : message.frame, message.text);
+    if (command) { // it took the next fault armed, if any
+        std::lock_guard lock(mutex_);
+        if (!faults_.empty())
+            faults_.pop_front();
+    }
+}
+
+void Rack::watch() {
+    while (!stop_) {
+        pollfd gpi{gpi_fd_, POLLIN, 0};
+        if (poll(&gpi, 1, kSampleMs) > 0 && (gpi.revents & POLLIN)) {
+            uint8_t datagram[64];
+            const ssize_t n = recv(gpi_fd_, datagram, sizeof datagram, 0);
+            const Bytes bytes(datagram, datagram + std::max<ssize_t>(n, 0));
+            log("gpi :" + std::to_string(gpi_port_), bytes,
+                n == 8 ? "GPI event line " + std::to_string(big_endian(datagram)) + " status " +
+                             std::to_string(big_endian(datagram + 4))
+                       : "not an event (" + std::to_string(n) + " bytes)");
+        }
+        const devsim::Model::Snapshot server = sim_.model().snapshot();
+        const std::string panel = state_json(server, false), position = position_json(server);
+        std::lock_guard lock(mutex_);
+        if (panel != state_ || position != position_) {
+            state_seq_ += panel != state_;
+            position_seq_ += position != position_;
+            state_ = panel;
+            position_ = position;
+            changed_.notify_all();
+        }
+    }
+}
+
+std::string Rack::position_json(const devsim::Model::Snapshot& server) {
+    return "{\"position\":" + std::to_string(server.position) +
+           ",\"timecode\":" + json_string(timecode(server.standard, server.position)) + "}";
+}
+
+std::string Rack::state_json() const {
+    return state_json(sim_.model().snapshot(), true);
+}
+
+std::string Rack::state_json(const devsim::Model::Snapshot& server, bool with_position) const {
+    const devsim::Standard standard = server.standard;
+    auto flag = [](bool on) { return on ? std::string("true") : std::string("false"); };
+    auto point = [&](devsim::Model::Point which) {
+        const auto& frames = server.points[static_cast<size_t>(which)];
+        return frames ? json_string(timecode(standard, *frames)) : std::string("null");
+    };
+    char speed[32];
+    snprintf(speed, sizeof speed, "%g", server.speed);
+    std::string clips;
+    for (const devsim::Model::Clip& clip : server.clips)
+        clips += std::string(clips.empty() ? "" : ",") +
+                 "{\"id\":" + json_string(trimmed(clip.id)) +
+                 ",\"start\":" + json_string(timecode(standard, clip.start)) +
+                 ",\"length\":" + json_string(timecode(standard, clip.length)) +
+                 ",\"frames\":" + std::to_string(clip.length) + "}";
+    using Point = devsim::Model::Point;
+    std::string panel = "{\"standard\":" + json_string(devsim::standard_name(standard)) +
+                        ",\"state\":" + json_string(kStates[static_cast<int>(server.state)]) +
+                        ",\"speed\":" + speed + ",\"reverse\":" + flag(server.speed < 0) +
+                        ",\"edit\":" + json_string(kEdits[static_cast<int>(server.edit)]) +
+                        ",\"cued\":" + flag(server.cued) + ",\"local\":" + flag(server.local) +
+                        ",\"loaded\":" + json_string(trimmed(server.loaded)) +
+                        ",\"in\":" + point(Point::in) + ",\"out\":" + point(Point::out) +
+                        ",\"audio_in\":" + point(Point::audio_in) +
+                        ",\"audio_out\":" + point(Point::audio_out) +
+                        ",\"status\":" + json_string(hex(devsim::status_bytes(server)));
+    if (with_position) {
+        const std::string position = position_json(server);
+        panel += "," + position.substr(1, position.size() - 2);
+    }
+    const uint8_t gpi = board_->registerValue(sdiboard::kGpiRegister),
+                  gpo = board_->registerValue(sdiboard::kGpoRegister);
+    std::lock_guard lock(mutex_);
+    std::string faults;
+    for (const std::string& fault : faults_)
+        faults += std::string(faults.empty() ? "" : ",") + json_string(fault);
+    return "{\"links\":" + json_string(links_) +
+           ",\"board\":{\"socket\":" + json_string(board_->path()) +
+           ",\"fault\":" + json_string(kBoardFaults[static_cast<int>(board_options_.fault)]) +
+           ",\"switches\":" + std::to_string(switches_) + ",\"gpi\":" + std::to_string(gpi) +
+           ",\"gpo\":" + std::to_string(gpo) + "},\"server\":" + panel + "},\"clips\":[" + clips +
+           "],\"faults\":[" + faults + "],\"gpi_events\":" + flag(gpi_fd_ >= 0) + "}";
+}
+
+std::string Rack::log_json(uint64_t after) const {
+    std::lock_guard lock(mutex_);
+    std::string entries;
+    for (const Entry& entry : log_)
+        if (entry.seq > after)
+            entries += (entries.empty() ? "" : ",") + entry.json;
+    return "{\"last\":" + std::to_string(log_seq_) + ",\"entries\":[" + entries + "]}";
+}
+
+std::string Rack::next_events(Cursor& cursor, std::chrono::milliseconds wait) const {
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, wait, [&] {
+        return stop_ || cursor.state != state_seq_ || cursor.position != position_seq_ ||
+               cursor.log != log_seq_;
+    });
+    std::string logged;
+    for (const Entry& entry : log_)
+        if (entry.seq > cursor.log)
+            logged +=
+                "id: " + std::to_string(entry.seq) + "\nevent: log\ndata: " + entry.json + "\n\n";
+    const bool state = cursor.state != state_seq_, position = cursor.position != position_seq_;
+    cursor = {state_seq_, position_seq_, log_seq_};
+    lock.unlock();
+    if (state)
+        return "event: state\ndata: " + state_json() + "\n\n" + logged;
+    if (position)
+        return "event: position\ndata: " + position_json(sim_.model().snapshot()) + "\n\n" + logged;
+    return logged;
+}
+
+void Rack::gpi(const std::string& line_text, const std::string& action) {
+    const auto line = static_cast<int>(cli::integer(line_text, 0, 7, "line"));
+    const auto bit = static_cast<uint8_t>(1 << line);
+    std::lock_guard lock(mutex_);
+    if (action == "pulse") {
+        board_->pulse(line);
+        return;
+    }
+    if (action == "on" || action == "off" || action == "toggle")
+        switches_ = action == "on"    ? switches_ | bit
+                    : action == "off" ? switches_ & ~bit
+                                      : switches_ ^ bit;
+    else
+        throw cli::Refused("action: " + cli::quote(action) + " is not on, off, toggle or pulse");
+    board_->setGpi(switches_);
+}
+
+void Rack::gpi_levels(const std::string& levels) {
+    const auto value = static_cast<uint8_t>(cli::integer(levels, 0, 0xFF, "levels", true));
+    std::lock_guard lock(mutex_);
+    switches_ = value;
+    board_->setGpi(value);
+}
+
+void Rack::local(const std::string& on_off) {
+    if (on_off != "on" && on_off != "off")
+        throw cli::Refused("local: " + cli::quote(on_off) + " is not on or off");
+    sim_.model().set_local(on_off == "on");
+}
+
+void Rack::load(const std::string& clip) {
+    if (!sim_.model().load(cli::clip_id(clip, "clip")))
+        throw Refusal(404, "no clip " + cli::quote(clip) + " in the store");
+}
+
+void Rack::fault(const std::string& kind, const std::string& value) {
+    devsim::Reply reply;
+    std::string label;
+    if (kind == "nak") {
+        const auto bits =
+            static_cast<uint8_t>(value.empty() ? 0x01 : cli::integer(value, 0, 0xFF, "bits", true));
+        reply = devsim::Reply::nak(bits);
+        label = "NAK " + hex({bits});
+    } else if (kind == "silence" && value.empty()) {
+        reply = devsim::Reply::silence();
+        label = "silence";
+    } else if (kind == "late") {
+        const int ms =
+            value.empty() ? kLateMs : static_cast<int>(cli::integer(value, 1, 60000, "ms"));
+        reply = devsim::Reply::late(ms);
+        label = "late " + std::to_string(ms) + " ms";
+    } else {
+        throw cli::Refused("fault: " + cli::quote(kind) +
+                           " is not nak [BITS], silence or late [MS]");
+    }
+    std::lock_guard lock(mutex_); // armed and counted together, before a command can take it
+    sim_.script(reply);
+    faults_.push_back(label);
+}
+
+} // namespace rack
