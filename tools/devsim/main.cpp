@@ -3,6 +3,7 @@
 #include "cli.h"
 #include "devsim.h"
 #include "paths.h"
+#include "recorder.h"
 #include "scenario.h"
 #include "values.h"
 
@@ -32,6 +33,8 @@ const char kUsage[] =
     "  --also udp:PORT | tcp:PORT | serial[:LINK]\n"
     "                 serve this link too, on ADDRESS, from the same model (repeatable)\n"
     "  --mgmt PORT    also serve the management protocol on ADDRESS:PORT (UDP)\n"
+    "  --pcap FILE    write every link's traffic, the serial line's too, to FILE, a new pcap\n"
+    "                 file for the dissector (tools/wireshark/vlm.lua)\n"
     "  -h, --help     print this help and exit\n"
     "Every directive of a scenario is an option too (repeatable, applied in order):\n"
     "  --standard STD the video standard: 25 (default), 29.97df, 30, 50 or 59.94df\n"
@@ -65,12 +68,16 @@ struct Links {
     std::vector<std::pair<std::string, std::string>> also; // more links: kind, port or pty link
     int mgmt_port = -1;
     std::string scenario;
+    std::string pcap; // the recording's file, created once the links are up
 };
 
 // The options: the links' own, then every directive.
 std::vector<cli::Option> options() {
-    std::vector<cli::Option> all = {
-        {"scenario", 0, true}, {"also", 0, true}, {"mgmt", 0, true}, {"help", 'h', false}};
+    std::vector<cli::Option> all = {{"scenario", 0, true},
+                                    {"also", 0, true},
+                                    {"mgmt", 0, true},
+                                    {"pcap", 0, true},
+                                    {"help", 'h', false}};
     for (const devsim::Directive& d : devsim::directives())
         all.push_back({d.name, 0, d.has_value});
     return all;
@@ -105,6 +112,8 @@ std::optional<Links> parse(int argc, char** argv, devsim::DevSim& sim) {
             o.also.push_back(also_link(value));
         else if (name == "mgmt")
             o.mgmt_port = cli::port(value, true, "--mgmt");
+        else if (name == "pcap")
+            o.pcap = value;
         else
             devsim::apply_option(sim, name, value);
         louth = louth || name == "louth";
@@ -197,6 +206,8 @@ int run(int argc, char** argv) {
             cli::remove_own_link(link, sim.pty_path());
     };
     std::string where;
+    devsim::UniqueFd pcap_file;
+    std::optional<devsim::Recorder> recorder;
     try {
         auto open = [&](const std::string& kind, uint16_t port, const std::string& link) {
             where += (where.empty() ? "" : ", ") + open_link(sim, kind, links.address, port, link);
@@ -209,11 +220,27 @@ int run(int argc, char** argv) {
                  kind == "serial" ? rest : "");
         if (links.mgmt_port >= 0)
             open("mgmt", static_cast<uint16_t>(links.mgmt_port), "");
+        if (!links.pcap.empty()) {
+            pcap_file.reset(cli::create_new_file(links.pcap));
+            try {
+                recorder.emplace(pcap_file.get(), sim.pty_path());
+            } catch (const std::exception& e) {
+                unlink(links.pcap.c_str()); // made just now, and of no use
+                throw std::runtime_error(links.pcap + ": " + e.what());
+            }
+        }
     } catch (...) {
         remove_links();
         throw;
     }
     sim.on_receive(print);
+    if (recorder)
+        sim.on_traffic([&](const devsim::Traffic& traffic) {
+            const bool was_recording = recorder->error() == 0;
+            if (!recorder->record(traffic) && was_recording)
+                cli::failure(links.pcap + ": " + strerror(recorder->error()) +
+                             "; nothing more is recorded");
+        });
     sim.start();
     printf("listening on %s\n", where.c_str());
 
@@ -221,7 +248,7 @@ int run(int argc, char** argv) {
     sigwait(&stop_signals, &signal);
     sim.stop();
     remove_links();
-    return 0;
+    return recorder && recorder->error() != 0 ? 1 : 0;
 }
 
 } // namespace
