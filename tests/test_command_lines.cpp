@@ -39,6 +39,7 @@ TEST(CommandLines, emulators_refuse_a_mistake_with_one_line_and_touch_nothing) {
             {devsim + "tcp 127.0.0.1 0 --mgmt " + port, 1,
              "devsim: mgmt 127.0.0.1:" + port + ": bind: Address already in use"},
             {devsim + "udp 127.0.0.1 0 --gop " + dir, 1, "devsim: " + dir + ": Is a directory"},
+            {devsim + "udp 127.0.0.1 0 --pcap " + file, 1, "devsim: " + file + ": File exists"},
             {devsim + "udp 127.0.0.1 0 --scenario " + dir, 1,
              "devsim: " + dir + ": Is a directory"},
             {devsim + "udp 127.0.0.1 0 --scenario " + binary, 1,

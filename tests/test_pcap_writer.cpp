@@ -1,11 +1,14 @@
-// The pcap writer, read back by tshark with the project's dissector: each record decodes to the
-// link, direction, ends and bytes it was written with, whichever side wrote it.
+// The pcap writer and devsim's recorder, read back by tshark with the project's dissector: each
+// record decodes to the link, direction, ends and bytes it was written with, whoever wrote it.
+#include "loopback.h"
 #include "pcap_writer.h"
 #include "toolkit.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <devsim/recorder.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
 #include <unistd.h>
@@ -54,6 +57,34 @@ TEST(PcapWriter, tshark_decodes_each_record_as_written) {
     EXPECT_EQ(decoded(path), "1 40000 PLAY\n2 40000 ACK\n"
                              "1 0 CUE UP WITH DATA,PLAY 00:10:00:00\n1 3 PLAY CUE NEWS\n"
                              "1 40000 data\n2 40000 65535\n2 40000 10\n");
+    std::remove(path);
+}
+
+TEST(Recorder, each_crossing_is_a_record_as_the_peer_saw_it) {
+    if (system("tshark -v >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "tshark is not installed";
+    char path[] = "/tmp/vlm-recorder-XXXXXX.pcap";
+    const devsim::UniqueFd file(mkstemps(path, 5));
+    devsim::DevSim sim;
+    const sockaddr_in server = loopback_address(sim.listen_udp("127.0.0.1", 0));
+    devsim::Recorder recorder(file.get(), sim.open_pty());
+    sim.on_traffic([&](const devsim::Traffic& t) { recorder.record(t); });
+    devsim::Reply in_two = devsim::Reply::ack(); // one datagram's bytes sent as two
+    in_two.pieces = {5};
+    sim.script(in_two);
+    sim.start();
+    UdpEndpoint me;
+    me.send_to(server, Bytes{0, 1, 0, 3, 0, 0, 0, 0, 0, 0, 0x20, 0x01, 0x21});
+    const devsim::UniqueFd line(open(sim.pty_path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    const uint8_t wrong_then_play[] = {0x20, 0x01, 0x00, 0x20, 0x01, 0x21};
+    EXPECT_EQ(write(line.get(), wrong_then_play, 6), 6);
+    EXPECT_TRUE(sim.wait_replies_sent(2, 2000));
+    sim.stop();
+    // The datagram, the two its answer became; the wrongly summed PLAY dropped, the PLAY, its ACK.
+    const std::string p = std::to_string(ntohs(me.address().sin_port)),
+                      n = sim.pty_path().substr(9); // /dev/pts/N
+    EXPECT_EQ(decoded(path), "1 " + p + " PLAY\n2 " + p + "\n2 " + p + "\n1 " + n + " PLAY\n1 " +
+                                 n + " PLAY\n2 " + n + " ACK\n");
     std::remove(path);
 }
 

@@ -80,8 +80,9 @@ struct Received {
 };
 
 // What crosses a link, for a recorder or a front panel: each datagram, serial frame or TCP message
-// received; each answer sent (a datagram, or an answer's bytes once its last piece went); the
-// bytes of an upload as they come.
+// received; each answer sent (each datagram of it, as the peer gets them; on TCP and the serial
+// line the whole answer once its last piece went); the bytes of an upload as they come; the bytes
+// a serial line drops (a frame begun too long ago, garbage before a frame).
 enum class Direction { received, sent };
 struct Traffic {
     Direction direction;
@@ -89,7 +90,7 @@ struct Traffic {
     Protocol protocol;
     sockaddr_in local{}, peer{}; // UDP and TCP
     Bytes bytes;                 // as read or written
-    std::string text;            // decoded; empty for the raw bytes of a transfer
+    std::string text;            // decoded; empty for a transfer's raw bytes and dropped bytes
 };
 
 // One emulator serving any of its links from one thread. Set the links up, then start().

@@ -15,6 +15,7 @@
 #include <sys/socket.h>
 #include <termios.h>
 #include <unistd.h>
+#include <utility>
 
 namespace devsim {
 
@@ -255,17 +256,18 @@ void DevSim::receive_serial() {
         return;
     // Bytes that waited longer than a deck's inter-byte gap began a frame that never came whole:
     // a deck's receiver drops them and starts afresh with the next byte.
-    const auto now = Clock::now();
-    if (now - serial_last_byte_ > kInterByteGap)
-        serial_buffer_.clear();
-    serial_last_byte_ = now;
-    serial_buffer_.insert(serial_buffer_.end(), chunk, chunk + n);
     const Endpoint endpoint{Link::serial,
                             louth_serial_ ? Protocol::louth : Protocol::sony,
                             pty_master_.get(),
                             {},
                             {},
                             0};
+    // Bytes dropped are no frame, but they crossed the line: a recorder sees them too.
+    const auto now = Clock::now();
+    if (now - serial_last_byte_ > kInterByteGap && !serial_buffer_.empty())
+        tap(endpoint, Direction::received, std::exchange(serial_buffer_, {}), "");
+    serial_last_byte_ = now;
+    serial_buffer_.insert(serial_buffer_.end(), chunk, chunk + n);
     auto take_frame = [&](size_t length) {
         const Bytes frame = take(serial_buffer_, length);
         record(endpoint, {Link::serial, frame, frame, "", 0, {}, endpoint.protocol, ""});
@@ -284,7 +286,7 @@ void DevSim::receive_serial() {
             while (next < serial_buffer_.size() && !sony_frame_whole(serial_buffer_, next))
                 ++next;
             if (next < serial_buffer_.size()) {
-                take(serial_buffer_, next);
+                tap(endpoint, Direction::received, take(serial_buffer_, next), "");
                 continue;
             }
         }

@@ -3,10 +3,16 @@
 #include "cli.h"
 #include "devsim.h"
 #include "options.h"
+#include "paths.h"
+#include "recorder.h"
 
 #include <csignal>
 #include <cstdio>
+#include <cstring>
+#include <optional>
 #include <string>
+#include <string_view>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -18,7 +24,9 @@ const char kUsage[] =
     "Plays a video server: Sony 9-pin (as a deck answers it), Odetics and Louth commands drive\n"
     "one model (transport, a position moving in real time, edit points, a clip store) that every\n"
     "sense answers from; prints each command as hex bytes, its name and its arguments.\n"
-    "options:\n";
+    "options:\n"
+    "  --pcap FILE    write every link's traffic, the serial line's too, to FILE, a new pcap\n"
+    "                 file for the dissector (tools/wireshark/vlm.lua)\n";
 
 const char kUsageEnd[] =
     "  -h, --help     print this help and exit\n"
@@ -40,12 +48,17 @@ void print(const devsim::Received& message) {
 int run(int argc, char** argv) {
     std::vector<cli::Option> known = devsim::command_line_options();
     known.push_back({"help", 'h', false});
+    known.push_back({"pcap", 0, true}); // the program's own: a recording is not a server's set-up
     const cli::CommandLine line = cli::parse(argc, argv, known);
-    for (const auto& given : line.options)
+    std::string pcap; // the recording's file, created once the links are up
+    for (const auto& given : line.options) {
         if (given.option->letter == 'h') {
             printf("%s%s%s", kUsage, devsim::kOptionsHelp, kUsageEnd);
             return 0;
         }
+        if (given.option->name == std::string_view("pcap"))
+            pcap = given.value;
+    }
     devsim::DevSim sim;
     const devsim::Links links = devsim::read_command_line(sim, line);
 
@@ -58,13 +71,31 @@ int run(int argc, char** argv) {
 
     std::vector<std::string> own_links; // pty links made, removed at exit while still ours
     std::string where;
+    devsim::UniqueFd pcap_file;
+    std::optional<devsim::Recorder> recorder;
     try {
         where = devsim::set_up(sim, links, own_links);
+        if (!pcap.empty()) {
+            pcap_file.reset(cli::create_new_file(pcap));
+            try {
+                recorder.emplace(pcap_file.get(), sim.pty_path());
+            } catch (const std::exception& e) {
+                unlink(pcap.c_str()); // made just now, and of no use
+                throw std::runtime_error(pcap + ": " + e.what());
+            }
+        }
     } catch (...) {
         devsim::remove_links(sim, own_links);
         throw;
     }
     sim.on_receive(print);
+    if (recorder)
+        sim.on_traffic([&](const devsim::Traffic& traffic) {
+            const bool was_recording = recorder->error() == 0;
+            if (!recorder->record(traffic) && was_recording)
+                cli::failure(pcap + ": " + strerror(recorder->error()) +
+                             "; nothing more is recorded");
+        });
     sim.start();
     printf("listening on %s\n", where.c_str());
 
@@ -72,7 +103,7 @@ int run(int argc, char** argv) {
     sigwait(&stop_signals, &signal);
     sim.stop();
     devsim::remove_links(sim, own_links);
-    return 0;
+    return recorder && recorder->error() != 0 ? 1 : 0;
 }
 
 } // namespace

@@ -1,4 +1,6 @@
-// The names of the frames of every protocol the emulator speaks, and their arguments as text.
+// The names of the frames of every protocol the emulator speaks, and their arguments as text. The
+// dissector (tools/wireshark/vlm.lua) keeps a table of its own with the same names; the dissector
+// stage of scripts/test checks the two row by row.
 #include "names.h"
 
 #include "model.h"

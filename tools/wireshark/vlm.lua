@@ -114,6 +114,8 @@ fields(p_s9p, link_fields("s9p", {
     s9p_id = ProtoField.string("vlm.s9p.id", "ID"),
     s9p_file = ProtoField.string("vlm.s9p.file", "File name"),
     s9p_selector = ProtoField.uint8("vlm.s9p.selector", "Selector", base.HEX),
+    s9p_sources = ProtoField.string("vlm.s9p.time_sources", "Time sources"),
+    s9p_user_bits = ProtoField.bytes("vlm.s9p.user_bits", "User bits"),
     s9p_section = ProtoField.uint8("vlm.s9p.section", "Menu section"),
     s9p_text = ProtoField.string("vlm.s9p.text", "Text"),
     s9p_ip = ProtoField.ipv4("vlm.s9p.ip", "IP address"),
@@ -170,6 +172,9 @@ fields(p_louth, link_fields("louth", {
     louth_mode = ProtoField.uint8("vlm.louth.mode", "Mode", base.HEX),
     louth_what = ProtoField.uint8("vlm.louth.what", "Asked for", base.HEX),
     louth_status = ProtoField.bytes("vlm.louth.status", "Status bytes"),
+    louth_ids = ProtoField.uint16("vlm.louth.ids", "IDs stored"),
+    louth_found = ProtoField.uint8("vlm.louth.found", "ID stored", base.DEC,
+        { [0] = "not stored", [1] = "stored" }),
 }))
 experts(p_louth, "vlm.louth", {
     malformed = malformed,
@@ -392,7 +397,9 @@ end
 -- One table of every Sony-family command: plain Sony 9-pin, the Odetics extensions and the
 -- server's own media commands. A row is found by CMD1 (a number for one data count, "4x" for any
 -- count of the group), CMD2 and, where it tells commands apart, the first data byte. `args`
--- decodes the command's data; `answer` the data of the answer to it.
+-- decodes the command's data; `answer` the data of the answer to it. A command has the name
+-- devsim's log gives it (tools/devsim/names.cpp keeps its own table, and the dissector stage
+-- checks that the two agree row by row).
 local catalogue = { exact = {}, group = {} }
 local function C(cmd1, cmd2, selector, name, args, answer)
     local key = cmd2 * 512 + (selector and selector + 1 or 0)
@@ -440,11 +447,19 @@ C(0x20, 0x30, nil, "PREROLL")
 C(0x20, 0x31, nil, "CUE UP")
 C(0x24, 0x31, nil, "CUE UP WITH DATA", "tc")
 C(0x20, 0x34, nil, "SYNC PLAY")
+C(0x21, 0x38, nil, "PROGRAM SPEED PLAY +", "speed")
+C(0x21, 0x39, nil, "PROGRAM SPEED PLAY -", "speed")
+C(0x20, 0x40, nil, "PREVIEW")
+C(0x20, 0x41, nil, "REVIEW")
+C(0x20, 0x42, nil, "AUTO EDIT")
+C(0x20, 0x43, nil, "OUTPOINT PREVIEW")
 C(0x20, 0x60, nil, "FULL EE OFF")
 C(0x20, 0x61, nil, "FULL EE ON")
 C(0x20, 0x63, nil, "SELECT EE ON")
 C(0x20, 0x64, nil, "EDIT OFF")
 C(0x20, 0x65, nil, "EDIT ON")
+C(0x20, 0x6A, nil, "FREEZE OFF")
+C(0x20, 0x6B, nil, "FREEZE ON")
 C(0x24, 0x9D, nil, "PRESET CURRENT FIELD", "field")
 C(0x2A, 0xAC, nil, "SAVE CLIP PARAMETERS", "clip_save")
 -- Device set-up.
@@ -455,18 +470,44 @@ C(0x34, 0x09, nil, "RESET", "text")
 -- Presets and selections.
 C(0x40, 0x00, nil, "CLOSED CAPTION OFF")
 C(0x40, 0x01, nil, "CLOSED CAPTION ON")
+C(0x44, 0x00, nil, "TIMER-1 PRESET", "tc")
 C(0x41, 0x03, nil, "CAPTION FOREGROUND", "value")
 C(0x41, 0x04, nil, "CAPTION BACKGROUND", "value")
+C(0x44, 0x04, nil, "TIME CODE PRESET", "tc")
 C(0x41, 0x05, nil, "VIDEO FORMAT", "value")
+C(0x44, 0x05, nil, "USER BITS PRESET", "hex")
 C(0x41, 0x06, nil, "VIDEO COLOR SPACE", "value")
 C(0x41, 0x07, nil, "VIDEO ASPECT RATIO", "value")
 C(0x41, 0x08, nil, "CAPTION GEOMETRY", "value")
 C(0x40, 0x10, nil, "IN ENTRY")
 C(0x40, 0x11, nil, "OUT ENTRY")
+C(0x40, 0x12, nil, "AUDIO IN ENTRY")
+C(0x40, 0x13, nil, "AUDIO OUT ENTRY")
+-- The edit points: a deck's timecode forms (44), and the Odetics forms with an ID (IN PRESET).
+C(0x44, 0x14, nil, "IN DATA PRESET", "tc")
 C("4x", 0x14, nil, "IN PRESET", "tc_id")
+C(0x44, 0x15, nil, "OUT DATA PRESET", "tc")
 C("4x", 0x15, nil, "OUT PRESET", "tc_or_none")
+C(0x44, 0x16, nil, "AUDIO IN DATA PRESET", "tc")
+C(0x44, 0x17, nil, "AUDIO OUT DATA PRESET", "tc")
+C(0x40, 0x18, nil, "IN SHIFT +")
+C(0x40, 0x19, nil, "IN SHIFT -")
+C(0x40, 0x1A, nil, "OUT SHIFT +")
+C(0x40, 0x1B, nil, "OUT SHIFT -")
+C(0x40, 0x1C, nil, "AUDIO IN SHIFT +")
+C(0x40, 0x1D, nil, "AUDIO IN SHIFT -")
+C(0x40, 0x1E, nil, "AUDIO OUT SHIFT +")
+C(0x40, 0x1F, nil, "AUDIO OUT SHIFT -")
 C(0x40, 0x20, nil, "IN RESET")
 C(0x40, 0x21, nil, "OUT RESET")
+C(0x40, 0x22, nil, "AUDIO IN RESET")
+C(0x40, 0x23, nil, "AUDIO OUT RESET")
+C(0x40, 0x24, nil, "IN RECALL")
+C(0x40, 0x25, nil, "OUT RECALL")
+C(0x40, 0x26, nil, "AUDIO IN RECALL")
+C(0x40, 0x27, nil, "AUDIO OUT RECALL")
+C("4x", 0x30, nil, "EDIT PRESET", "hex")
+C(0x44, 0x31, nil, "PREROLL TIME PRESET", "tc")
 C(0x41, 0x36, nil, "TIMER MODE SELECT", "value")
 C(0x40, 0x40, nil, "AUTO MODE OFF")
 C(0x40, 0x41, nil, "AUTO MODE ON")
@@ -485,9 +526,16 @@ C(0x40, 0xC3, nil, "MENU RECALL CURRENT")
 C(0x40, 0xC4, nil, "MENU RECALL FLASH")
 C(0x40, 0xC5, nil, "MENU PRESET DEFAULT")
 -- Senses, with the decoder of their answer.
-C(0x61, 0x0C, nil, "CURRENT TIME SENSE", "selector", "tc")
+C(0x61, 0x0C, nil, "CURRENT TIME SENSE", "time_select", "tc")
+C(0x61, 0x0C, 0x04, "CURRENT TIME SENSE", "selector", "tc") -- this system's: the position
+C(0x60, 0x10, nil, "IN DATA SENSE", nil, "tc")
+C(0x60, 0x11, nil, "OUT DATA SENSE", nil, "tc")
+C(0x60, 0x12, nil, "AUDIO IN DATA SENSE", nil, "tc")
+C(0x60, 0x13, nil, "AUDIO OUT DATA SENSE", nil, "tc")
 C(0x61, 0x20, nil, "STATUS SENSE", "status_range", "status")
+C(0x61, 0x21, nil, "EXTENDED STATUS SENSE", "status_range", "status")
 C(0x60, 0x2E, nil, "SPEED SENSE", nil, "speed")
+C(0x61, 0x30, nil, "EDIT PRESET SENSE", "value", "hex")
 C(0x60, 0x31, nil, "PREROLL TIME SENSE", nil, "tc")
 C(0x60, 0x33, nil, "SERVO REFERENCE SENSE", nil, "hex")
 C(0x60, 0x36, nil, "TIMER MODE SENSE", nil, "hex")
@@ -546,10 +594,24 @@ C(0xA8, 0x20, nil, "SET DEVICE ID", "bytes8")
 C(0xA0, 0x21, nil, "DEVICE ID REQUEST", nil, "bytes8")
 -- Answers known without their request.
 C("7x", 0x20, nil, "STATUS DATA", "status")
+C("7x", 0x21, nil, "EXTENDED STATUS DATA", "status")
 C(0x74, 0x00, nil, "TIMER-1 DATA", "tc")
 C(0x74, 0x01, nil, "TIMER-2 DATA", "tc")
 C(0x74, 0x04, nil, "LTC TIME DATA", "tc")
+C(0x74, 0x05, nil, "LTC USER BITS DATA", "hex")
 C(0x74, 0x06, nil, "VITC TIME DATA", "tc")
+C(0x74, 0x07, nil, "VITC USER BITS DATA", "hex")
+C(0x78, 0x04, nil, "LTC TIME AND USER BITS DATA", "tc_ub")
+C(0x78, 0x06, nil, "VITC TIME AND USER BITS DATA", "tc_ub")
+C(0x74, 0x14, nil, "CORRECTED LTC TIME DATA", "tc")
+C(0x78, 0x14, nil, "CORRECTED LTC TIME AND USER BITS DATA", "tc_ub")
+C(0x74, 0x16, nil, "HOLD VITC TIME DATA", "tc")
+C(0x78, 0x16, nil, "HOLD VITC TIME AND USER BITS DATA", "tc_ub")
+C(0x74, 0x10, nil, "IN DATA", "tc")
+C(0x74, 0x11, nil, "OUT DATA", "tc")
+C(0x74, 0x12, nil, "AUDIO IN DATA", "tc")
+C(0x74, 0x13, nil, "AUDIO OUT DATA", "tc")
+C(0x74, 0x31, nil, "PREROLL TIME DATA", "tc")
 C(0x88, 0x14, nil, "FIRST ID", "id")
 C(0x88, 0x15, nil, "NEXT ID", "id")
 C(0x80, 0x14, nil, "END OF ID LIST")
@@ -605,6 +667,12 @@ function sony_args.steps(t, d, n)
 end
 function sony_args.tc(t, d, n)
     if fits(t, n, 4) then return s9p_tc(t, d) end
+end
+-- A timecode, then four bytes of user bits.
+function sony_args.tc_ub(t, d, n)
+    if not fits(t, n, 8) then return end
+    t:add(F.s9p_user_bits, d(4, 4))
+    return s9p_tc(t, d(0, 4)) .. " user bits " .. hex(d(4, 4))
 end
 function sony_args.tc2(t, d, n)
     if fits(t, n, 8) then return s9p_tc(t, d(0, 4)) .. " " .. s9p_tc(t, d(4, 4)) end
@@ -664,6 +732,20 @@ end
 function sony_args.selector(t, d, n)
     if not fits(t, n, 1) then return end
     t:add(F.s9p_selector, d(0, 1))
+end
+-- The current time sense's sources, one a bit: "LTC+VITC".
+local time_sources = { "LTC", "VITC", "TIMER-1", "TIMER-2", "LTC UB", "VITC UB" }
+function sony_args.time_select(t, d, n)
+    if not fits(t, n, 1) then return end
+    local names = {}
+    for i, source in ipairs(time_sources) do
+        if band(d(0, 1):uint(), 2 ^ (i - 1)) ~= 0 then names[#names + 1] = source end
+    end
+    t:add(F.s9p_selector, d(0, 1))
+    if #names == 0 then return hex(d) end
+    local text = table.concat(names, "+")
+    t:add(F.s9p_sources, d(0, 1), text)
+    return text
 end
 function sony_args.selector_value(t, d, n)
     if not fits(t, n, 2) then return end
@@ -787,8 +869,8 @@ local function dissect_s9p(range, pinfo, tree, conversation, tunnelled)
         local asked = record.request and record.request.what
         local request = asked and lookup(asked.cmd1, asked.cmd2, asked.data0) or
             sense_for_answer(group, cmd2, data0)
-        if row then
-            name, args = row.name, (request and request.answer) or row.args
+        if row then -- an answer of its own form: its row decodes it (timecode, user bits ...)
+            name, args = row.name, row.args
         elseif request then
             name, args = answer_name(request.name), request.answer or "hex"
         end
@@ -831,7 +913,8 @@ end
 ------------------------------------------------------------------ Louth frames
 
 -- Louth (VDCP) commands by command type (CMD1's high nibble) and CMD2, with the name and decoder
--- of the answer frame (CMD2 with bit 7 set) where the command is answered by one.
+-- of the answer frame (CMD2 with bit 7 set) where the command is answered by one; the public
+-- names, as devsim's log prints them.
 local louth_catalogue = {}
 local function L(kind, cmd2, name, args, answer, answer_args)
     louth_catalogue[kind * 256 + cmd2] = { name = name, args = args, answer = answer,
@@ -840,25 +923,30 @@ end
 L(0x1, 0x00, "STOP")
 L(0x1, 0x01, "PLAY")
 L(0x1, 0x02, "RECORD")
+L(0x1, 0x03, "FREEZE")
 L(0x1, 0x04, "STILL")
 L(0x1, 0x05, "STEP")
 L(0x1, 0x06, "CONTINUE")
 L(0x1, 0x07, "JOG", "jog")
 L(0x1, 0x08, "VARIABLE PLAY", "var")
+L(0x1, 0x09, "UNFREEZE")
 L(0x1, 0x0A, "EE MODE", "mode")
+L(0x2, 0x21, "CLOSE PORT", "port")
 L(0x2, 0x22, "SELECT PORT", "port")
 L(0x2, 0x23, "RECORD INIT", "id_tcs")
 L(0x2, 0x24, "PLAY CUE", "id")
 L(0x2, 0x25, "CUE WITH DATA", "id_tcs")
-L(0x2, 0x26, "ERASE ID", "id")
-L(0x2, 0x29, "ERASE ALL")
+L(0x2, 0x26, "DELETE ID", "id")
+L(0x2, 0x29, "CLEAR")
 L(0x3, 0x01, "OPEN PORT", "open", "PORT GRANT", "granted")
-L(0x3, 0x02, "NEXT ID", nil, "NEXT ID", "id_list")
-L(0x3, 0x05, "STATUS REQUEST", "what", "STATUS", "status")
+L(0x3, 0x02, "NEXT", nil, "NEXT ID", "id_list")
+L(0x3, 0x05, "PORT STATUS REQUEST", "what", "PORT STATUS", "status")
 L(0x3, 0x06, "POSITION REQUEST", "what", "POSITION", "position")
 L(0x3, 0x07, "ACTIVE ID REQUEST", nil, "ACTIVE ID", "active_id")
-L(0x3, 0x11, "FIRST ID", nil, "FIRST ID", "id_list")
+L(0x3, 0x10, "SYSTEM STATUS REQUEST", "hex", "SYSTEM STATUS", "system_status")
+L(0x3, 0x11, "ID LIST", nil, "ID LIST", "id_list")
 L(0x3, 0x14, "ID SIZE REQUEST", "id", "ID SIZE", "tc")
+L(0x3, 0x16, "ID REQUEST", "id", "ID", "found")
 
 local LH = argument_helpers("louth")
 local louth_warning, louth_fits, louth_tc, louth_id = LH.warning, LH.fits, LH.tc, LH.id
@@ -948,6 +1036,19 @@ function louth_args.active_id(t, d, n)
 end
 function louth_args.tc(t, d, n)
     if louth_fits(t, n, 4) then return louth_tc(t, d) end
+end
+-- The IDs stored (two bytes), then the storage left as a timecode.
+function louth_args.system_status(t, d, n)
+    if not louth_fits(t, n, 6) then return end
+    t:add(F.louth_ids, d(0, 2))
+    local ids = d(0, 2):uint()
+    return string.format("%d ID%s, %s left", ids, ids == 1 and "" or "s", louth_tc(t, d(2, 4)))
+end
+-- Whether the ID asked for is stored: 1 or 0.
+function louth_args.found(t, d, n)
+    if not louth_fits(t, n, 1) then return end
+    t:add(F.louth_found, d(0, 1))
+    return d(0, 1):uint() == 1 and "stored" or "not stored"
 end
 
 local louth_links = new_links()
