@@ -44,6 +44,9 @@ std::string fileText(const std::string& path) {
 std::string enterFreshNetworkNamespace() {
     if (unshare(CLONE_NEWNET) != 0)
         return failure("unshare(CLONE_NEWNET)");
+    // The daemon's fixed ports (32896, 42000-42002) lie in the range the system gives to sockets
+    // that send without binding first; in this namespace that range starts above them.
+    std::ofstream("/proc/sys/net/ipv4/ip_local_port_range") << "43000 60999\n";
     return std::system("ip link set lo up") == 0 ? "" : "could not bring loopback up";
 }
 
