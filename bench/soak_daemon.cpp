@@ -4,10 +4,13 @@
 // cycles through answering, NAKs, late answers, garbage, silence, a closed port and restarts. At
 // the end every change, request and datagram is accounted for, and the daemon's memory,
 // descriptors and CPU per poll are compared between the first and the last tenth of the run.
-#include "devsim.h"
+#include <devsim/devsim.h>
 #include "harness.h"
-#include "sdiboard.h"
+#include <sdiboard/sdiboard.h>
 #include "soak_figures.h"
+
+#include <cli.h>
+#include <values.h>
 
 #include <algorithm>
 #include <atomic>
@@ -1000,6 +1003,19 @@ void reportOutages(const std::vector<Episode>& episodes, const GpiCheck& gpi,
     }
 }
 
+[[noreturn]] void usageExit() {
+    fputs(kUsage, stderr);
+    exit(2);
+}
+
+long numberArgument(const char* text) {
+    try {
+        return static_cast<long>(cli::integer(text, 0, INT32_MAX, "argument"));
+    } catch (const cli::Refused&) {
+        usageExit();
+    }
+}
+
 struct Options {
     double seconds = 0;
     unsigned seed = 1;
@@ -1016,21 +1032,21 @@ Options parse(int argc, char** argv) {
             fputs(kUsage, stdout);
             exit(0);
         } else if (arg == "--seed" && hasValue) {
-            o.seed = static_cast<unsigned>(number_argument(argv[++i], kUsage));
+            o.seed = static_cast<unsigned>(numberArgument(argv[++i]));
         } else if (arg == "--phase-ms" && hasValue) {
-            o.phaseMs = static_cast<int>(number_argument(argv[++i], kUsage));
+            o.phaseMs = static_cast<int>(numberArgument(argv[++i]));
         } else if (arg == "--wrap" && hasValue) {
             std::istringstream words(argv[++i]);
             for (std::string w; words >> w;)
                 o.wrapper.push_back(w);
         } else if (o.seconds == 0 && arg[0] != '-') {
-            o.seconds = static_cast<double>(number_argument(arg.c_str(), kUsage));
+            o.seconds = static_cast<double>(numberArgument(arg.c_str()));
         } else {
-            usage_exit(kUsage);
+            usageExit();
         }
     }
     if (o.seconds < 20 || o.phaseMs < 0 || (o.phaseMs > 0 && o.phaseMs < 200))
-        usage_exit(kUsage); // shorter runs leave the tenths too short to compare
+        usageExit(); // shorter runs leave the tenths too short to compare
     if (o.phaseMs == 0)
         o.phaseMs = o.seconds <= 300 ? 1000 : 3000;
     return o;
