@@ -93,7 +93,7 @@ std::string ProcWatch::criterion() {
     return text;
 }
 
-Verdict ProcWatch::verdict(double runSeconds, const char* workName) const {
+Verdict ProcWatch::verdict(double runSeconds, const char* workName, bool judgeCpu) const {
     const Tenth a = summarise(samples_, 0, runSeconds / 10);
     const Tenth b = summarise(samples_, runSeconds * 0.9, runSeconds + 1);
     Verdict v;
@@ -116,7 +116,7 @@ Verdict ProcWatch::verdict(double runSeconds, const char* workName) const {
         why << "resident memory grew; ";
     if (b.privateKb - a.privateKb > kMemoryNoiseKb)
         why << "private memory grew; ";
-    if (b.cpuMsPerWork > a.cpuMsPerWork * kCpuGrowth + kCpuNoiseMs)
+    if (judgeCpu && b.cpuMsPerWork > a.cpuMsPerWork * kCpuGrowth + kCpuNoiseMs)
         why << "CPU per " << workName << " grew; ";
     v.why = why.str();
     v.flat = v.why.empty();
