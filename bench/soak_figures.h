@@ -18,7 +18,7 @@ struct ProcSample {
     long privateKb = 0; // pages this process wrote (heap, stack, data): Private_Dirty. Clean
                         // pages count as private whenever no other process maps them: not them
     long fds = 0;       // entries of /proc/PID/fd
-    double cpuMs = 0;   // time on a CPU, from /proc/PID/schedstat
+    double cpuMs = 0;   // time on a CPU of all its threads, from /proc/PID/task/*/schedstat
     uint64_t work = 0;
 };
 
