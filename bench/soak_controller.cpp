@@ -307,6 +307,7 @@ struct Stats {
     double worstOvershootMs = -1e9;
     std::string worstAt;
     double slowestAnswerMs = 0;
+    double cpuMs = 0; // the calls' own, on their thread
     unsigned recovered = 0, lateRecoveries = 0, stuck = 0;
     unsigned reconnects = 0, refusedConnects = 0;
     double longestReconnectMs = 0;
@@ -365,6 +366,7 @@ class Worker {
         last_.code = zqhandler_get_last_err(h);
         ++opCalls_;
         ++stats_.calls;
+        stats_.cpuMs += last_.cpuMs;
         ++totalCalls;
         if (last_.rc >= 0 && last_.code != S9P_ERR_NONE)
             staleCode_ = true;
@@ -1114,14 +1116,16 @@ int soakRun(const Options& options) {
                 "%s: %llu calls in %llu operations: %llu answered as they should, %llu met their "
                 "fault as they should\n"
                 "  %u faults (%s; on %s operations)\n"
-                "  worst time-out overshoot %.1f ms (%s); slowest answer %.1f ms\n"
+                "  worst time-out overshoot %.1f ms (%s); slowest answer %.1f ms; CPU %.3f ms "
+                "a call\n"
                 "  %u calls while the server was away or on the link it closed, failed as "
                 "silence does\n"
                 "  after the fault had passed: %u recovered at the next call, %u later, %u stuck\n",
                 name, (unsigned long long)s.calls, (unsigned long long)s.operations,
                 (unsigned long long)s.answered, (unsigned long long)s.failedAsAsked, injected,
                 faultList(s.faults).c_str(), kinds.c_str(), s.worstOvershootMs, s.worstAt.c_str(),
-                s.slowestAnswerMs, s.awayCalls, s.recovered, s.lateRecoveries, s.stuck);
+                s.slowestAnswerMs, s.calls ? s.cpuMs / static_cast<double>(s.calls) : 0.0,
+                s.awayCalls, s.recovered, s.lateRecoveries, s.stuck);
         if (w->link() == LinkId::tcp)
             fprintf(out,
                     "  connected again %u times after the server closed the link (%u connects "
