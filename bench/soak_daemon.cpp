@@ -4,12 +4,12 @@
 // cycles through answering, NAKs, late answers, garbage, silence, a closed port and restarts. At
 // the end every change, request and datagram is accounted for, and the daemon's memory,
 // descriptors and CPU per poll are compared between the first and the last tenth of the run.
-#include <devsim/devsim.h>
 #include "harness.h"
-#include <sdiboard/sdiboard.h>
 #include "soak_figures.h"
 
 #include <cli.h>
+#include <devsim/devsim.h>
+#include <sdiboard/sdiboard.h>
 #include <values.h>
 
 #include <algorithm>
@@ -1003,19 +1003,6 @@ void reportOutages(const std::vector<Episode>& episodes, const GpiCheck& gpi,
     }
 }
 
-[[noreturn]] void usageExit() {
-    fputs(kUsage, stderr);
-    exit(2);
-}
-
-long numberArgument(const char* text) {
-    try {
-        return static_cast<long>(cli::integer(text, 0, INT32_MAX, "argument"));
-    } catch (const cli::Refused&) {
-        usageExit();
-    }
-}
-
 struct Options {
     double seconds = 0;
     unsigned seed = 1;
@@ -1024,29 +1011,29 @@ struct Options {
 };
 
 Options parse(int argc, char** argv) {
+    static constexpr cli::Option kKnown[] = {
+        {"help", 0, false}, {"seed", 0, true}, {"phase-ms", 0, true}, {"wrap", 0, true}};
+    const cli::CommandLine line = cli::parse(argc, argv, kKnown);
     Options o;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        const bool hasValue = i + 1 < argc;
-        if (arg == "--help") {
+    for (const cli::CommandLine::Given& given : line.options) {
+        const std::string_view name = given.option->name;
+        if (name == "help") {
             fputs(kUsage, stdout);
             exit(0);
-        } else if (arg == "--seed" && hasValue) {
-            o.seed = static_cast<unsigned>(numberArgument(argv[++i]));
-        } else if (arg == "--phase-ms" && hasValue) {
-            o.phaseMs = static_cast<int>(numberArgument(argv[++i]));
-        } else if (arg == "--wrap" && hasValue) {
-            std::istringstream words(argv[++i]);
+        } else if (name == "seed") {
+            o.seed = static_cast<unsigned>(cli::integer(given.value, 0, UINT32_MAX, "--seed"));
+        } else if (name == "phase-ms") {
+            o.phaseMs = static_cast<int>(cli::integer(given.value, 200, 3600000, "--phase-ms"));
+        } else {
+            std::istringstream words(given.value);
             for (std::string w; words >> w;)
                 o.wrapper.push_back(w);
-        } else if (o.seconds == 0 && arg[0] != '-') {
-            o.seconds = static_cast<double>(numberArgument(arg.c_str()));
-        } else {
-            usageExit();
         }
     }
-    if (o.seconds < 20 || o.phaseMs < 0 || (o.phaseMs > 0 && o.phaseMs < 200))
-        usageExit(); // shorter runs leave the tenths too short to compare
+    if (line.words.size() != 1)
+        throw cli::Refused("give the run's length in seconds, once");
+    // Shorter runs leave the tenths too short to compare.
+    o.seconds = static_cast<double>(cli::integer(line.words[0], 20, 366 * 86400, "SECONDS"));
     if (o.phaseMs == 0)
         o.phaseMs = o.seconds <= 300 ? 1000 : 3000;
     return o;
@@ -1073,7 +1060,12 @@ std::string ms(Clock::duration d) {
 } // namespace
 
 int main(int argc, char** argv) {
-    const Options options = parse(argc, argv);
+    Options options;
+    if (const int status = cli::run("soak_daemon", [&] {
+            options = parse(argc, argv);
+            return 0;
+        }))
+        return status;
     if (geteuid() != 0) {
         fprintf(stderr, "soak_daemon: needs root for a network namespace of its own\n");
         return 77;
