@@ -63,7 +63,12 @@ ZQ_API void zqhandler_delete(t_zqhandler* zqh);
  * An address that is not four numbers, a socket that cannot be opened or, for TCP, a connection
  * refused give S9P_INVAL_ARG. The UDP socket is neither bound nor connected: every datagram names
  * the peer, and an answer from another address becomes the peer. The TCP connect blocks until the
- * system accepts or refuses it; the stream sends each message at once (TCP_NODELAY). */
+ * system accepts or refuses it; the stream sends each message at once (TCP_NODELAY).
+ * A closed stream is not told from a silent server: after the server closes it (a restart, say)
+ * the first exchanges on it wait out their time-out (S9P_RCV_TIMEOUT) and later ones fail at the
+ * send (S9P_ERR_SYSTEM), until zqhandler_connect_tcp connects the handle again. A datagram or
+ * serial handle needs no new connect after a server restart: its exchanges succeed again as soon
+ * as the server answers. */
 ZQ_API int zqhandler_connect_serial(t_zqhandler* zqh, const char* device);
 ZQ_API int zqhandler_connect_eth(t_zqhandler* zqh, const char* address, const char* port);
 ZQ_API int zqhandler_connect_tcp(t_zqhandler* zqh, const char* address, const char* port);
