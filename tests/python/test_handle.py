@@ -18,8 +18,7 @@ def decks():
     server = Devsim(*CLIPS)
     handles = {link: server.connect(link) for link in LINKS}
     yield handles
-    for handle in handles.values():
-        handle.close()
+    list(map(Handle.close, handles.values()))
     server.stop()
 
 
