@@ -39,7 +39,11 @@ class Handle:
     raises HandleClosed at every call. One thread at a time may use a handle; each call blocks
     for one exchange (the library releases the interpreter lock meanwhile).
 
-    Every failure raises an exception of zqhandler.errors (a subclass of zqhandler.Error).
+    Every failure raises an exception of zqhandler.errors (a subclass of zqhandler.Error). The
+    library itself writes a few lines: some operations print one on the C standard output when
+    the device's answer is not the one they need (set_loop_mode, set_timer_mode,
+    preset_current_field, the media queries), the transfers trace their failures on standard
+    error (zqhandler.set_trace_level(0) quiets that).
     Views: `odetics` (clips by ID), `media` (the server's media queries), `louth` (the Louth
     operations), `transfer` (TCP: version, disk information, file entries, GOPs) and
     `management` (UDP management endpoint: log, disk information, pictures).
