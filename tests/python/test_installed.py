@@ -21,15 +21,18 @@ def user_env(tmp_path_factory):
     return {**kept, "PYTHONPATH": str(prefix / "lib/python3/dist-packages"), "PREFIX": str(prefix)}
 
 
-def test_a_fresh_interpreter_imports_the_installed_package_and_its_library(user_env, tmp_path):
+@pytest.mark.parametrize("named", [None, BUILD / "lib/zqhandler/libzqhandler.so.0"])
+def test_a_fresh_interpreter_imports_the_installed_package_and_its_library(user_env, tmp_path,
+                                                                          named):
     script = ("import zqhandler as z, os; print(os.path.realpath(z.__file__)); "
               "print(os.path.realpath(z._lib.path)); print(z.timecode.from_frames(107892, 30, 1))")
-    said = subprocess.run(["/usr/bin/python3", "-c", script], env=user_env, cwd=tmp_path,
+    env = {**user_env, "ZQHANDLER_LIBRARY": str(named)} if named else user_env
+    said = subprocess.run(["/usr/bin/python3", "-c", script], env=env, cwd=tmp_path,
                           capture_output=True, text=True, check=True).stdout.splitlines()
     prefix = os.path.realpath(user_env["PREFIX"])
     assert said[0] == os.path.join(prefix, "lib/python3/dist-packages/zqhandler/__init__.py")
-    assert said[1].startswith(os.path.join(prefix, "lib/libzqhandler.so.0"))
-    assert said[2] == "01:00:00;00"
+    library = os.path.realpath(named) if named else os.path.join(prefix, "lib/libzqhandler.so.0")
+    assert said[1].startswith(library) and said[2] == "01:00:00;00"
 
 
 def test_cue_and_play_cues_the_clip_and_plays_it(devsim, user_env):
