@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <optional>
 #include <toolkit.h>
 
 namespace devsim {
@@ -84,152 +85,154 @@ int clip_number(std::span<const uint8_t> d) {
     return from_bcd(d[0]) * 100 + from_bcd(d[1]);
 }
 
-// The text of `d` read as `args`; the bytes in hex when they do not have its form.
-std::string args_text(Args args, std::span<const uint8_t> d) {
+// What a decoder makes of data of its form; nothing for data of another form, which the log then
+// shows in hex.
+using Text = std::optional<std::string>;
+
+template <typename F> Text when(bool has_form, F text) {
+    return has_form ? Text(text()) : std::nullopt;
+}
+
+std::string tc_at(std::span<const uint8_t> d, size_t at) {
+    return bcd_text(d.data() + at);
+}
+
+std::string id_at(std::span<const uint8_t> d, size_t at) {
+    return text_of(d.subspan(at, 8));
+}
+
+// Timecodes, IDs and text.
+Text time_and_id_text(Args args, std::span<const uint8_t> d) {
     const size_t n = d.size();
-    auto tc = [&](size_t at) { return bcd_text(d.data() + at); };
-    auto id = [&](size_t at) { return text_of(d.subspan(at, 8)); };
     switch (args) {
-    case A::none:
-        return n == 0 ? "" : hex_of(d);
-    case A::tc_or_none:
-        if (n == 0)
-            return "";
-        [[fallthrough]];
     case A::tc:
-        if (n == 4)
-            return tc(0);
-        break;
+        return when(n == 4, [&] { return tc_at(d, 0); });
+    case A::tc_or_none:
+        return when(n == 0 || n == 4, [&] { return n == 0 ? "" : tc_at(d, 0); });
     case A::tc2:
-        if (n == 8)
-            return tc(0) + " " + tc(4);
-        break;
+        return when(n == 8, [&] { return tc_at(d, 0) + " " + tc_at(d, 4); });
     case A::tc_id:
-        if (n == 0 || n == 4 || n == 8 || n == 12)
-            return n == 0 ? "" : n == 4 ? tc(0) : n == 8 ? id(0) : tc(0) + " " + id(4);
-        break;
+        return when(n == 0 || n == 4 || n == 8 || n == 12, [&] {
+            return n == 0   ? ""
+                   : n == 4 ? tc_at(d, 0)
+                   : n == 8 ? id_at(d, 0)
+                            : tc_at(d, 0) + " " + id_at(d, 4);
+        });
     case A::tc_ub:
-        if (n == 8)
-            return tc(0) + " user bits " + hex_of(d.subspan(4));
-        break;
+        return when(n == 8, [&] { return tc_at(d, 0) + " user bits " + hex_of(d.subspan(4)); });
+    case A::position:
+        return when(n == 5, [&] { return tc_at(d, 1); });
     case A::id:
     case A::id_list:
-        if (n == 8)
-            return id(0);
-        break;
-    case A::speed:
-        if (n == 1)
-            return format("speed %lld (%lld%% of play)", d[0],
-                          std::lround(100 * std::pow(10.0, d[0] / 32.0 - 2)));
-        break;
-    case A::steps:
-        if (n <= 1)
-            return n == 0 ? "" : format("%lld frames", d[0]);
-        break;
+        return when(n == 8, [&] { return id_at(d, 0); });
+    case A::selector_id:
+        return when(n == 9, [&] { return id_at(d, 1); });
+    case A::id_tcs:
+        return when(n == 8 || n == 16, [&] {
+            return id_at(d, 0) + (n == 16 ? " " + tc_at(d, 8) + " " + tc_at(d, 12) : "");
+        });
+    case A::file:
+        return when(n == 1 || n == 9, [&] { return n == 1 ? "" : text_of(d.subspan(1)); });
+    case A::active_id:
+        return when(n >= 1, [&] { return text_of(d.subspan(1)); });
+    case A::text:
+        return text_of(d);
+    default:
+        return std::nullopt;
+    }
+}
+
+// Numbers: values, speeds, counts, clips, menu sections, ports.
+Text number_text(Args args, std::span<const uint8_t> d) {
+    const size_t n = d.size();
+    switch (args) {
     case A::value:
     case A::mode:
     case A::granted:
     case A::found:
-        if (n == 1)
-            return std::to_string(d[0]);
-        break;
+        return when(n == 1, [&] { return std::to_string(d[0]); });
     case A::flag:
-        if (n == 1)
-            return d[0] ? "on" : "off";
-        break;
+        return when(n == 1, [&] { return d[0] ? "on" : "off"; });
     case A::field:
-        if (n == 4)
-            return std::to_string(be32(d.data()));
-        break;
+        return when(n == 4, [&] { return std::to_string(be32(d.data())); });
+    case A::speed:
+        return when(n == 1, [&] {
+            return format("speed %lld (%lld%% of play)", d[0],
+                          std::lround(100 * std::pow(10.0, d[0] / 32.0 - 2)));
+        });
+    case A::steps:
+        return when(n <= 1, [&] { return n == 0 ? "" : format("%lld frames", d[0]); });
     case A::clip:
-        if (n == 2)
-            return format("clip %lld", clip_number(d));
-        break;
+        return when(n == 2, [&] { return format("clip %lld", clip_number(d)); });
     case A::clips:
-        if (n == 4)
+        return when(n == 4, [&] {
             return format("clips %lld %lld", clip_number(d), clip_number(d.subspan(2)));
-        break;
+        });
     case A::clip_save:
-        if (n == 10)
+        return when(n == 10, [&] {
             return format("clip %lld", clip_number(d)) +
                    format(" values %lld %lld", be32(&d[2]), be32(&d[6]));
-        break;
-    case A::text:
-        return text_of(d);
-    case A::time_select:
-        if (n == 1)
-            return d[0] & 0x3F ? names_of_bits(d[0], kTimeSources, 6, "+") : hex_of(d);
-        break;
-    case A::status_range:
-        if (n == 1)
-            return format("bytes %lld to %lld", d[0] >> 4, (d[0] >> 4) + (d[0] & 0x0F) - 1);
-        break;
-    case A::nak:
-        if (n == 1)
-            return d[0] ? names_of_bits(d[0], kNakBits, 8, ", ") : "no error bits";
-        break;
-    case A::selector:
-        if (n == 1)
-            return "";
-        break;
-    case A::selector_id:
-        if (n == 9)
-            return id(1);
-        break;
-    case A::file:
-        if (n == 1 || n == 9)
-            return n == 1 ? "" : text_of(d.subspan(1));
-        break;
-    case A::gpi:
-        if (n == 3)
-            return "transitions " + hex_of(d.subspan(1, 1)) + " levels " + hex_of(d.subspan(2));
-        break;
+        });
     case A::section:
-        if (n == 1)
-            return format("section %lld", d[0]);
-        break;
+        return when(n == 1, [&] { return format("section %lld", d[0]); });
     case A::section_bytes:
-        if (n >= 1)
+        return when(n >= 1, [&] {
             return format("section %lld", d[0]) + (n > 1 ? " " + hex_of(d.subspan(1)) : "");
-        break;
+        });
     case A::selector_value:
-        if (n == 2)
-            return std::to_string(d[1]);
-        break;
+        return when(n == 2, [&] { return std::to_string(d[1]); });
     case A::port:
-        if (n == 1)
-            return format("port %lld", d[0] & 0x80 ? -(d[0] & 0x7F) : d[0]);
-        break;
+        return when(n == 1,
+                    [&] { return format("port %lld", d[0] & 0x80 ? -(d[0] & 0x7F) : d[0]); });
     case A::open_port:
-        if (n == 2)
-            return args_text(A::port, d.first(1)) + (d[1] ? " locked" : "");
-        break;
-    case A::id_tcs:
-        if (n == 8 || n == 16)
-            return id(0) + (n == 16 ? " " + tc(8) + " " + tc(12) : "");
-        break;
+        return when(n == 2,
+                    [&] { return *number_text(A::port, d.first(1)) + (d[1] ? " locked" : ""); });
     case A::jog:
-        if (n == 1 || n == 4)
+        return when(n == 1 || n == 4, [&] {
             return format("%lld frames", n == 1 ? static_cast<int8_t>(d[0]) : signed_be32(d));
-        break;
+        });
     case A::var:
-        if (n == 3)
+        return when(n == 3, [&] {
             return format("speed %lld + %lld/256", static_cast<int8_t>(d[0]), d[1]);
-        break;
-    case A::position:
-        if (n == 5)
-            return tc(1);
-        break;
-    case A::active_id:
-        if (n >= 1)
-            return text_of(d.subspan(1));
-        break;
-    case A::hex:
-    case A::status:
-    case A::what:
-    case A::system_status:
-        break;
+        });
+    default:
+        return std::nullopt;
     }
+}
+
+// Bits and selectors.
+Text bits_text(Args args, std::span<const uint8_t> d) {
+    const size_t n = d.size();
+    switch (args) {
+    case A::nak:
+        return when(n == 1, [&] {
+            return d[0] ? names_of_bits(d[0], kNakBits, 8, ", ") : "no error bits";
+        });
+    case A::time_select:
+        return when(n == 1, [&] {
+            return d[0] & 0x3F ? names_of_bits(d[0], kTimeSources, 6, "+") : hex_of(d);
+        });
+    case A::status_range:
+        return when(n == 1, [&] {
+            return format("bytes %lld to %lld", d[0] >> 4, (d[0] >> 4) + (d[0] & 0x0F) - 1);
+        });
+    case A::gpi:
+        return when(n == 3, [&] {
+            return "transitions " + hex_of(d.subspan(1, 1)) + " levels " + hex_of(d.subspan(2));
+        });
+    case A::selector: // the row's name tells what it selects
+        return when(n == 1, [] { return ""; });
+    default:
+        return std::nullopt;
+    }
+}
+
+// The text of `d` read as `args`: the bytes in hex for the kinds read as hex (none with data,
+// hex, status ...) and for data of another form than its kind's.
+std::string args_text(Args args, std::span<const uint8_t> d) {
+    for (auto family : {time_and_id_text, number_text, bits_text})
+        if (Text text = family(args, d))
+            return *text;
     return hex_of(d);
 }
 
