@@ -1064,7 +1064,8 @@ void measure(soak::ProcWatch& controller, soak::ProcWatch& server, Clock::time_p
         controller.sample(at, totalCalls);
         server.sample(at, totalCalls);
     };
-    for (auto next = runStart; Clock::now() < runEnd; next += std::chrono::milliseconds(kSampleMs)) {
+    for (auto next = runStart; Clock::now() < runEnd;
+         next += std::chrono::milliseconds(kSampleMs)) {
         sampleBoth();
         std::this_thread::sleep_until(
             std::min(next + std::chrono::milliseconds(kSampleMs), runEnd));
@@ -1110,8 +1111,8 @@ void reportLink(FILE* out, const Worker& w) {
                 "S9P_ERR_SYSTEM at once; %u stalls survived with %llu keep-alives\n",
                 s.reconnects, s.refusedConnects, s.longestReconnectMs, s.closedLinkCalls,
                 s.closedLinkCalls ? s.closedLinkMs / s.closedLinkCalls : 0.0,
-                s.closedLinkCalls ? s.closedLinkCpuMs / s.closedLinkCalls : 0.0,
-                s.stallsSurvived, (unsigned long long)s.keepAlives);
+                s.closedLinkCalls ? s.closedLinkCpuMs / s.closedLinkCalls : 0.0, s.stallsSurvived,
+                (unsigned long long)s.keepAlives);
     for (const auto& p : s.shown)
         fprintf(out, "  PROBLEM: %s\n", p.c_str());
     if (s.problems > s.shown.size())
@@ -1160,7 +1161,8 @@ bool reportEnd(FILE* out, const Captured& captured, const Totals& t, const Optio
     std::string verdictText = "passed";
     if (t.problems || t.stuck || !verdict.flat)
         verdictText =
-            "FAILED:" + std::string(t.problems ? " " + std::to_string(t.problems) + " problems;" : "") +
+            "FAILED:" +
+            std::string(t.problems ? " " + std::to_string(t.problems) + " problems;" : "") +
             (verdict.flat ? "" : " not flat: " + verdict.why);
     fprintf(out,
             "soak controller %.0f s: calls %s; %llu faults injected; worst time-out overshoot "

@@ -39,7 +39,7 @@ class NetNamespace {
     NetNamespace(const NetNamespace&) = delete;
     NetNamespace& operator=(const NetNamespace&) = delete;
     const std::string& error() const { return error_; } // "" when the namespace is up
-    int fd() const { return fd_; }                       // -1 when it is not
+    int fd() const { return fd_; }                      // -1 when it is not
     // Runs `f` with the calling thread inside the namespace (a socket made there stays there),
     // then moves it back; false when it could not enter.
     bool inside(const std::function<void()>& f) const;
