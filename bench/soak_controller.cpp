@@ -39,16 +39,17 @@ using Clock = std::chrono::steady_clock;
 using devsim::Bytes;
 
 constexpr const char* kUsage =
-    "usage: soak_controller SECONDS [--timeout-ms MS] [--gap N] [--rate N] [--margin-ms MS]\n"
-    "  SECONDS       length of the measured run, 20 or more (one round of every fault on each\n"
-    "                link comes first, as a warm-up)\n"
-    "  --timeout-ms  the handles' time-out (default 200)\n"
-    "  --gap N       operations between two faults on a link (default 10)\n"
-    "  --rate N      calls a second at most on each link (default 200)\n"
-    "  --margin-ms   what a failed call may take beyond its time-out and its link's own step\n"
-    "                (default 100: scheduling on a loaded machine)\n"
-    "Exit status 0 when every call gave what it should in time, no handle stuck and the\n"
-    "controller stayed flat; 1 otherwise; 2 on a usage error.\n";
+    R"(usage: soak_controller SECONDS [--timeout-ms MS] [--gap N] [--rate N] [--margin-ms MS]
+  SECONDS       length of the measured run, 20 or more (one round of every fault on each
+                link comes first, as a warm-up)
+  --timeout-ms  the handles' time-out (default 200)
+  --gap N       operations between two faults on a link (default 10)
+  --rate N      calls a second at most on each link (default 200)
+  --margin-ms   what a failed call may take beyond its time-out and its link's own step
+                (default 100: scheduling on a loaded machine)
+Exit status 0 when every call gave what it should in time, no handle stuck and the
+controller stayed flat; 1 otherwise; 2 on a usage error.
+)";
 
 constexpr int kRawWaitMs = 5000;  // the library's wait for a transfer's raw bytes
 constexpr int kRestartMs = 1000;  // how long a restarting server is away

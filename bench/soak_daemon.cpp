@@ -49,16 +49,16 @@ using Ms = std::chrono::milliseconds;
 using sdiboard::Transfer;
 
 constexpr const char* kUsage =
-    "usage: soak_daemon SECONDS [--seed N] [--phase-ms MS] [--wrap 'PROGRAM ARGS...']\n"
-    "  SECONDS      length of the measured run (a warm-up that plays every fault once comes "
-    "first)\n"
-    "  --seed N     seed of every random choice (default 1)\n"
-    "  --phase-ms   how long ctrld.out's stand-in stays in each state (default: 1000 for runs up\n"
-    "               to 5 minutes, 3000 beyond)\n"
-    "  --wrap       run the daemon under PROGRAM (valgrind): its memory figures are then the\n"
-    "               wrapper's and are printed but not judged\n"
-    "Needs root (a network namespace of its own). Exit status 0 when nothing was lost or extra\n"
-    "and the daemon stayed flat, 1 otherwise, 2 on a usage error, 77 when not root.\n";
+    R"(usage: soak_daemon SECONDS [--seed N] [--phase-ms MS] [--wrap 'PROGRAM ARGS...']
+  SECONDS      length of the measured run (a warm-up that plays every fault once comes first)
+  --seed N     seed of every random choice (default 1)
+  --phase-ms   how long ctrld.out's stand-in stays in each state (default: 1000 for runs up
+               to 5 minutes, 3000 beyond)
+  --wrap       run the daemon under PROGRAM (valgrind): its memory figures are then the
+               wrapper's and are printed but not judged
+Needs root (a network namespace of its own). Exit status 0 when nothing was lost or extra
+and the daemon stayed flat, 1 otherwise, 2 on a usage error, 77 when not root.
+)";
 
 constexpr uint16_t kCtrldPort = 32896;
 constexpr Gpio kProbe = {0x7E57, 0};       // a network event no board line can produce
