@@ -177,12 +177,10 @@ class CtrldSide {
         sim_.reset();
     }
     void start() {
-        thread_ = std::thread([this] { run(); });
+        thread_.start([this] { run(); });
     }
     void stop() {
-        stopping_ = true;
-        if (thread_.joinable())
-            thread_.join();
+        thread_.stop();
         down();
     }
 
@@ -244,7 +242,7 @@ class CtrldSide {
     void run() {
         std::optional<Phase> current;
         auto nextChange = Clock::now();
-        while (!stopping_ && !failed) {
+        while (!thread_.stopping() && !failed) {
             const auto now = Clock::now();
             const Phase phase = now >= plan_.runEnd ? Phase::Answer : phaseAt(now);
             if (phase != current) {
@@ -273,8 +271,7 @@ class CtrldSide {
     std::vector<devsim::Bytes> heard_;
     std::vector<PhaseSpan> timeline_;
     size_t restarts_ = 0;
-    std::atomic<bool> stopping_{false};
-    std::thread thread_;
+    soak::RunThread thread_;
 };
 
 // ---- Local senders: GPO requests to 42001, network events to 42002.
@@ -289,13 +286,9 @@ class Sender {
         : port_(port), random_(seed), burst_(burst), burstOffset_(burstOffset), plan_(plan) {}
     ~Sender() { stop(); }
     void start() {
-        thread_ = std::thread([this] { run(); });
+        thread_.start([this] { run(); });
     }
-    void stop() {
-        stopping_ = true;
-        if (thread_.joinable())
-            thread_.join();
-    }
+    void stop() { thread_.stop(); }
 
     // Held: sends nothing until released; `holding` says the sender has seen it.
     std::atomic<bool> hold{false}, holding{false};
@@ -349,10 +342,10 @@ class Sender {
         };
         auto nextSteady = Clock::now();
         auto nextBurst = plan_.warmStart + after(burstOffset_);
-        while (!stopping_ && !failed) {
+        while (!thread_.stopping() && !failed) {
             if (hold) {
                 holding = true;
-                while (hold && !stopping_)
+                while (hold && !thread_.stopping())
                     std::this_thread::sleep_for(Ms(5));
                 holding = false;
                 nextSteady = std::max(nextSteady, Clock::now());
@@ -381,8 +374,7 @@ class Sender {
     const Plan& plan_;
     std::vector<Sent> sent_;
     size_t bursts_ = 0;
-    std::atomic<bool> stopping_{false};
-    std::thread thread_;
+    soak::RunThread thread_;
 };
 
 // ---- 127.0.0.1:42000, where GPI events and relayed network events arrive.
@@ -397,14 +389,10 @@ class Receiver {
     Receiver() {
         int size = 64 << 20;
         setsockopt(socket_.fd(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size);
-        thread_ = std::thread([this] { run(); });
+        thread_.start([this] { run(); });
     }
     ~Receiver() { stop(); }
-    void stop() {
-        stopping_ = true;
-        if (thread_.joinable())
-            thread_.join();
-    }
+    void stop() { thread_.stop(); }
     std::atomic<uint64_t> relays{0}, probes{0};
     std::atomic<Clock::rep> lastArrival{0}; // Clock's count at the latest datagram
     const std::vector<Arrival>& arrivals() const { return arrivals_; } // once stopped
@@ -412,7 +400,7 @@ class Receiver {
 
   private:
     void run() {
-        while (!stopping_) {
+        while (!thread_.stopping()) {
             std::vector<uint8_t> bytes = socket_.receive(50);
             if (bytes.empty())
                 continue;
@@ -434,8 +422,7 @@ class Receiver {
     UdpEndpoint socket_{LOOP_GPI_PORT};
     std::vector<Arrival> arrivals_;
     size_t malformed_ = 0;
-    std::atomic<bool> stopping_{false};
-    std::thread thread_;
+    soak::RunThread thread_;
 };
 
 // ---- The board: drives the GPI lines at every poll, records what the daemon read, and plays
@@ -461,13 +448,9 @@ class BoardSide {
     ~BoardSide() { stop(); }
     const std::string& path() const { return path_; }
     void start() {
-        thread_ = std::thread([this] { run(); });
+        thread_.start([this] { run(); });
     }
-    void stop() {
-        stopping_ = true;
-        if (thread_.joinable())
-            thread_.join();
-    }
+    void stop() { thread_.stop(); }
     std::atomic<uint64_t> polls{0}, gpoWrites{0};
     const std::vector<Episode>& episodes() const { return episodes_; } // once stopped
     const Tally& tally() const { return tally_; }
@@ -619,7 +602,7 @@ class BoardSide {
         priority.sched_priority = 1; // the next changes go in before the next poll, where allowed
         (void)pthread_setschedparam(pthread_self(), SCHED_FIFO, &priority);
         size_t nextOutage = 0;
-        while (!stopping_ && !failed) {
+        while (!thread_.stopping() && !failed) {
             if (nextOutage < plan_.outages.size() &&
                 Clock::now() >= plan_.outages[nextOutage].start)
                 outage(plan_.outages[nextOutage++]);
@@ -650,8 +633,7 @@ class BoardSide {
     uint8_t presented_ = 0; // the inputs as of the last transition read
     Tally tally_;
     std::vector<std::string> disagreements_;
-    std::atomic<bool> stopping_{false};
-    std::thread thread_;
+    soak::RunThread thread_;
 };
 
 // ---- What the daemon must have reported, from what the board answered.

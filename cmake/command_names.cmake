@@ -2,7 +2,7 @@
 # (tools/common/command_names.txt, whose top says how a row reads), in CMake's script mode:
 #   cmake -DTABLE=FILE -DFORMAT=cpp -DOUTPUT=FILE -P command_names.cmake
 #     the rows of devsim's kSony and kLouth, as C++ to include (tools/devsim/names.cpp)
-#   cmake -DTABLE=FILE -DFORMAT=lua -DTEMPLATE=vlm.lua.in -DOUTPUT=FILE -P command_names.cmake
+#   cmake -DTABLE=FILE -DFORMAT=lua -DTEMPLATE=vlm.in.lua -DOUTPUT=FILE -P command_names.cmake
 #     the dissector: TEMPLATE with its lines "-- @SONY_COMMANDS@" and "-- @LOUTH_COMMANDS@"
 #     replaced by the rows
 # A row that does not read as the table says, a command named twice, or (for the dissector) a

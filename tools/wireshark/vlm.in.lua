@@ -421,6 +421,8 @@ local function lookup(cmd1, cmd2, data0)
 end
 
 -- @SONY_COMMANDS@
+-- The build fills the rows in: this file alone is no dissector.
+assert(next(catalogue.exact), "no command names: load the vlm.lua the build makes from vlm.in.lua")
 
 -- The answer's row when its request is not known: the sense (group 6 for group 7, group A for
 -- group 8) with the same CMD2, named for its data.
