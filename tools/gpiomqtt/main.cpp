@@ -9,6 +9,7 @@
 #include "options.h"
 #include "toolkit.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -116,6 +117,9 @@ class Gateway {
 
   private:
     void open_client();
+    // Tries to reach the broker; whether the attempt is under way (the client's thread then
+    // takes it from there, reconnections included).
+    bool try_connect();
     void receive_datagrams();
     void publish(const std::string& topic, const std::string& payload, bool retain);
     void publish_line(int line, bool value);
@@ -135,6 +139,8 @@ class Gateway {
     bool connected_ = false;
     bool stopping_ = false;
     int lastMid_ = -1, lastDelivered_ = -1;
+    bool attempting_ = false;  // a first connection is under way (main thread only)
+    unsigned failedAttempts_ = 0;
     std::condition_variable delivered_;
     CauseCounts<kRefusals> refusals_{"followed state changed nothing", [](size_t cause) {
                                          return refusal_text(static_cast<Refusal>(cause));
@@ -184,24 +190,43 @@ void Gateway::open_client() {
     mosquitto_publish_callback_set(client, [](mosquitto*, void* self, int mid) {
         static_cast<Gateway*>(self)->on_publish(mid);
     });
-    const std::string host = cli::dotted(options_.broker.address);
-    // A broker out of reach now is tried again by the client's thread, as after a loss.
-    rc = mosquitto_connect_async(client, host.c_str(), options_.broker.port, kKeepAliveSeconds);
-    if (rc != MOSQ_ERR_SUCCESS)
-        note("broker %s:%u: %s; trying again", host.c_str(), options_.broker.port,
-             rc == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(rc));
     rc = mosquitto_loop_start(client);
     if (rc != MOSQ_ERR_SUCCESS)
         throw std::runtime_error(std::string("MQTT client thread: ") + mosquitto_strerror(rc));
+    try_connect();
+}
+
+// The client's thread reconnects after a loss, but a first attempt that fails at once (the
+// broker's host refusing before the call returns) leaves it waiting for a first connection that
+// never comes: such attempts are made again from the poll loop, with the same back-off, until one
+// is under way; only then does the client's thread take over.
+bool Gateway::try_connect() {
+    const std::string host = cli::dotted(options_.broker.address);
+    const int rc =
+        failedAttempts_ == 0
+            ? mosquitto_connect_async(client_.get(), host.c_str(), options_.broker.port,
+                                      kKeepAliveSeconds)
+            : mosquitto_reconnect_async(client_.get());
+    attempting_ = rc == MOSQ_ERR_SUCCESS;
+    if (!attempting_ && failedAttempts_++ == 0)
+        note("broker %s:%u: %s; trying again", host.c_str(), options_.broker.port,
+             rc == MOSQ_ERR_ERRNO ? strerror(errno) : mosquitto_strerror(rc));
+    return attempting_;
 }
 
 void Gateway::run(int signals) {
     pollfd watched[2] = {{gpi_.fd, POLLIN, 0}, {signals, POLLIN, 0}};
     for (;;) {
-        if (poll(watched, 2, -1) < 0) {
+        const unsigned retry = std::min(kReconnectFirst * failedAttempts_, kReconnectLongest);
+        const int ready = poll(watched, 2, attempting_ ? -1 : static_cast<int>(retry * 1000));
+        if (ready < 0) {
             if (errno == EINTR)
                 continue;
             throw std::runtime_error(std::string("poll: ") + strerror(errno));
+        }
+        if (ready == 0) {
+            try_connect();
+            continue;
         }
         if (watched[0].revents & POLLIN)
             receive_datagrams();
