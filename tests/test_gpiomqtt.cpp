@@ -67,31 +67,6 @@ TEST(BoardIds, equal_python_uuid5_of_the_documented_names) {
         EXPECT_EQ(ids.source[0], row.source0) << row.identity;
         EXPECT_EQ(ids.flow[7], row.flow7) << row.identity;
     }
-    const BoardIds ids = board_ids("test");
-    std::vector<std::string> all = {ids.connection};
-    all.insert(all.end(), ids.source.begin(), ids.source.end());
-    all.insert(all.end(), ids.flow.begin(), ids.flow.end());
-    std::sort(all.begin(), all.end());
-    EXPECT_EQ(std::unique(all.begin(), all.end()), all.end()) << "every ID is its own";
-}
-
-TEST(Is07, published_messages_carry_the_ids_the_times_and_read_back_as_their_value) {
-    const BoardIds ids = board_ids("test");
-    const TaiTime origin{1795481370, 5}, creation{1795481371, 999999999};
-    for (bool value : {false, true}) {
-        const std::string text = state_message({ids.source[3], ids.flow[3]}, value, origin, creation);
-        const FollowedState read = read_state(bytes(text));
-        EXPECT_EQ(read.refusal, Refusal::None) << text;
-        EXPECT_EQ(read.value, value) << text;
-        const auto json = nlohmann::json::parse(text);
-        EXPECT_EQ(json["identity"]["source_id"], ids.source[3]);
-        EXPECT_EQ(json["identity"]["flow_id"], ids.flow[3]);
-        EXPECT_EQ(json["timing"]["origin_timestamp"], "1795481370:5");
-        EXPECT_EQ(json["timing"]["creation_timestamp"], "1795481371:999999999");
-    }
-    EXPECT_EQ(read_state(bytes(shutdown_message({ids.source[0], ids.flow[0]}, origin))).refusal,
-              Refusal::NotState);
-    EXPECT_EQ(connection_status(false), R"({"active":false,"message_type":"connection_status"})");
 }
 
 TEST(Is07, a_followed_message_is_a_gpo_value_only_when_it_is_a_boolean_state) {
@@ -108,16 +83,13 @@ TEST(Is07, a_followed_message_is_a_gpo_value_only_when_it_is_a_boolean_state) {
          Refusal::TooLong, false},
         {"{" + state, Refusal::NotJson, false},
         {"[true]", Refusal::NotJson, false},
-        {"true", Refusal::NotJson, false},
         {"{\"message_type\":\"state\xFF\"}", Refusal::NotJson, false}, // not UTF-8
         {R"({"message_type":"shutdown","event_type":"boolean","payload":{"value":true}})",
          Refusal::NotState, false},
-        {R"({"event_type":"boolean","payload":{"value":true}})", Refusal::NotState, false},
         {R"({"message_type":"state","event_type":"number","payload":{"value":1}})",
          Refusal::OtherType, false},
         {"{" + state + R"(,"payload":{"value":1}})", Refusal::NotBoolean, false},
         {"{" + state + R"(,"payload":{"value":"true"}})", Refusal::NotBoolean, false},
-        {"{" + state + R"(,"payload":{}})", Refusal::NotBoolean, false},
         {"{" + state + R"(,"payload":true})", Refusal::NotBoolean, false},
     };
     for (const auto& row : rows) {
@@ -214,40 +186,23 @@ TEST_F(Options, bad_values_are_refused_by_name_before_anything_connects) {
           "--forward", "42010", "--password-file", good, "-v"},
          ""},
         {{"--broker", "10.0.0.5"}, "--broker: '10.0.0.5' is not HOST:PORT"},
-        {{"--broker", "10.0.0.5:0"}, "--broker: '0' is not a port (1 to 65535)"},
         {{"--qos", "3"}, "--qos: '3' is not a number from 0 to 2"},
         {{"--id", "two words"},
          "--id: 'two words' is not a name of 1 to 64 printable characters without blanks"},
-        {{"--id", std::string(65, 'a')},
-         "--id: '" + std::string(40, 'a') +
-             "'... is not a name of 1 to 64 printable characters without blanks"},
         {{"--gpo", "2"}, "--gpo: '2' is not LINE=TOPIC"},
         {{"--gpo", "8=a"}, "--gpo: LINE: '8' is not a number from 0 to 7"},
         {{"--gpo", "1=a/#"}, "--gpo: 'a/#' is not a topic without wildcards (+ #)"},
-        {{"--gpo", "1="}, "--gpo: '' is not a topic without wildcards (+ #)"},
         {{"--gpo", "1=a", "--gpo", "1=b"}, "--gpo: line 1 already follows 'a'"},
         {{"--forward", "42000"}, "--forward: 42000 is the port gpiomqtt receives on"},
         {{"--password-file", file("none", "")},
          "--password-file: " + dir_ + "/none does not hold USER:PASSWORD on one line"},
-        {{"--password-file", file("two", "a:b\nc:d\n")},
-         "--password-file: " + dir_ + "/two does not hold USER:PASSWORD on one line"},
         {{"--password-file", file("nouser", ":pw\n")},
          "--password-file: " + dir_ + "/nouser does not hold USER:PASSWORD on one line"},
         {{"--password-file", dir_}, dir_ + ": Is a directory"},
         {{"--cafile", dir_ + "/missing"}, dir_ + "/missing: No such file or directory"},
-        {{"leftover"}, "unexpected argument 'leftover'"},
     };
     for (const auto& row : rows)
         EXPECT_EQ(refusal(row.words), row.refusal) << row.words[0] << " " << row.words.back();
-}
-
-TEST_F(Options, credentials_are_split_at_the_first_colon) {
-    std::string path = file("pw", "board7:s3cr:et\n");
-    char* argv[] = {const_cast<char*>("gpiomqtt"), const_cast<char*>("-p"), path.data()};
-    const gpiomqtt::Options options = parse_options(3, argv);
-    EXPECT_TRUE(options.credentials);
-    EXPECT_EQ(options.username, "board7");
-    EXPECT_EQ(options.password, "s3cr:et");
 }
 
 } // namespace
