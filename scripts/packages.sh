@@ -12,6 +12,7 @@ TEST_PACKAGES=(
   tshark
   chromium nodejs
   valgrind
+  python3 python3-pytest
   mosquitto mosquitto-clients python3-jsonschema
   dpkg-dev
 )
