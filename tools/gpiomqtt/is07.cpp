@@ -2,6 +2,7 @@
 #include "is07.h"
 
 #include <ctime>
+#include <iterator>
 #include <nlohmann/json.hpp>
 
 namespace gpiomqtt {
