@@ -1,0 +1,212 @@
+# gpiomqtt between vlmgpiod.out on sdiboard and a mosquitto of its own, as the facility sees it
+# through mosquitto_sub and mosquitto_pub: GPI levels as retained IS-07 states, followed states as
+# GPO requests, the broker away and back, the program's end, and every message it published
+# against the JSON Schemas beside this file. The tests run in order, on one board and one broker.
+import json
+import pathlib
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import time
+
+import jsonschema
+import pytest
+
+HERE = pathlib.Path(__file__).resolve().parent
+sys.path.insert(0, str(HERE.parent / "support"))
+from programs import (BUILD, PROBE, Program, board, needs_namespace, relayed,  # noqa: E402,F401
+                      wait_until)
+
+pytestmark = needs_namespace
+GPIOMQTT = BUILD / "tools/gpiomqtt/gpiomqtt"
+# A state as another program may leave it on a topic, completed with "true" or "false".
+PLANTED = '{"message_type":"state","event_type":"boolean","payload":{"value":%s}}'
+
+
+class Subscriber(Program):
+    """mosquitto_sub on every IS-07 topic and on "probe", ready when the retained probe has come:
+    `retained` holds what came before it, `history` every IS-07 payload read."""
+
+    def __init__(self, broker):
+        super().__init__("mosquitto_sub", "-p", broker.port, "-q", "2", "-F", "%t %p",
+                         "-t", "x-nmos/events/v1.0/#", "-t", "probe")
+        broker.subscribers.append(self)
+        self.history = []
+        self.retained = dict(iter(self.next, None))
+
+    def next(self, seconds=10):
+        """The next IS-07 message as (topic, message or None when empty); None for a probe."""
+        topic, _, payload = self.wait_for("", seconds).partition(" ")
+        self.history += [payload] * (topic != "probe")
+        return None if topic == "probe" else (topic, json.loads(payload) if payload else None)
+
+    def until(self, topic, seconds=10):
+        while (got := self.next(seconds)) is None or got[0] != topic:
+            pass
+        return got[1]
+
+
+class Broker:
+    """mosquitto on a free port, keeping its retained messages in `folder` across restarts."""
+
+    def __init__(self, folder):
+        with socket.socket() as free:
+            free.bind(("127.0.0.1", 0))
+            self.port, self.subscribers = free.getsockname()[1], []
+        self.conf = folder / "mosquitto.conf"
+        self.conf.write_text(f"listener {self.port} 127.0.0.1\nallow_anonymous true\n"
+                             f"persistence true\npersistence_location {folder}/\nuser root\n")
+        self.start()
+
+    def start(self):
+        self.process = Program("mosquitto", "-c", self.conf, ready="running$")
+        self.publish("probe", "ready", retain=True)
+
+    def publish(self, topic, message, retain=False):
+        subprocess.run(["mosquitto_pub", "-p", str(self.port), "-q", "2", "-t", topic]
+                       + ["-r"] * retain + (["-n"] if message is None else ["-m", message]),
+                       check=True, timeout=10)
+
+    def levels(self, sources):
+        """{line: value} of the states retained on `sources`, as a subscriber joining now gets."""
+        joiner = Subscriber(self)
+        joiner.stop()
+        return {line: joiner.retained[topic]["payload"]["value"]
+                for line, topic in sources.items() if topic in joiner.retained}
+
+
+def start_gateway(broker, forward):
+    """gpiomqtt as board "studio-a", GPO lines 2 and 5 following facility/tally/2 and /5, passing
+    GPI datagrams on to the bound socket `forward`; ready when connected."""
+    return Program(GPIOMQTT, "--broker", f"127.0.0.1:{broker.port}", "--id", "studio-a", "-v",
+                   "--gpo", "2=facility/tally/2", "--gpo", "5=facility/tally/5",
+                   "--forward", forward.getsockname()[1], ready="connected to")
+
+
+def passed_on(forward):
+    """The next GPI event gpiomqtt passed on to `forward`, as (line, status); probes skipped."""
+    forward.settimeout(5)
+    while (datagram := forward.recv(64)) == PROBE:
+        pass
+    return struct.unpack(">ii", datagram)
+
+
+@pytest.fixture(scope="module")
+def ids():
+    """The connection's topic and {line: source topic}, as gpiomqtt --print-ids tells them."""
+    lines = subprocess.run([GPIOMQTT, "--id", "studio-a", "--print-ids"], capture_output=True,
+                           text=True, check=True).stdout.splitlines()
+    return lines[0].split()[2], {int(line.split()[1]): line.split()[6] for line in lines[1:]}
+
+
+@pytest.fixture(scope="module")
+def broker(tmp_path_factory, ids):
+    """mosquitto with what an earlier run left: line 6 set, a state where GPO line 5 follows."""
+    broker = Broker(tmp_path_factory.mktemp("broker"))
+    broker.publish(ids[1][6], PLANTED % "true", retain=True)
+    broker.publish("facility/tally/5", PLANTED % "true", retain=True)
+    yield broker
+    for program in broker.subscribers + [broker.process]:
+        program.stop()
+
+
+@pytest.fixture(scope="module")
+def gateway(board, broker):
+    """gpiomqtt, serving; `live` a subscriber since before it started."""
+    forward = socket.socket(type=socket.SOCK_DGRAM)
+    forward.bind(("127.0.0.1", 0))
+    live = Subscriber(broker)
+    gateway = start_gateway(broker, forward)
+    assert wait_until(lambda: relayed(forward), step=0), "gpiomqtt passes no GPI datagram on"
+    gateway.forward, gateway.live = forward, live
+    yield gateway
+    gateway.stop()
+    forward.close()
+
+
+def test_at_start_the_connection_is_active_and_every_line_state_cleared(gateway, ids):
+    connection, sources = ids
+    assert [gateway.live.next() for _ in range(9)] == [
+        (connection, {"active": True, "message_type": "connection_status"})] + [
+        (topic, None) for topic in sources.values()]
+
+
+def test_each_gpi_change_is_one_retained_state_in_order_a_pulse_two(board, broker, gateway, ids):
+    steps = [("gpi 01", (0, 1), [(0, True)]), ("gpi 05", (2, 1), [(2, True)]),
+             ("gpi 04", (0, 0), [(0, False)]), ("pulse 2", (2, 2), [(2, False), (2, True)])]
+    for command, event, states in steps:
+        board.say(command)
+        assert passed_on(gateway.forward) == event, command
+        got = [gateway.live.next() for _ in states]
+        assert [(topic, message["payload"]["value"]) for topic, message in got] == [
+            (ids[1][line], value) for line, value in states], command
+    broker.publish("probe", "mark")
+    assert list(iter(gateway.live.next, None)) == [], "nothing else before the mark"
+
+
+def test_a_late_joiner_gets_each_known_level_and_none_an_earlier_run_left(broker, ids):
+    assert broker.levels(ids[1]) == {0: False, 2: True}
+
+
+def test_followed_states_set_the_gpo_register_and_nothing_else_does(board, broker, gateway):
+    assert board.wait_for("^GPO <- ").startswith("GPO <- 0x20"), "the state retained at start"
+    broker.publish("facility/tally/2", PLANTED % "true")
+    assert board.wait_for("^GPO <- ").startswith("GPO <- 0x24")
+    for invalid in [None, "not json", "[true]", PLANTED.replace('"state"', '"shutdown"') % "true",
+                    PLANTED.replace("boolean", "number") % "1", PLANTED % '"false"', PLANTED % 0]:
+        broker.publish("facility/tally/2", invalid)
+    broker.publish("facility/tally/3", PLANTED % "false")
+    broker.publish("facility/tally/5", PLANTED % "false")
+    assert board.wait_for("^GPO <- ").startswith("GPO <- 0x04"), "the first request after those"
+
+
+def test_ten_seconds_without_the_broker_then_its_states_are_the_levels_within_five(
+        board, broker, gateway, ids):
+    broker.process.stop()
+    away = time.monotonic()
+    for command, event in [("gpi 0C", (3, 1)), ("gpi 08", (2, 0))]:
+        board.say(command)
+        assert passed_on(gateway.forward) == event, "the GPI path waits for no broker"
+    time.sleep(max(0.0, away + 10 - time.monotonic()))
+    broker.start()
+    back = time.monotonic()
+    assert wait_until(lambda: broker.levels(ids[1]) == {0: False, 2: False, 3: True}, 8, 0.2)
+    assert time.monotonic() - back <= 5
+
+
+def test_sigterm_sends_shutdown_on_each_source_then_inactive_and_exits_0(broker, gateway, ids):
+    connection, sources = ids
+    watcher = Subscriber(broker)
+    gateway.process.send_signal(signal.SIGTERM)
+    assert gateway.process.wait(10) == 0
+    got = [watcher.next() for _ in range(9)]
+    assert [(topic, message["message_type"]) for topic, message in got] == [
+        (topic, "shutdown") for topic in sources.values()] + [(connection, "connection_status")]
+    assert got[-1][1]["active"] is False
+    for count, cause in [(1, "an empty message"), (2, "not a JSON object"),
+                         (1, "not a state message"), (1, "an event type other than boolean"),
+                         (2, "a value that is not true or false")]:
+        gateway.wait_for(f"changed nothing: {count} of {cause}$")
+
+
+def test_kill_9_leaves_the_will_active_false(broker, gateway, ids):
+    watcher, again = broker.subscribers[-1], start_gateway(broker, gateway.forward)
+    try:
+        assert watcher.until(ids[0])["active"] is True
+        again.process.kill()
+        assert watcher.until(ids[0], 5)["active"] is False
+    finally:
+        again.stop()
+
+
+def test_every_message_gpiomqtt_published_passes_its_schema(broker):
+    kinds = {}
+    for payload in {p for s in broker.subscribers for p in s.history} - {"", PLANTED % "true"}:
+        message = json.loads(payload)
+        schema = json.loads((HERE / "schemas" / f"{message['message_type']}.json").read_text())
+        resolver = jsonschema.RefResolver((HERE / "schemas").as_uri() + "/", schema)
+        jsonschema.validate(message, schema, resolver=resolver)
+        kinds[message["message_type"]] = kinds.get(message["message_type"], 0) + 1
+    assert set(kinds) == {"state", "shutdown", "connection_status"}, kinds
