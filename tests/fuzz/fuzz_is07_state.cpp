@@ -1,10 +1,10 @@
 // Fuzzes what gpiomqtt reads from outside: a message on a followed topic (any bytes from the
-// broker) and a datagram on its GPI port. Nothing read out of bounds, no exception escapes, and a
-// message taken as a GPO value really is a boolean state, and a state is published only for a
-// line 0 to 7 whose level is known.
+// broker) and datagrams on its GPI port. Nothing read out of bounds, no exception escapes, and a
+// message taken as a GPO value really is a boolean state.
 #include "is07.h"
 #include "lines.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -23,15 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     }
     gpiomqtt::GpiLines lines;
-    for (size_t at = 0; at < size; at += 8) {
-        const gpiomqtt::Publication publication =
-            lines.take(bytes.subspan(at, std::min<size_t>(8, size - at)), {});
-        if (publication.count > 0 &&
-            (publication.line < 0 || publication.line >= gpiomqtt::kLines ||
-             !lines.line(publication.line).known)) {
-            fprintf(stderr, "violated: a state published for a line not 0 to 7 or not known\n");
-            abort();
-        }
-    }
+    for (size_t at = 0; at < size; at += 8)
+        lines.take(bytes.subspan(at, std::min<size_t>(8, size - at)), {});
     return 0;
 }
