@@ -10,6 +10,7 @@ import struct
 import subprocess
 import sys
 import time
+import uuid
 
 import jsonschema
 import pytest
@@ -20,9 +21,17 @@ from programs import (BUILD, PROBE, Program, board, needs_namespace, relayed,  #
                       wait_until)
 
 pytestmark = needs_namespace
-GPIOMQTT = BUILD / "tools/gpiomqtt/gpiomqtt"
+# The topics of board "studio-a", computed as its man page says.
+CONNECTION = "x-nmos/events/v1.0/connections/" + str(uuid.uuid5(
+    uuid.NAMESPACE_URL, "urn:x-vlmgpio:gpiomqtt:studio-a:connection"))
+SOURCES = ["x-nmos/events/v1.0/sources/" + str(uuid.uuid5(
+    uuid.NAMESPACE_URL, f"urn:x-vlmgpio:gpiomqtt:studio-a:gpi:{line}:source")) for line in range(8)]
 # A state as another program may leave it on a topic, completed with "true" or "false".
 PLANTED = '{"message_type":"state","event_type":"boolean","payload":{"value":%s}}'
+
+
+def status(active):
+    return CONNECTION, {"active": active, "message_type": "connection_status"}
 
 
 class Subscriber(Program):
@@ -41,11 +50,6 @@ class Subscriber(Program):
         topic, _, payload = self.wait_for("", seconds).partition(" ")
         self.history += [payload] * (topic != "probe")
         return None if topic == "probe" else (topic, json.loads(payload) if payload else None)
-
-    def until(self, topic, seconds=10):
-        while (got := self.next(seconds)) is None or got[0] != topic:
-            pass
-        return got[1]
 
 
 class Broker:
@@ -69,20 +73,19 @@ class Broker:
                        + ["-r"] * retain + (["-n"] if message is None else ["-m", message]),
                        check=True, timeout=10)
 
-    def levels(self, sources):
-        """{line: value} of the states retained on `sources`, as a subscriber joining now gets."""
+    def levels(self):
+        """{line: value} of the retained states, as a subscriber joining now gets them."""
         joiner = Subscriber(self)
         joiner.stop()
         return {line: joiner.retained[topic]["payload"]["value"]
-                for line, topic in sources.items() if topic in joiner.retained}
+                for line, topic in enumerate(SOURCES) if topic in joiner.retained}
 
 
 def start_gateway(broker, forward):
-    """gpiomqtt as board "studio-a", GPO lines 2 and 5 following facility/tally/2 and /5, passing
-    GPI datagrams on to the bound socket `forward`; ready when connected."""
-    return Program(GPIOMQTT, "--broker", f"127.0.0.1:{broker.port}", "--id", "studio-a", "-v",
-                   "--gpo", "2=facility/tally/2", "--gpo", "5=facility/tally/5",
-                   "--forward", forward.getsockname()[1], ready="connected to")
+    """gpiomqtt as board "studio-a", GPO lines 2 and 5 following facility/tally/2 and /5."""
+    return Program(BUILD / "tools/gpiomqtt/gpiomqtt", "--broker", f"127.0.0.1:{broker.port}",
+                   "--id", "studio-a", "-v", "--gpo", "2=facility/tally/2", "--gpo",
+                   "5=facility/tally/5", "--forward", forward.getsockname()[1], ready="connected")
 
 
 def passed_on(forward):
@@ -94,18 +97,10 @@ def passed_on(forward):
 
 
 @pytest.fixture(scope="module")
-def ids():
-    """The connection's topic and {line: source topic}, as gpiomqtt --print-ids tells them."""
-    lines = subprocess.run([GPIOMQTT, "--id", "studio-a", "--print-ids"], capture_output=True,
-                           text=True, check=True).stdout.splitlines()
-    return lines[0].split()[2], {int(line.split()[1]): line.split()[6] for line in lines[1:]}
-
-
-@pytest.fixture(scope="module")
-def broker(tmp_path_factory, ids):
+def broker(tmp_path_factory):
     """mosquitto with what an earlier run left: line 6 set, a state where GPO line 5 follows."""
     broker = Broker(tmp_path_factory.mktemp("broker"))
-    broker.publish(ids[1][6], PLANTED % "true", retain=True)
+    broker.publish(SOURCES[6], PLANTED % "true", retain=True)
     broker.publish("facility/tally/5", PLANTED % "true", retain=True)
     yield broker
     for program in broker.subscribers + [broker.process]:
@@ -126,14 +121,12 @@ def gateway(board, broker):
     forward.close()
 
 
-def test_at_start_the_connection_is_active_and_every_line_state_cleared(gateway, ids):
-    connection, sources = ids
-    assert [gateway.live.next() for _ in range(9)] == [
-        (connection, {"active": True, "message_type": "connection_status"})] + [
-        (topic, None) for topic in sources.values()]
+def test_at_start_the_connection_is_active_and_every_line_state_cleared(gateway):
+    assert [gateway.live.next() for _ in range(9)] == [status(True)] + [
+        (topic, None) for topic in SOURCES]
 
 
-def test_each_gpi_change_is_one_retained_state_in_order_a_pulse_two(board, broker, gateway, ids):
+def test_each_gpi_change_is_one_retained_state_in_order_a_pulse_two(board, broker, gateway):
     steps = [("gpi 01", (0, 1), [(0, True)]), ("gpi 05", (2, 1), [(2, True)]),
              ("gpi 04", (0, 0), [(0, False)]), ("pulse 2", (2, 2), [(2, False), (2, True)])]
     for command, event, states in steps:
@@ -141,13 +134,13 @@ def test_each_gpi_change_is_one_retained_state_in_order_a_pulse_two(board, broke
         assert passed_on(gateway.forward) == event, command
         got = [gateway.live.next() for _ in states]
         assert [(topic, message["payload"]["value"]) for topic, message in got] == [
-            (ids[1][line], value) for line, value in states], command
+            (SOURCES[line], value) for line, value in states], command
     broker.publish("probe", "mark")
     assert list(iter(gateway.live.next, None)) == [], "nothing else before the mark"
 
 
-def test_a_late_joiner_gets_each_known_level_and_none_an_earlier_run_left(broker, ids):
-    assert broker.levels(ids[1]) == {0: False, 2: True}
+def test_a_late_joiner_gets_each_known_level_and_none_an_earlier_run_left(broker, gateway):
+    assert broker.levels() == {0: False, 2: True}
 
 
 def test_followed_states_set_the_gpo_register_and_nothing_else_does(board, broker, gateway):
@@ -163,7 +156,7 @@ def test_followed_states_set_the_gpo_register_and_nothing_else_does(board, broke
 
 
 def test_ten_seconds_without_the_broker_then_its_states_are_the_levels_within_five(
-        board, broker, gateway, ids):
+        board, broker, gateway):
     broker.process.stop()
     away = time.monotonic()
     for command, event in [("gpi 0C", (3, 1)), ("gpi 08", (2, 0))]:
@@ -172,41 +165,40 @@ def test_ten_seconds_without_the_broker_then_its_states_are_the_levels_within_fi
     time.sleep(max(0.0, away + 10 - time.monotonic()))
     broker.start()
     back = time.monotonic()
-    assert wait_until(lambda: broker.levels(ids[1]) == {0: False, 2: False, 3: True}, 8, 0.2)
+    assert wait_until(lambda: broker.levels() == {0: False, 2: False, 3: True}, 8, 0.2)
     assert time.monotonic() - back <= 5
 
 
-def test_sigterm_sends_shutdown_on_each_source_then_inactive_and_exits_0(broker, gateway, ids):
-    connection, sources = ids
+def test_sigterm_sends_shutdown_on_each_source_then_inactive_and_exits_0(broker, gateway):
     watcher = Subscriber(broker)
     gateway.process.send_signal(signal.SIGTERM)
     assert gateway.process.wait(10) == 0
     got = [watcher.next() for _ in range(9)]
-    assert [(topic, message["message_type"]) for topic, message in got] == [
-        (topic, "shutdown") for topic in sources.values()] + [(connection, "connection_status")]
-    assert got[-1][1]["active"] is False
+    assert [(topic, message["message_type"]) for topic, message in got[:8]] == [
+        (topic, "shutdown") for topic in SOURCES]
+    assert got[8] == status(False)
     for count, cause in [(1, "an empty message"), (2, "not a JSON object"),
                          (1, "not a state message"), (1, "an event type other than boolean"),
                          (2, "a value that is not true or false")]:
         gateway.wait_for(f"changed nothing: {count} of {cause}$")
 
 
-def test_kill_9_leaves_the_will_active_false(broker, gateway, ids):
+def test_kill_9_leaves_the_will_active_false(broker, gateway):
     watcher, again = broker.subscribers[-1], start_gateway(broker, gateway.forward)
     try:
-        assert watcher.until(ids[0])["active"] is True
+        assert [watcher.next() for _ in range(9)][0] == status(True)
         again.process.kill()
-        assert watcher.until(ids[0], 5)["active"] is False
+        assert watcher.next(5) == status(False)
     finally:
         again.stop()
 
 
 def test_every_message_gpiomqtt_published_passes_its_schema(broker):
-    kinds = {}
-    for payload in {p for s in broker.subscribers for p in s.history} - {"", PLANTED % "true"}:
-        message = json.loads(payload)
+    payloads = {p for s in broker.subscribers for p in s.history} - {"", PLANTED % "true"}
+    messages = [json.loads(payload) for payload in payloads]
+    for message in messages:
         schema = json.loads((HERE / "schemas" / f"{message['message_type']}.json").read_text())
         resolver = jsonschema.RefResolver((HERE / "schemas").as_uri() + "/", schema)
         jsonschema.validate(message, schema, resolver=resolver)
-        kinds[message["message_type"]] = kinds.get(message["message_type"], 0) + 1
-    assert set(kinds) == {"state", "shutdown", "connection_status"}, kinds
+    assert {message["message_type"] for message in messages} == {
+        "state", "shutdown", "connection_status"}
