@@ -26,7 +26,8 @@ def wait_until(condition, seconds=10, step=0.05):
 
 
 class Program:
-    """A program as a child process; its standard output and error read line by line."""
+    """A program as a child process; its standard output and error read line by line. One that
+    never says it is ready is stopped before the test fails."""
 
     def __init__(self, *argv, ready=None, env=None):
         self.process = subprocess.Popen([str(a) for a in argv], stdin=subprocess.PIPE,
@@ -34,7 +35,11 @@ class Program:
                                         text=True, env=env)
         self.lines = queue.Queue()
         threading.Thread(target=self._read, daemon=True).start()
-        self.ready = self.wait_for(ready) if ready else None
+        try:
+            self.ready = self.wait_for(ready) if ready else None
+        except BaseException:
+            self.stop()
+            raise
 
     def _read(self):
         for line in self.process.stdout:
