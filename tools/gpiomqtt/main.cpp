@@ -22,6 +22,7 @@
 #include <mosquitto.h>
 #include <mutex>
 #include <poll.h>
+#include <set>
 #include <stdexcept>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
@@ -124,6 +125,7 @@ class Gateway {
     void publish(const std::string& topic, const std::string& payload, bool retain);
     void publish_line(int line, bool value);
     void publish_everything();
+    void go_live();
     void on_connect(int code);
     void on_disconnect(int code);
     void on_message(const mosquitto_message& message);
@@ -136,9 +138,14 @@ class Gateway {
 
     std::mutex mutex_; // guards everything below; held across a state's update and publication
     GpiLines lines_;
-    bool connected_ = false;
+    // The link to the broker is up; connected_ once no message from before a loss is pending.
+    bool linkUp_ = false, connected_ = false;
     bool stopping_ = false;
-    int lastMid_ = -1, lastDelivered_ = -1;
+    // Messages handed to the client and not acknowledged yet. After a lost connection the client
+    // sends its QoS 1 and 2 ones again, but only after whatever the connect callback published:
+    // an old state would land on the broker after the current one and stay retained. So the
+    // current states go out once every old message is through.
+    std::set<int> unacknowledged_;
     bool attempting_ = false;  // a first connection is under way (main thread only)
     unsigned failedAttempts_ = 0;
     std::condition_variable delivered_;
@@ -267,7 +274,7 @@ void Gateway::publish(const std::string& topic, const std::string& payload, bool
                                      static_cast<int>(payload.size()), payload.data(),
                                      options_.qos, retain);
     if (rc == MOSQ_ERR_SUCCESS)
-        lastMid_ = mid;
+        unacknowledged_.insert(mid);
     if (options_.verbose)
         note("publish %s %s%s%s", topic.c_str(), payload.empty() ? "(empty)" : payload.c_str(),
              retain ? " retained" : "", rc == MOSQ_ERR_SUCCESS ? "" : " failed");
@@ -302,15 +309,26 @@ void Gateway::on_connect(int code) {
     std::lock_guard lock(mutex_);
     if (stopping_)
         return;
-    connected_ = true;
-    publish_everything();
+    linkUp_ = true;
     for (const Followed& followed : options_.gpo)
         mosquitto_subscribe(client_.get(), nullptr, followed.topic.c_str(), options_.qos);
+    if (unacknowledged_.empty())
+        go_live();
+    else if (options_.verbose)
+        note("%zu messages from before the loss go first", unacknowledged_.size());
+}
+
+// Called with the mutex held, once the link is up and nothing older is pending.
+void Gateway::go_live() {
+    connected_ = true;
+    publish_everything();
 }
 
 void Gateway::on_disconnect(int code) {
     std::lock_guard lock(mutex_);
-    connected_ = false;
+    linkUp_ = connected_ = false;
+    if (options_.qos == 0)
+        unacknowledged_.clear(); // never sent again
     if (!stopping_)
         note("lost the broker (%s); reconnecting", code == 0 ? "disconnected"
                                                               : mosquitto_strerror(code));
@@ -344,8 +362,10 @@ void Gateway::on_message(const mosquitto_message& message) {
 
 void Gateway::on_publish(int mid) {
     std::lock_guard lock(mutex_);
-    lastDelivered_ = mid;
+    unacknowledged_.erase(mid);
     delivered_.notify_all();
+    if (linkUp_ && !connected_ && !stopping_ && unacknowledged_.empty())
+        go_live();
 }
 
 void Gateway::stop() {
@@ -359,7 +379,7 @@ void Gateway::stop() {
     publish(connection_topic(ids_.connection), connection_status(false), true);
     stopping_ = true;
     if (connected_)
-        delivered_.wait_for(lock, kFarewellWait, [&] { return lastDelivered_ == lastMid_; });
+        delivered_.wait_for(lock, kFarewellWait, [&] { return unacknowledged_.empty(); });
     lock.unlock();
     mosquitto_disconnect(client_.get());
     mosquitto_loop_stop(client_.get(), false);
