@@ -1,7 +1,8 @@
 # Debian packages the project needs, and the function that installs the missing ones (sourced).
 
 # What building and running the programs needs.
-BUILD_PACKAGES=(g++ make cmake iproute2 util-linux procps pkg-config libcpp-httplib-dev)
+BUILD_PACKAGES=(g++ make cmake iproute2 util-linux procps pkg-config libcpp-httplib-dev
+  libmosquitto-dev nlohmann-json3-dev)
 # What the tests, the cross build, the fuzzers and the benchmarks add.
 TEST_PACKAGES=(
   pkg-config googletest libgtest-dev libgmock-dev libbenchmark-dev
@@ -12,6 +13,8 @@ TEST_PACKAGES=(
   chromium nodejs
   valgrind
   python3 python3-pytest
+  mosquitto mosquitto-clients python3-jsonschema
+  dpkg-dev
 )
 
 as_root() {
