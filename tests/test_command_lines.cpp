@@ -138,7 +138,8 @@ TEST(CommandLines, output_that_cannot_be_written_ends_with_status_1_and_its_caus
             from.send_to(loopback_address(42000), {play.begin(), play.begin() + 8});
         }
     });
-    const std::string zqctl = ZQCTL_PATH, devsim = DEVSIM_PATH " udp 127.0.0.1 32896",
+    // zqctl waits long for answers: the emulator in this process may run under memcheck.
+    const std::string zqctl = ZQCTL_PATH " -T 5000", devsim = DEVSIM_PATH " udp 127.0.0.1 32896",
                       board = SDIBOARD_PATH " -s " + dir + "/board.sock";
     const struct {
         std::string command;
