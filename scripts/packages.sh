@@ -10,6 +10,7 @@ TEST_PACKAGES=(
   clang libclang-rt-14-dev
   mandoc
   tshark
+  curl
   chromium nodejs
   valgrind
   python3 python3-pytest

@@ -1,12 +1,17 @@
 // The emulators' command lines as a person mistypes them: each mistake refused with one line and
 // its status, and whatever a path named left as it was.
+#include "loopback.h"
 #include "program.h"
 
 #include <devsim/devsim.h>
 #include <sdiboard/sdiboard.h>
 
+#include <atomic>
+#include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -58,6 +63,15 @@ TEST(CommandLines, emulators_refuse_a_mistake_with_one_line_and_touch_nothing) {
             {devsim + "udp 127.0.0.1 0 --at '1 restart -5'", 2,
              "devsim: --at: '-5' is not a number from 0 to 3600000"},
             {devsim, 2, "devsim: no link (udp, tcp or serial)"},
+            {devsim + "tcp 127.0.0.1 0 --refuse 3", 2,
+             "devsim: --refuse: no link here speaks Louth (udp, or serial with --louth)"},
+            {devsim + "serial --louth --nak 1", 2, "devsim: --nak: no link here speaks Sony 9-pin"},
+            {devsim + "udp 127.0.0.1 0 --clip A --clip A", 2,
+             "devsim: --clip: 'A' is in the clip store already"},
+            {devsim + "udp 127.0.0.1 0 --pcap " + dir + "/a --pcap " + dir + "/b", 2,
+             "devsim: option '--pcap' given twice"},
+            {sdiboard + "-s " + dir + "/a -s " + dir + "/b", 2,
+             "sdiboard: option '--socket' given twice"},
             {sdiboard + "--help", 0, ""},
             {sdiboard + "-s " + file, 1, "sdiboard: " + file + ": exists and is not a socket"},
             {sdiboard + "-s " + served, 1,
@@ -84,6 +98,93 @@ TEST(CommandLines, emulators_refuse_a_mistake_with_one_line_and_touch_nothing) {
     for (const std::string& path : {file, binary, live})
         unlink(path.c_str());
     rmdir(made);
+}
+
+// Where standard output goes: a full device, nowhere, a full file system, a file that may not grow
+// past 512 bytes (EFBIG), a reader that takes one line and goes.
+enum Sink { kFull, kClosed, kFullDisk, kSmallFile, kHead };
+const char* const kSinks[] = {
+    "sh -c 'CMD >/dev/full'", "sh -c 'CMD >&-'",
+    "unshare -m sh -c 'mount -t tmpfs -o size=4k tmpfs DIR && cat /dev/zero >DIR/fill 2>&-; "
+    "exec CMD >DIR/out'",
+    "sh -c 'ulimit -f 1 && trap \"\" XFSZ && exec CMD >DIR/out'", "sh -c 'CMD | head -1'"};
+
+std::string into(Sink sink, const std::string& command, const std::string& dir) {
+    std::string line = kSinks[sink];
+    for (size_t at; (at = line.find("DIR")) != std::string::npos;)
+        line.replace(at, 3, dir);
+    return line.replace(line.find("CMD"), 3, command);
+}
+
+// A line lost ends every program with status 1 and the cause, a serving one at once (a line of the
+// traffic, on another thread); a reader that goes away ends them quietly, as ever. Root: fixed
+// ports in a network namespace of the test's own, file systems in mount namespaces of their own.
+TEST(CommandLines, output_that_cannot_be_written_ends_with_status_1_and_its_cause) {
+    const bool root =
+        geteuid() == 0 && unshare(CLONE_NEWNET) == 0 && system("ip link set lo up") == 0;
+    char made[] = "/tmp/vlm-output-XXXXXX";
+    ASSERT_NE(mkdtemp(made), nullptr);
+    const std::string dir = made, nospace = "No space left on device";
+    devsim::DevSim sim;
+    const std::string udp = " --udp 127.0.0.1:" + std::to_string(sim.listen_udp("127.0.0.1", 0)),
+                      tcp = " --tcp 127.0.0.1:" + std::to_string(sim.listen_tcp("127.0.0.1", 0));
+    sim.transfers().set_gop({1, 2, 3});
+    sim.start();
+    std::atomic<bool> done{false};
+    std::thread traffic([&] { // a play for devsim and the rack, its first 8 bytes an event
+        const UdpEndpoint from;
+        const std::vector<uint8_t> play = {0, 1, 0, 3, 0, 0, 0, 0, 0, 0, 0x20, 0x01, 0x21};
+        for (; !done; std::this_thread::sleep_for(std::chrono::milliseconds(5))) {
+            from.send_to(loopback_address(32896), play);
+            from.send_to(loopback_address(42000), {play.begin(), play.begin() + 8});
+        }
+    });
+    // zqctl waits long for answers: the emulator in this process may run under memcheck.
+    const std::string zqctl = ZQCTL_PATH " -T 5000", devsim = DEVSIM_PATH " udp 127.0.0.1 32896",
+                      board = SDIBOARD_PATH " -s " + dir + "/board.sock";
+    const struct {
+        std::string command;
+        Sink sink;
+        bool needs_root;
+        int status;
+        std::string error; // the last line on standard error
+    } rows[] = {
+        {zqctl + udp + " status", kFull, false, 1, "zqctl: write error: " + nospace},
+        {zqctl + udp + " sense list", kHead, false, 0, ""},
+        {zqctl + udp + " watch", kFull, false, 1, "zqctl: write error: " + nospace},
+        {zqctl + tcp + " gop get " + dir + "/gop", kFullDisk, true, 1,
+         "zqctl: gop get: " + dir + "/gop: " + nospace},
+        {GPIOCTL_PATH " --help", kFull, false, 1, "gpioctl: write error: " + nospace},
+        {GPIOCTL_PATH " monitor", kSmallFile, true, 1, "gpioctl: write error: File too large"},
+        {devsim, kFull, false, 1, "devsim: write error: " + nospace},
+        {devsim, kClosed, false, 1, "devsim: write error: Bad file descriptor"},
+        {devsim, kSmallFile, true, 1, "devsim: write error: File too large"},
+        {board, kFull, false, 1, "sdiboard: write error: " + nospace},
+        {board, kFullDisk, true, 1, "sdiboard: write error: " + nospace},
+#ifdef RACK_PATH
+        {RACK_PATH " --http 127.0.0.1:0 -s " + dir + "/rack.sock udp 127.0.0.1 32896", kSmallFile,
+         true, 1, "rack: write error: File too large"},
+        {RACK_PATH " --http 127.0.0.1:0 -s " + dir + "/rack.sock udp 127.0.0.1 32896", kHead, true,
+         0, ""},
+#endif
+    };
+    if (!root)
+        std::cout << "the rows that need root are skipped\n";
+    for (const auto& row : rows) {
+        if (row.needs_root && !root)
+            continue;
+        const Outcome run = run_program(into(row.sink, row.command, dir));
+        EXPECT_EQ(run.status, row.status) << row.command << " " << row.sink;
+        const std::string last = run.err.substr(run.err.rfind('\n', run.err.size() - 2) + 1);
+        EXPECT_EQ(run.err.empty() ? "" : last, row.error.empty() ? "" : row.error + "\n")
+            << row.command << " " << row.sink;
+        EXPECT_EQ(std::count(run.out.begin(), run.out.end(), '\n'), row.sink == kHead)
+            << row.command;
+    }
+    done = true;
+    traffic.join();
+    EXPECT_EQ(access((dir + "/board.sock").c_str(), F_OK), -1) << "the board's socket is left";
+    std::filesystem::remove_all(dir); // the rack's socket too: SIGPIPE ends it in its kHead row
 }
 
 } // namespace

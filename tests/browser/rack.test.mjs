@@ -148,13 +148,17 @@ const checks = [
     }
   }],
   ['the API refuses bad values, a missing clip and another site, and changes nothing', async () => {
+    // A row without fields is a GET of that path. Every refusal says why, as JSON.
     const rows = [['gpi', { line: '8', action: 'on' }, 400], ['gpi', { line: '1', action: 'flip' }, 400],
       ['gpi', { levels: '0x100' }, 400], ['local', { local: 'yes' }, 400], ['load', { clip: 'NOPE' }, 404],
       ['fault', { kind: 'nak', bits: '256' }, 400], ['fault', { kind: 'late', ms: '0' }, 400],
-      ['fault', { kind: 'corrupt' }, 400], ['gpi', { line: '1', action: 'on' }, 403, { Origin: 'http://example.com' }]];
-    for (const [what, fields, status, headers] of rows) {
-      const answer = await post(what, fields, headers);
-      if (answer.status !== status) throw new Error(`${what} ${JSON.stringify(fields)}: ${answer.status}`);
+      ['fault', { kind: 'corrupt' }, 400], ['gpi', { line: '1', action: 'on' }, 403, { Origin: 'http://example.com' }],
+      ['gpi?line=9&action=on', {}, 400], ['gpi', { levels: '5', line: '1' }, 400],
+      ['../rack.js%00.html'], ['../index.html/'], ['../rackXjs'], ['nothing']];
+    for (const [what, fields, status = 404, headers] of rows) {
+      const answer = await (fields ? post(what, fields, headers) : fetch(`${origin}/api/${what}`));
+      const { error } = await answer.json();
+      if (answer.status !== status || typeof error !== 'string') throw new Error(`${what} ${JSON.stringify(fields)}: ${answer.status} ${error}`);
     }
     const state = await api('state');
     if (state.board.switches !== 8 || state.faults.length) throw new Error(`switches ${state.board.switches}, faults ${state.faults}`);

@@ -153,8 +153,8 @@ TEST_F(Vlmgpiod, gpo_requests_of_eight_bytes_or_more_are_written) {
     }
 }
 
-// gpioctl as a person runs it: a monitor line per edge, the daemon's own and a relayed one; the
-// setter's pairs and mask reaching the GPO register.
+// gpioctl as a person runs it: a monitor line per edge, the daemon's own and a relayed one, none
+// for a datagram of another size; the setter's pairs and mask reaching the GPO register.
 TEST_F(Vlmgpiod, gpioctl_monitors_edges_and_sets_lines) {
     board.emplace(path);
     start({});
@@ -167,7 +167,8 @@ TEST_F(Vlmgpiod, gpioctl_monitors_edges_and_sets_lines) {
     board->setGpi(0x05);
     ASSERT_TRUE(boardSaw(2));
     board->pulse(3);
-    sendLocal(INET_GPI_PORT, datagram({6, 0})); // from the network, relayed
+    sendLocal(LOOP_GPI_PORT, std::vector<uint8_t>(12, 1)); // not an event: skipped
+    sendLocal(INET_GPI_PORT, datagram({6, 0}));            // from the network, relayed
     const std::regex format("[0-9]+\\.[0-9]{9}\t(rising|falling|both)\t[0-7]\n");
     std::string edges;
     while (fgets(line, sizeof line, monitor)) {
@@ -195,6 +196,7 @@ TEST_F(Vlmgpiod, gpioctl_monitors_edges_and_sets_lines) {
          "gpioctl: --num-events: '0' is not a number from 1 to 2147483647"},
         {"monitor -n -1", 2, 0, 0,
          "gpioctl: --num-events: '-1' is not a number from 1 to 2147483647"},
+        {"-n 2 set 1=1", 2, 0, 0, "gpioctl: --num-events goes with monitor only"},
         {"set 0x2=1 05=1", 0, 2, 0x24},
         {"set --mask 0xF3", 0, 3, 0xF3},
         {"set 1=0", 0, 4, 0xF1},

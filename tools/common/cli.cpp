@@ -1,6 +1,9 @@
 // The command line's options, messages and exit statuses every program shares.
 #include "cli.h"
 
+#include "output.h"
+
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -26,6 +29,15 @@ const Option* by_letter(std::span<const Option> known, char letter) {
 
 [[noreturn]] void unknown(std::string_view word) {
     throw Refused("unknown option " + quote(word));
+}
+
+// Refuses `option`, just given, when it sets one thing and was given before.
+void once(const CommandLine& line, const Option* option) {
+    if (!option->has_value || option->repeatable)
+        return;
+    if (std::count_if(line.options.begin(), line.options.end(),
+                      [&](const CommandLine::Given& given) { return given.option == option; }) > 1)
+        throw Refused("option '--" + std::string(option->name) + "' given twice");
 }
 
 } // namespace
@@ -65,6 +77,7 @@ CommandLine parse(int argc, char* const* argv, std::span<const Option> known) {
             if (attached && !*attached)
                 throw Refused("option " + quote(word) + " needs a value");
             line.options.push_back({found, value(found, attached)});
+            once(line, found);
             continue;
         }
         for (size_t at = 1; at < word.size(); ++at) { // "-jq", "-n5", "-n 5"
@@ -72,6 +85,7 @@ CommandLine parse(int argc, char* const* argv, std::span<const Option> known) {
             if (!found)
                 unknown(std::string("-") + word[at]);
             line.options.push_back({found, value(found, argv[i] + at + 1)});
+            once(line, found);
             if (found->has_value)
                 break;
         }
@@ -81,18 +95,22 @@ CommandLine parse(int argc, char* const* argv, std::span<const Option> known) {
 
 std::string quote(std::string_view text) {
     constexpr size_t kShown = 40;
-    std::string out = "'";
-    for (size_t i = 0; i < text.size() && i < kShown; ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
+    return "'" + printable(text.substr(0, kShown)) + (text.size() > kShown ? "'..." : "'");
+}
+
+std::string printable(std::string_view text) {
+    std::string out;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
         if (byte >= 0x20 && byte < 0x7F) {
-            out += static_cast<char>(byte);
+            out += c;
         } else {
             char escaped[5];
             snprintf(escaped, sizeof escaped, "\\x%02X", byte);
             out += escaped;
         }
     }
-    return out + (text.size() > kShown ? "'..." : "'");
+    return out;
 }
 
 const char* program() {
@@ -106,14 +124,17 @@ int failure(const std::string& message) {
 
 int run(const char* name, const std::function<int()>& body) {
     program_name = name;
+    check_output();
+    int status = 0;
     try {
-        return body();
+        status = body();
     } catch (const Refused& refused) {
         fprintf(stderr, "%s: %s\nTry '%s --help'.\n", name, refused.what(), name);
-        return 2;
+        status = 2;
     } catch (const std::exception& error) {
-        return failure(error.what());
+        status = failure(error.what());
     }
+    return finish_output(status);
 }
 
 } // namespace cli

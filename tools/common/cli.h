@@ -17,18 +17,20 @@ struct Refused : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// An option a program knows: "--udp" and "-u", with a value or without.
+// An option a program knows: "--udp" and "-u", with a value or without. An option with a value
+// sets one thing and is given once, unless it is `repeatable` (each one adds or applies).
 struct Option {
     const char* name; // without the dashes
     char letter;      // 0: no short form
     bool has_value;
+    bool repeatable = false;
 };
 
 // The command line taken apart: the options given (in order, each with its value or null) and the
 // other words. Options may stand before, between or after the other words; "--" ends them; a word
 // of a dash and a digit ("-100") is a word, not an option. "--name=value", "--name value",
-// "-x value", "-xvalue" and "-jq" all work. Throws Refused for an unknown option or a missing
-// value.
+// "-x value", "-xvalue" and "-jq" all work. Throws Refused for an unknown option, a missing value
+// or an option with a value given twice that is not repeatable.
 struct CommandLine {
     struct Given {
         const Option* option;
@@ -42,10 +44,12 @@ CommandLine parse(int argc, char* const* argv, std::span<const Option> known);
 // `text` between single quotes, every byte that is not printable ASCII written as \xNN and the
 // whole cut after 40 characters, so that a message never carries raw bytes to a terminal.
 std::string quote(std::string_view text);
+// `text` whole, every byte that is not printable ASCII written as \xNN.
+std::string printable(std::string_view text);
 
-// Runs `body` as the program `name`: returns its status; a Refused becomes "NAME: message" and
-// "Try 'NAME --help'." on standard error with status 2, any other exception "NAME: message" with
-// status 1.
+// Runs `body` as the program `name`, its standard output checked (output.h): returns its status;
+// a Refused becomes "NAME: message" and "Try 'NAME --help'." on standard error with status 2, any
+// other exception "NAME: message" with status 1, and lost output status 1.
 int run(const char* name, const std::function<int()>& body);
 // The program's name as run() was given it.
 const char* program();

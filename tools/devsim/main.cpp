@@ -3,12 +3,12 @@
 #include "cli.h"
 #include "devsim.h"
 #include "options.h"
+#include "output.h"
 #include "paths.h"
 #include "recorder.h"
 
-#include <csignal>
+#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -34,7 +34,8 @@ const char kUsageEnd[] =
     "before or after the link.\n";
 
 // One line a message received: its bytes in hex (a management datagram's and a TCP message's
-// after "mgmt" or its tag; a Sony or Louth frame's alone), two spaces, what it is.
+// after "mgmt" or its tag; a Sony or Louth frame's alone), two spaces, what it is. A byte from the
+// network that is not printable (in a tag, say) is written as \xNN, never sent to a terminal.
 void print(const devsim::Received& message) {
     std::string prefix;
     if (message.protocol == devsim::Protocol::management)
@@ -42,7 +43,7 @@ void print(const devsim::Received& message) {
     else if (message.link == devsim::Link::tcp && message.tag != "s9p ")
         prefix = message.tag + " ";
     const devsim::Bytes& shown = message.frame.empty() ? message.wire : message.frame;
-    printf("%s%s  %s\n", prefix.c_str(), devsim::hex(shown).c_str(), message.text.c_str());
+    printf("%s\n", cli::printable(prefix + devsim::hex(shown) + "  " + message.text).c_str());
 }
 
 int run(int argc, char** argv) {
@@ -61,13 +62,7 @@ int run(int argc, char** argv) {
     }
     devsim::DevSim sim;
     const devsim::Links links = devsim::read_command_line(sim, line);
-
-    // The serving thread inherits this mask, so the signals reach sigwait below.
-    sigset_t stop_signals;
-    sigemptyset(&stop_signals);
-    sigaddset(&stop_signals, SIGINT);
-    sigaddset(&stop_signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+    const cli::StopSignals stop; // before the serving thread starts, which inherits it
 
     std::vector<std::string> own_links; // pty links made, removed at exit while still ours
     std::string where;
@@ -89,26 +84,24 @@ int run(int argc, char** argv) {
         throw;
     }
     sim.on_receive(print);
-    if (recorder)
+    if (recorder) // a record lost stops the server, as a line lost does
         sim.on_traffic([&](const devsim::Traffic& traffic) {
-            const bool was_recording = recorder->error() == 0;
-            if (!recorder->record(traffic) && was_recording)
-                cli::failure(pcap + ": " + strerror(recorder->error()) +
-                             "; nothing more is recorded");
+            if (!recorder->record(traffic))
+                cli::file_lost(pcap, recorder->error());
         });
     sim.start();
     printf("listening on %s\n", where.c_str());
 
-    int signal = 0;
-    sigwait(&stop_signals, &signal);
+    stop.wait();
     sim.stop();
     devsim::remove_links(sim, own_links);
-    return recorder && recorder->error() != 0 ? 1 : 0;
+    if (pcap_file.valid() && close(pcap_file.release()) != 0 && errno != EINTR)
+        cli::file_lost(pcap, errno);
+    return cli::output_lost() ? 1 : 0;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
     return cli::run("devsim", [&] { return run(argc, argv); });
 }

@@ -87,15 +87,33 @@ std::string open_link(DevSim& sim, const std::string& kind, const std::string& a
 } // namespace
 
 std::vector<cli::Option> command_line_options() {
-    std::vector<cli::Option> all = {{"scenario", 0, true}, {"also", 0, true}, {"mgmt", 0, true}};
+    std::vector<cli::Option> all = {
+        {"scenario", 0, true}, {"also", 0, true, true}, {"mgmt", 0, true}};
     for (const Directive& d : directives())
-        all.push_back({d.name, 0, d.has_value});
+        all.push_back({d.name, 0, d.has_value, true});
     return all;
 }
 
+namespace {
+
+// Refuses an answer that no link of `o` could give: a Louth refusal where no link hears Louth (a
+// UDP link always does: its datagrams of type 5 are Louth), a NAK where none hears Sony 9-pin.
+void check_answers(const Links& o, bool louth, bool refuse, bool nak) {
+    auto serves = [&](const char* kind) {
+        return o.link == kind ||
+               std::any_of(o.also.begin(), o.also.end(), [&](auto& l) { return l.first == kind; });
+    };
+    if (refuse && !serves("udp") && !(louth && serves("serial")))
+        throw cli::Refused("--refuse: no link here speaks Louth (udp, or serial with --louth)");
+    if (nak && !serves("udp") && !serves("tcp") && !(serves("serial") && !louth))
+        throw cli::Refused("--nak: no link here speaks Sony 9-pin");
+}
+
+} // namespace
+
 Links read_command_line(DevSim& sim, const cli::CommandLine& line) {
     Links o;
-    bool louth = false;
+    bool louth = false, refuse = false, nak = false;
     for (const auto& [option, value] : line.options) {
         const std::string name = option->name;
         if (name == "scenario")
@@ -107,6 +125,8 @@ Links read_command_line(DevSim& sim, const cli::CommandLine& line) {
         else if (is_directive(name))
             apply_option(sim, name, value);
         louth = louth || name == "louth";
+        refuse = refuse || name == "refuse";
+        nak = nak || name == "nak";
     }
     const std::vector<const char*>& w = line.words;
     o.link = w.empty() ? "" : w[0];
@@ -129,6 +149,7 @@ Links read_command_line(DevSim& sim, const cli::CommandLine& line) {
         std::any_of(o.also.begin(), o.also.end(), [](auto& l) { return l.first != "tcp"; });
     if (louth && !louth_link)
         throw cli::Refused("--louth needs a udp or serial link");
+    check_answers(o, louth, refuse, nak);
     return o;
 }
 

@@ -116,6 +116,8 @@ const Row kRows[] = {
          if (w.size() != 1 && w.size() != 3)
              v.usage();
          const std::string id = cli::clip_id(w[0], v.what.c_str());
+         if (sim.model().clip(id))
+             throw cli::Refused(v.what + ": " + cli::quote(id) + " is in the clip store already");
          if (w.size() == 1)
              sim.model().append_clip(id, 0);
          else

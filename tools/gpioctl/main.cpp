@@ -1,6 +1,7 @@
 // gpioctl: the daemon's GPI events and GPO requests from a shell, in the manner of the Linux GPIO
 // tools: `monitor` prints one line per edge, `set` takes LINE=VALUE pairs or a mask.
 #include "cli.h"
+#include "output.h"
 #include "toolkit.h"
 #include "values.h"
 
@@ -41,7 +42,7 @@ const char* edge(int status) {
         return "rising";
     case 2:
         return "both";
-    default:
+    default: // a datagram relayed from the network may carry any
         return "unknown";
     }
 }
@@ -56,7 +57,8 @@ int monitor(int64_t count) {
     fprintf(stderr, "gpioctl: monitoring GPI events on 127.0.0.1:%u\n", LOOP_GPI_PORT);
     for (int64_t seen = 0; count <= 0 || seen < count;) {
         GpioDatagram datagram;
-        ssize_t got = recv(fd, datagram.data(), datagram.size(), 0);
+        // MSG_TRUNC: the datagram's own length, so that a longer one is skipped, not cut.
+        ssize_t got = recv(fd, datagram.data(), datagram.size(), MSG_TRUNC);
         if (got != static_cast<ssize_t>(datagram.size()))
             continue;
         timespec now{};
@@ -64,10 +66,12 @@ int monitor(int64_t count) {
         Gpio event = gpioDecode(datagram);
         printf("%lld.%09ld\t%s\t%d\n", static_cast<long long>(now.tv_sec), now.tv_nsec,
                edge(event.status), event.lines);
+        if (cli::output_lost())
+            break;
         ++seen;
     }
     close(fd);
-    return 0;
+    return cli::output_lost() ? 1 : 0;
 }
 
 int send_requests(const std::vector<Gpio>& requests) {
@@ -117,6 +121,8 @@ int run(int argc, char** argv) {
                                              line.words.end());
     if (command == "monitor" && arguments.empty() && !mask)
         return monitor(count);
+    if (command == "set" && count > 0)
+        throw cli::Refused("--num-events goes with monitor only");
     if (command == "set" && mask && arguments.empty())
         return send_requests(
             {{255, static_cast<int32_t>(cli::integer(mask, 0, 0xFF, "--mask", true))}});
@@ -136,6 +142,5 @@ int run(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
     return cli::run("gpioctl", [&] { return run(argc, argv); });
 }

@@ -1,6 +1,7 @@
 // rack: the SDI board emulator and the video server emulator in one process, behind a web page
 // that shows the server's front panel and the board's GPI switches and GPO lamps, live.
 #include "cli.h"
+#include "output.h"
 #include "rack.h"
 #include "values.h"
 #include "web.h"
@@ -63,13 +64,8 @@ int run(int argc, char** argv) {
     if (page.empty())
         return cli::failure("the page's files are neither installed nor in " RACK_PAGE_SOURCE);
 
-    // Every thread started from here on inherits this mask, so the signals reach sigwait below.
-    sigset_t stop_signals;
-    sigemptyset(&stop_signals);
-    sigaddset(&stop_signals, SIGINT);
-    sigaddset(&stop_signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
-    signal(SIGPIPE, SIG_IGN); // a page that goes away fails its write, not the program
+    const cli::StopSignals stop; // every thread started from here on inherits it
+    signal(SIGPIPE, SIG_IGN);    // a page that goes away fails its write, not the program
 
     rack::Rack rack(board, line, kGpiEventPort,
                     [](const std::string& text) { printf("%s\n", text.c_str()); });
@@ -77,14 +73,12 @@ int run(int argc, char** argv) {
     printf("SDI board emulator on %s\nlistening on %s\npage on http://%s:%u/\n",
            rack.board_socket().c_str(), rack.links().c_str(), http.address.c_str(), web.port());
 
-    int signal = 0;
-    sigwait(&stop_signals, &signal);
-    return 0;
+    stop.wait();
+    return cli::output_lost() ? 1 : 0;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
     return cli::run("rack", [&] { return run(argc, argv); });
 }

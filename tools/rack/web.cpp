@@ -8,7 +8,10 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <httplib.h>
+#include <map>
+#include <sstream>
 #include <stdexcept>
 #include <unistd.h>
 #include <vector>
@@ -39,6 +42,27 @@ bool own_request(const httplib::Request& req) {
     return !req.has_header("Origin") || req.get_header_value("Origin") == "http://" + host;
 }
 
+// The page's own files, by their exact names: read once, served from memory, so that no path a
+// request makes up reaches the file system. cpp-httplib matches a path as a regular expression.
+struct PageFile {
+    const char* path;
+    const char* file;
+    const char* type;
+};
+constexpr PageFile kPageFiles[] = {{"/", "index.html", "text/html; charset=utf-8"},
+                                   {"/index\\.html", "index.html", "text/html; charset=utf-8"},
+                                   {"/rack\\.css", "rack.css", "text/css; charset=utf-8"},
+                                   {"/rack\\.js", "rack.js", "text/javascript; charset=utf-8"}};
+
+std::string file_text(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream text;
+    text << in.rdbuf();
+    if (!in)
+        throw std::runtime_error(path + ": cannot read the page's file");
+    return text.str();
+}
+
 } // namespace
 
 Web::Web(Rack& rack, const std::string& address, uint16_t port, const std::string& page)
@@ -49,14 +73,18 @@ Web::Web(Rack& rack, const std::string& address, uint16_t port, const std::strin
          {"X-Content-Type-Options", "nosniff"},
          {"Content-Security-Policy", "default-src 'self'; img-src 'self' data:"}});
     server.set_keep_alive_timeout(2);
-    server.set_pre_routing_handler([](const httplib::Request& req, httplib::Response& res) {
-        if (own_request(req))
-            return httplib::Server::HandlerResponse::Unhandled;
-        reply(res, 403, error_json("not this page's request (Host or Origin)"));
-        return httplib::Server::HandlerResponse::Handled;
+    server.set_error_handler([](const httplib::Request&, httplib::Response& res) {
+        if (res.body.empty()) // every refusal says what it is, as JSON
+            reply(res, res.status,
+                  error_json(res.status == 404
+                                 ? "not found"
+                                 : "bad request (HTTP " + std::to_string(res.status) + ")"));
     });
-    if (!server.set_mount_point("/", page))
-        throw std::runtime_error(page + ": not a folder of page files");
+    for (const PageFile& file : kPageFiles)
+        server.Get(file.path, [text = file_text(page + "/" + file.file),
+                               type = file.type](const httplib::Request&, httplib::Response& res) {
+            res.set_content(text, type);
+        });
 
     server.Get("/api/state", [this](const httplib::Request&, httplib::Response& res) {
         reply(res, 200, rack_.state_json());
@@ -83,21 +111,45 @@ Web::Web(Rack& rack, const std::string& address, uint16_t port, const std::strin
             });
     });
 
-    // Each action answers with the state it leaves, or with an error and its status.
+    // Each action answers with the state it leaves, or with an error and its status. Its fields
+    // come from a form body or the query string alike (cpp-httplib gathers both into the params).
     using Action = std::function<void(const httplib::Request&)>;
-    auto post = [&](const char* path, Action act) {
-        server.Post(path, [this, act](const httplib::Request& req, httplib::Response& res) {
-            try {
-                act(req);
-                reply(res, 200, rack_.state_json());
-            } catch (const Refusal& refusal) {
-                reply(res, refusal.status, error_json(refusal.what()));
-            } catch (const cli::Refused& refused) {
-                reply(res, 400, error_json(refused.what()));
-            }
+    auto actions = std::make_shared<std::map<std::string, Action>>();
+    auto act = [this](const Action& action, const httplib::Request& req, httplib::Response& res) {
+        try {
+            action(req);
+            reply(res, 200, rack_.state_json());
+        } catch (const Refusal& refusal) {
+            reply(res, refusal.status, error_json(refusal.what()));
+        } catch (const cli::Refused& refused) {
+            reply(res, 400, error_json(refused.what()));
+        }
+    };
+    auto post = [&](const char* path, Action action) {
+        (*actions)[path] = action;
+        server.Post(path, [act, action](const httplib::Request& req, httplib::Response& res) {
+            act(action, req, res);
         });
     };
+    server.set_pre_routing_handler(
+        [act, actions](const httplib::Request& req, httplib::Response& res) {
+            using Handled = httplib::Server::HandlerResponse;
+            if (!own_request(req)) {
+                reply(res, 403, error_json("not this page's request (Host or Origin)"));
+                return Handled::Handled;
+            }
+            // A POST with no body at all (no length, as curl -X POST sends it) has its fields in
+            // the query string; cpp-httplib would refuse it for the missing length.
+            const auto found = actions->find(req.path);
+            if (req.method != "POST" || req.has_header("Content-Length") ||
+                req.has_header("Transfer-Encoding") || found == actions->end())
+                return Handled::Unhandled;
+            act(found->second, req, res);
+            return Handled::Handled;
+        });
     post("/api/gpi", [this](const httplib::Request& req) {
+        if (req.has_param("levels") && (req.has_param("line") || req.has_param("action")))
+            throw cli::Refused("levels sets all eight lines: give it without line and action");
         if (req.has_param("levels"))
             rack_.gpi_levels(req.get_param_value("levels"));
         else
@@ -120,11 +172,17 @@ Web::Web(Rack& rack, const std::string& address, uint16_t port, const std::strin
         throw std::runtime_error("http " + address + ":" + std::to_string(port) + ": " +
                                  (errno ? strerror(errno) : "cannot listen"));
     port_ = port;
-    thread_ = std::thread([this] { server_->listen_after_bind(); });
+    thread_ = std::thread([this] {
+        server_->listen_after_bind();
+        served_ = true;
+    });
 }
 
 Web::~Web() {
     rack_.close();
+    // stop() does nothing to a server that has not begun to listen (a rack stopped as it starts)
+    while (!server_->is_running() && !served_)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     server_->stop();
     thread_.join();
 }

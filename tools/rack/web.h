@@ -3,6 +3,7 @@
 
 #include "rack.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -16,8 +17,9 @@ namespace rack {
 
 class Web {
   public:
-    // Binds `address`:`port` (0: the system chooses) and serves the files of the folder `page`
-    // and the API of `rack` from threads of its own. Throws std::runtime_error when it cannot.
+    // Binds `address`:`port` (0: the system chooses) and serves the page's files of the folder
+    // `page` (index.html, rack.css and rack.js, read once and served by their names only) and the
+    // API of `rack` from threads of its own. Throws std::runtime_error when it cannot.
     Web(Rack& rack, const std::string& address, uint16_t port, const std::string& page);
     // Ends the event streams (the rack closes) and stops serving.
     ~Web();
@@ -30,6 +32,7 @@ class Web {
     Rack& rack_;
     std::unique_ptr<httplib::Server> server_;
     uint16_t port_ = 0;
+    std::atomic<bool> served_{false}; // the server has stopped listening
     std::thread thread_;
 };
 

@@ -218,6 +218,7 @@ constexpr cli::Option kOptionTable[] = {
 int run(int argc, char** argv) {
     const cli::CommandLine line = cli::parse(argc, argv, kOptionTable);
     Session s;
+    bool unit = false, watching = false; // given: --unit; --rate or --count
     for (const auto& [option, value] : line.options) {
         const std::string name = std::string("--") + option->name;
         switch (option->letter) {
@@ -236,6 +237,7 @@ int run(int argc, char** argv) {
             break;
         case 'U':
             s.unit = static_cast<int>(cli::integer(value, 0, 15, "--unit"));
+            unit = true;
             break;
         case 'S':
             s.rate = cli::timecode_rate(value, "--standard");
@@ -251,9 +253,11 @@ int run(int argc, char** argv) {
             break;
         case 'r':
             s.rate_hz = cli::rate(value, 1000, "--rate");
+            watching = true;
             break;
         case 'n':
             s.count = cli::integer(value, 1, INT32_MAX, "--count");
+            watching = true;
             break;
         default:
             usage();
@@ -273,6 +277,10 @@ int run(int argc, char** argv) {
         throw cli::Refused("no link: give --udp, --tcp or --serial");
     if (s.louth && s.link == kTcp)
         throw cli::Refused("--louth goes over --udp or --serial");
+    if (unit && !s.louth)
+        throw cli::Refused("--unit goes with --louth");
+    if (watching && std::string(command->words) != "watch")
+        throw cli::Refused("--rate and --count go with watch");
     if (!(command->links & s.link))
         refused(command->words, std::string("over ") +
                                     (command->links == kTcp   ? "--tcp"
@@ -295,6 +303,5 @@ int run(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
-    setvbuf(stdout, nullptr, _IOLBF, 0);
     return cli::run("zqctl", [&] { return run(argc, argv); });
 }

@@ -29,14 +29,15 @@ class NewFile {
   public:
     explicit NewFile(const char* path) : path_(path), fd_(cli::create_new_file(path)) {}
     ~NewFile() {
-        close(fd_);
+        if (fd_ >= 0)
+            close(fd_);
         if (!kept_)
             unlink(path_.c_str());
     }
     NewFile(const NewFile&) = delete;
     NewFile& operator=(const NewFile&) = delete;
 
-    // Writes `bytes` and keeps the file; the exit status.
+    // Writes `bytes` and closes the file, which is kept when both succeed; the exit status.
     int keep(const char* operation, std::span<const uint8_t> bytes) {
         for (size_t done = 0; done < bytes.size();) {
             const ssize_t n = write(fd_, bytes.data() + done, bytes.size() - done);
@@ -44,6 +45,10 @@ class NewFile {
                 return missing(operation, path_ + ": " + strerror(errno));
             done += n > 0 ? static_cast<size_t>(n) : 0;
         }
+        const int closed = close(fd_);
+        fd_ = -1;
+        if (closed != 0 && errno != EINTR)
+            return missing(operation, path_ + ": " + strerror(errno));
         kept_ = true;
         return 0;
     }
@@ -144,7 +149,8 @@ int log(Session& s, Args) {
 }
 
 int picture(Session& s, Args args) {
-    const auto code = static_cast<uint16_t>(cli::integer(args[0], 0, 0xFFFF, "picture"));
+    // Codes 0 to 2 ask the management endpoint for other things (disk information, the log).
+    const auto code = static_cast<uint16_t>(cli::integer(args[0], 3, 0xFFFF, "picture"));
     NewFile file(args[1]);
     t_mgmt_command request;
     mgmt_getpicture(&request, code);
@@ -163,8 +169,8 @@ const Command kCommands[] = {
     {"gop get", "FILE", 1, 1, gop_get, "download the next GOP into FILE, a new file (TCP)", kTcp},
     {"gop put", "FILE", 1, 1, gop_put, "upload FILE as a GOP (TCP)", kTcp},
     {"log", "", 0, 0, log, "the server's log (UDP management endpoint)", kUdp},
-    {"picture", "CODE FILE", 2, 2, picture, "picture CODE into FILE, a new file (UDP management)",
-     kUdp},
+    {"picture", "CODE FILE", 2, 2, picture,
+     "picture CODE (3 to 65535) into FILE, a new file (UDP management)", kUdp},
 };
 
 } // namespace

@@ -2,6 +2,7 @@
 #include "zqctl.h"
 
 #include "cli.h"
+#include "output.h"
 
 #include <chrono>
 #include <csignal>
@@ -73,12 +74,18 @@ constexpr SenseName kSenses[] = {
     {"loop-mode", BAS_SENSE_LOOP_MODE},
 };
 
+// A Sony frame built from bytes (raw) carries at most this many data bytes: the frame builder
+// takes the low four bits of its count of bytes, CMD1 and CMD2 included.
+constexpr int kMiscMaxData = 13;
+
 [[noreturn]] void louth_only(const char* operation, const char* instead) {
-    refused(operation, std::string("not a Louth command; ") + instead);
+    refused(operation, std::string("not a Louth command") + (*instead ? "; " : "") + instead);
 }
 
-// A basic command in the protocol of the session.
+// A basic command in the protocol of the session (Louth has no eject, fast forward or rewind).
 int basic(Session& s, const char* operation, e_basic_command command) {
+    if (s.louth && (command == BAS_CMD_EJECT || command == BAS_CMD_FF || command == BAS_CMD_RW))
+        louth_only(operation, "");
     int result = s.louth ? zqhandler_cmd_louth_basic(s.handle(), command, s.unit)
                          : zqhandler_cmd_basic(s.handle(), command);
     return result == 0 ? 0 : failed(s, operation);
@@ -122,6 +129,11 @@ int cue(Session& s, Args args) {
     if (s.louth)
         louth_only("cue", "use clip cue ID");
     cli::timecode(args[0], s.rate, "cue");
+    // The library sends a label as drop-frame by its ";"; a ":" would name another frame.
+    const std::string tc = args[0];
+    if (s.rate.drop && tc[8] != ';')
+        refused("cue", cli::quote(tc) + " at a drop-frame standard is written " +
+                           cli::quote(tc.substr(0, 8) + ";" + tc.substr(9)));
     return zqhandler_cmd_cueWithData(s.handle(), args[0]) == 0 ? 0 : failed(s, "cue");
 }
 
@@ -193,9 +205,13 @@ int raw(Session& s, Args args) {
         frame.push_back(static_cast<uint8_t>(std::stoul(word, nullptr, 16)));
     }
     const int count = static_cast<int>(frame.size());
+    const std::string announced = "CMD1 " + hex_bytes({frame.data(), 1}) + " announces " +
+                                  std::to_string(frame[0] & 0x0F) + " data bytes";
+    if (!s.louth && (frame[0] & 0x0F) > kMiscMaxData)
+        refused("raw", announced + ", more than the " + std::to_string(kMiscMaxData) +
+                           " a frame built here carries");
     if (!s.louth && count != (frame[0] & 0x0F) + 2)
-        refused("raw", "CMD1 " + hex_bytes({frame.data(), 1}) + " announces " +
-                           std::to_string(frame[0] & 0x0F) + " data bytes");
+        refused("raw", announced);
     if (s.louth) {
         if (zqhandler_cmd_louth_misc(s.handle(), frame.data(), count) != 0)
             return failed(s, "raw");
@@ -237,6 +253,8 @@ int watch(Session& s, Args) {
             continue;
         s.printed = true;
         printf("%s\n", line.c_str());
+        if (cli::output_lost())
+            return 1;
         last = line;
         if (s.count > 0 && ++lines >= s.count)
             break;
