@@ -41,8 +41,9 @@ namespace {
 constexpr size_t kLongestIdentity = 64;
 
 std::string identity(const std::string& text, const char* what) {
-    const bool fits = !text.empty() && text.size() <= kLongestIdentity &&
-                      std::all_of(text.begin(), text.end(), [](char c) { return c > 0x20 && c < 0x7F; });
+    const bool fits =
+        !text.empty() && text.size() <= kLongestIdentity &&
+        std::all_of(text.begin(), text.end(), [](char c) { return c > 0x20 && c < 0x7F; });
     if (!fits)
         throw cli::Refused(std::string(what) + ": " + cli::quote(text) +
                            " is not a name of 1 to 64 printable characters without blanks");
@@ -62,7 +63,8 @@ Followed followed(const std::string& text) {
         throw cli::Refused("--gpo: " + cli::quote(text) + " is not LINE=TOPIC");
     const int line = static_cast<int>(cli::integer(text.substr(0, equals), 0, 7, "--gpo: LINE"));
     const std::string topic = text.substr(equals + 1);
-    if (topic.empty() || topic.size() > 65535 || topic.find_first_of(std::string("+#\0", 3)) != std::string::npos)
+    if (topic.empty() || topic.size() > 65535 ||
+        topic.find_first_of(std::string("+#\0", 3)) != std::string::npos)
         throw cli::Refused("--gpo: " + cli::quote(topic) +
                            " is not a topic without wildcards (+ #)");
     return {line, topic};
@@ -87,9 +89,9 @@ void read_credentials(const std::string& path, Options& options) {
 
 Options parse_options(int argc, char* const* argv) {
     static constexpr cli::Option kOptions[] = {
-        {"broker", 'b', true},     {"id", 'i', true},         {"qos", 'q', true},
-        {"gpo", 'g', true},        {"forward", 'f', true},    {"password-file", 'p', true},
-        {"cafile", 'c', true},     {"print-ids", 'P', false}, {"verbose", 'v', false},
+        {"broker", 'b', true},    {"id", 'i', true},         {"qos", 'q', true},
+        {"gpo", 'g', true, true}, {"forward", 'f', true},    {"password-file", 'p', true},
+        {"cafile", 'c', true},    {"print-ids", 'P', false}, {"verbose", 'v', false},
         {"help", 'h', false}};
     const cli::CommandLine line = cli::parse(argc, argv, kOptions);
     if (!line.words.empty())
