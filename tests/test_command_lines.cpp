@@ -161,6 +161,10 @@ TEST(CommandLines, output_that_cannot_be_written_ends_with_status_1_and_its_caus
         {devsim, kSmallFile, true, 1, "devsim: write error: File too large"},
         {board, kFull, false, 1, "sdiboard: write error: " + nospace},
         {board, kFullDisk, true, 1, "sdiboard: write error: " + nospace},
+#ifdef GPIOMQTT_PATH
+        {GPIOMQTT_PATH " --print-ids", kFull, false, 1, "gpiomqtt: write error: " + nospace},
+        {GPIOMQTT_PATH " --print-ids", kHead, false, 0, ""},
+#endif
 #ifdef RACK_PATH
         {RACK_PATH " --http 127.0.0.1:0 -s " + dir + "/rack.sock udp 127.0.0.1 32896", kSmallFile,
          true, 1, "rack: write error: File too large"},
