@@ -38,6 +38,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Ms = std::chrono::milliseconds;
 using sdiboard::Transfer;
+using sdiboard::Fault;
 
 constexpr const char* kUsage =
     "usage: soak_daemon SECONDS [--seed N] [--phase-ms MS] [--wrap 'PROGRAM ARGS...']\n"
@@ -466,7 +467,7 @@ class BoardSide {
   public:
     BoardSide(std::string path, const Plan& plan, unsigned seed, Sender& gpo)
         : path_(std::move(path)), plan_(plan), random_(seed), gpo_(gpo) {
-        board_ = std::make_unique<sdiboard::Board>(path_);
+        board_ = std::make_unique<sdiboard::Board>(path_, Fault::None, sdiboard::kKeepAll);
         episodes_.emplace_back();
     }
     ~BoardSide() { stop(); }
@@ -605,10 +606,12 @@ class BoardSide {
             board_.reset();
             unlink(away.c_str());
             seen_ = 0;
-            board_ = std::make_unique<sdiboard::Board>(path_, sdiboard::Fault::Absent); // silent
+            board_ = std::make_unique<sdiboard::Board>(path_, Fault::Absent, // silent
+                                                       sdiboard::kKeepAll);
             std::this_thread::sleep_until(episodes_.back().outageStart + o.length);
             board_.reset();
-            board_ = std::make_unique<sdiboard::Board>(path_); // powered up again: all zero
+            board_ = std::make_unique<sdiboard::Board>(path_, Fault::None, // powered up: all zero
+                                                       sdiboard::kKeepAll);
             presented_ = 0;
             if (levels_) { // the inputs are what they were: a change from the reset state
                 pending_.push_back({levels_, levels_});

@@ -44,13 +44,26 @@ TEST(TlapiSim, only_an_answer_of_three_bytes_in_time_is_taken) {
     }
 }
 
-TEST(TlapiSim, late_answer_is_not_taken_for_the_next_transfer) {
-    sdiboard::Board board(board_socket("late"), Fault::LateAnswers);
-    board.setRegister(sdiboard::kGpoRegister, 0x5A);
-    EXPECT_EQ(readRegister(sdiboard::kGpoRegister), (Bytes{0xFF, 0xFF, 0xFF}));
-    std::this_thread::sleep_for(std::chrono::milliseconds(80)); // its answer is waiting now
-    EXPECT_EQ(readRegister(sdiboard::kGpiRegister), (Bytes{0xFF, 0xFF, 0xFF}))
-        << "the answer for register 0x31 was taken for 0x30";
+TEST(TlapiSim, an_answer_that_missed_its_window_is_never_taken_for_another_transfer) {
+    const Bytes floating = {0xFF, 0xFF, 0xFF}, late = {0x42, sdiboard::kGpoRegister, 0x5A},
+                own = {0x42, sdiboard::kGpiRegister, 0x00};
+    // how late the first answer comes, and the pause before the next transfer: the late answer
+    // arrives inside the next transfer's window, or is already waiting when it starts
+    const std::tuple<const char*, int, int> cases[] = {
+        {"arrives during the next transfer", 30, 0},
+        {"arrives between the transfers", 30, 60},
+        {"arrives at the end of the next window", 38, 0},
+    };
+    for (const auto& [name, lateMs, pauseMs] : cases) {
+        sdiboard::Board board(board_socket("late"));
+        board.setRegister(sdiboard::kGpoRegister, 0x5A);
+        board.answerLate(lateMs);
+        EXPECT_EQ(readRegister(sdiboard::kGpoRegister), floating) << name;
+        std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
+        const Bytes next = readRegister(sdiboard::kGpiRegister);
+        EXPECT_NE(next, late) << name << ": the answer for register 0x31 was taken for 0x30";
+        EXPECT_TRUE(next == own || next == floating) << name << ": " << int(next[2]);
+    }
 }
 
 } // namespace
