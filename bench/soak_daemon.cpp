@@ -179,6 +179,7 @@ class CtrldSide {
             return;
         try {
             sim_ = std::make_unique<devsim::DevSim>();
+            sim_->keep_history(devsim::DevSim::kKeepEverything); // heard() checks every command
             sim_->listen_udp("127.0.0.1", kCtrldPort);
             sim_->start();
         } catch (const std::exception& e) {

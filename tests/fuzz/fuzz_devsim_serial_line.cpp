@@ -1,0 +1,53 @@
+// Any bytes on the emulator's serial line, in pieces of any size, Sony or Louth: every frame it
+// takes is whole and valid, bytes that form no frame get at most one answer before the next frame,
+// and a line gone quiet holds nothing once its steps are taken.
+#include <algorithm>
+#include <cstdlib>
+#include <devsim/serial_line.h>
+
+namespace {
+
+bool valid_frame(const devsim::Bytes& f, bool louth) {
+    unsigned sum = 0;
+    for (size_t i = louth ? 2 : 0; i + (louth ? 0 : 1) < f.size(); ++i)
+        sum += f[i];
+    if (louth)
+        return f.size() >= 5 && f[0] == 0x02 && f[1] + 3u == f.size() && sum % 256 == 0;
+    return f.size() == (f[0] & 0x0Fu) + 3u && sum % 256 == f.back();
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size < 2)
+        return 0;
+    const bool louth = data[0] & 1;
+    const size_t piece = data[1] % 20 + 1; // the line delivers this many bytes at a time
+    devsim::SerialLine line;
+    devsim::Bytes taken;
+    int answers_since_frame = 0;
+    auto take_steps = [&] {
+        for (;;) {
+            const devsim::LineStep step = line.next(louth, taken);
+            if (step.kind == devsim::LineStep::wait)
+                return;
+            if (taken.empty() || taken.size() != step.length)
+                abort();
+            if (step.kind == devsim::LineStep::frame && !valid_frame(taken, louth))
+                abort();
+            if (step.kind == devsim::LineStep::frame)
+                answers_since_frame = 0;
+            if (step.kind == devsim::LineStep::bad && ++answers_since_frame > 1)
+                abort();
+        }
+    };
+    for (size_t at = 2; at < size; at += piece) {
+        line.add(data + at, std::min(piece, size - at));
+        take_steps();
+    }
+    line.quiet();
+    take_steps();
+    if (line.holds())
+        abort();
+    return 0;
+}
