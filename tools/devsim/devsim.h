@@ -111,9 +111,9 @@ struct Counters {
 class DevSim {
   public:
     // The messages received and the answers sent that the history keeps: an emulator left
-    // running for weeks keeps the last thousand of each; a test that reads every message of a
+    // running for weeks keeps the last 500 of each; a test that reads every message of a
     // long run keeps them all (a recording, --pcap, keeps everything in a file instead).
-    static constexpr size_t kDefaultHistory = 1000;
+    static constexpr size_t kDefaultHistory = 500;
     static constexpr size_t kKeepEverything = SIZE_MAX;
 
     DevSim();
