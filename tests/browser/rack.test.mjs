@@ -121,6 +121,18 @@ const checks = [
     }
     await until('the fault used', async () => (await text('#faults')) === '');
   }],
+  ['the Corrupt button: the next answer has a wrong checksum, and the log shows it beside its frame', async () => {
+    await page.click('[data-fault="corrupt"]');
+    await until('the fault shown', async () => (await text('#faults')).includes('corrupt checksum'));
+    try {
+      zqctl('stop');
+      throw new Error('the corrupt answer was taken');
+    } catch (error) {
+      if (!String(error.stderr).includes('its checksum is wrong')) throw error;
+    }
+    await pageLogged('udp :32896', /20 00 20\s+STOP/);
+    await pageLogged('udp :32896', /\u2190\s*10 01 12\s+ACK \(bad checksum\)/);
+  }],
   ['the JSON API and the page show what the library reads over the wire, IN and OUT too', async () => {
     zqctl('stop');
     // An edit point's data sense answers 74 1x and the point's BCD timecode, frames first.
@@ -151,7 +163,7 @@ const checks = [
     const rows = [['gpi', { line: '8', action: 'on' }, 400], ['gpi', { line: '1', action: 'flip' }, 400],
       ['gpi', { levels: '0x100' }, 400], ['local', { local: 'yes' }, 400], ['load', { clip: 'NOPE' }, 404],
       ['fault', { kind: 'nak', bits: '256' }, 400], ['fault', { kind: 'late', ms: '0' }, 400],
-      ['fault', { kind: 'corrupt' }, 400], ['gpi', { line: '1', action: 'on' }, 403, { Origin: 'http://example.com' }]];
+      ['fault', { kind: 'restart', ms: '60001' }, 400], ['fault', { kind: 'refuse', byte: '0x100' }, 400], ['gpi', { line: '1', action: 'on' }, 403, { Origin: 'http://example.com' }]];
     for (const [what, fields, status, headers] of rows) {
       const answer = await post(what, fields, headers);
       if (answer.status !== status) throw new Error(`${what} ${JSON.stringify(fields)}: ${answer.status}`);

@@ -72,17 +72,28 @@ class Rack {
     void gpi_levels(const std::string& levels);                   // all eight, "0x05"
     void local(const std::string& on_off);
     void load(const std::string& clip);
-    // The next command gets this fault: "nak" (error bits `value`, hexadecimal, default 01),
-    // "silence" or "late" (`value` ms, default 500).
+    // The next command (Sony or Louth, on any link) gets this fault instead of its answer:
+    //   nak [bits]     a NAK with these error bits (default 0x01; Sony)
+    //   refuse [byte]  the refusal 05 and this byte (default 0x01; Louth)
+    //   silence        no answer
+    //   late [ms]      its answer this late (1 to 60000, default 500)
+    //   corrupt        its answer with a wrong checksum
+    //   restart [ms]   the server restarts, away this long (0 to 60000, default 2000)
+    //   close          TCP: the server closes the connection (elsewhere: silence)
+    // A fault of the other protocol leaves the command its own answer.
     void fault(const std::string& kind, const std::string& value);
+    // The field of a fault's value: "bits", "byte", "ms", or "" for a fault that takes none.
+    static const char* fault_field(const std::string& kind);
 
   private:
     struct Entry {
         uint64_t seq;
         std::string json;
     };
-    void log(const std::string& source, const std::vector<uint8_t>& bytes, const std::string& text);
+    void log(const std::string& source, const std::vector<uint8_t>& bytes, const std::string& text,
+             bool answer = false);
     void received(const devsim::Received& message);
+    void answered(const devsim::Traffic& answer);
     void watch();
     // The state as one snapshot of the model shows it: without the position, which moves on
     // its own, when not `with_position`; and the position alone.

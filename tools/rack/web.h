@@ -3,6 +3,7 @@
 
 #include "rack.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -30,6 +31,7 @@ class Web {
     Rack& rack_;
     std::unique_ptr<httplib::Server> server_;
     uint16_t port_ = 0;
+    std::atomic<size_t> streams_{0}; // event streams open
     std::thread thread_;
 };
 
