@@ -14,6 +14,7 @@ namespace {
 
 using Bytes = std::array<unsigned char, 3>;
 using sdiboard::Fault;
+const Bytes kFloating = {0xFF, 0xFF, 0xFF}; // a bus no board drives
 
 Bytes readRegister(unsigned char reg) {
     Bytes frame = {0x42, reg, 0x00};
@@ -22,15 +23,14 @@ Bytes readRegister(unsigned char reg) {
 }
 
 TEST(TlapiSim, only_an_answer_of_three_bytes_in_time_is_taken) {
-    const Bytes floating = {0xFF, 0xFF, 0xFF};
     // the board (none: nothing listens on the socket), what a read gets
     const std::tuple<const char*, std::optional<Fault>, Bytes> cases[] = {
         {"healthy board", Fault::None, {0x42, 0x31, 0x5A}},
-        {"no board", std::nullopt, floating},
-        {"silent board", Fault::Absent, floating},
-        {"answers of 2 bytes", Fault::ShortAnswers, floating},
-        {"answers of 4 bytes", Fault::LongAnswers, floating},
-        {"answers after 50 ms", Fault::LateAnswers, floating},
+        {"no board", std::nullopt, kFloating},
+        {"silent board", Fault::Absent, kFloating},
+        {"answers of 2 bytes", Fault::ShortAnswers, kFloating},
+        {"answers of 4 bytes", Fault::LongAnswers, kFloating},
+        {"answers after 50 ms", Fault::LateAnswers, kFloating},
     };
     for (const auto& [name, fault, read] : cases) {
         std::optional<sdiboard::Board> board;
@@ -45,8 +45,8 @@ TEST(TlapiSim, only_an_answer_of_three_bytes_in_time_is_taken) {
 }
 
 TEST(TlapiSim, an_answer_that_missed_its_window_is_never_taken_for_another_transfer) {
-    const Bytes floating = {0xFF, 0xFF, 0xFF}, late = {0x42, sdiboard::kGpoRegister, 0x5A},
-                own = {0x42, sdiboard::kGpiRegister, 0x00};
+    const Bytes late = {0x42, sdiboard::kGpoRegister, 0x5A},
+                own = {0x42, sdiboard::kGpiRegister, 0};
     // how late the first answer comes, and the pause before the next transfer: the late answer
     // arrives inside the next transfer's window, or is already waiting when it starts
     const std::tuple<const char*, int, int> cases[] = {
@@ -58,11 +58,11 @@ TEST(TlapiSim, an_answer_that_missed_its_window_is_never_taken_for_another_trans
         sdiboard::Board board(board_socket("late"));
         board.setRegister(sdiboard::kGpoRegister, 0x5A);
         board.answerLate(lateMs);
-        EXPECT_EQ(readRegister(sdiboard::kGpoRegister), floating) << name;
+        EXPECT_EQ(readRegister(sdiboard::kGpoRegister), kFloating) << name;
         std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
         const Bytes next = readRegister(sdiboard::kGpiRegister);
         EXPECT_NE(next, late) << name << ": the answer for register 0x31 was taken for 0x30";
-        EXPECT_TRUE(next == own || next == floating) << name << ": " << int(next[2]);
+        EXPECT_TRUE(next == own || next == kFloating) << name << ": " << int(next[2]);
     }
 }
 

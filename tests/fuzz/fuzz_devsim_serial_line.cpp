@@ -5,18 +5,15 @@
 #include <cstdlib>
 #include <devsim/serial_line.h>
 
-namespace {
-
-bool valid_frame(const devsim::Bytes& f, bool louth) {
+// A frame the line takes, checked apart from its code: a Sony frame's last byte sums the others;
+// a Louth frame is 02, its count, the bytes counted, and a checksum that sums them to 0.
+static bool valid_frame(const devsim::Bytes& f, bool louth) {
     unsigned sum = 0;
-    for (size_t i = louth ? 2 : 0; i + (louth ? 0 : 1) < f.size(); ++i)
+    for (size_t i = louth ? 2 : 0; i < f.size() - (louth ? 0 : 1); ++i)
         sum += f[i];
-    if (louth)
-        return f.size() >= 5 && f[0] == 0x02 && f[1] + 3u == f.size() && sum % 256 == 0;
-    return f.size() == (f[0] & 0x0Fu) + 3u && sum % 256 == f.back();
+    return louth ? f.size() >= 5 && f[0] == 0x02 && f[1] + 3u == f.size() && sum % 256 == 0
+                 : f.size() == (f[0] & 0x0Fu) + 3u && sum % 256 == f.back();
 }
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 2)
@@ -31,13 +28,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             const devsim::LineStep step = line.next(louth, taken);
             if (step.kind == devsim::LineStep::wait)
                 return;
-            if (taken.empty() || taken.size() != step.length)
+            const bool frame = step.kind == devsim::LineStep::frame;
+            if (taken.empty() || taken.size() != step.length ||
+                (frame && !valid_frame(taken, louth)))
                 abort();
-            if (step.kind == devsim::LineStep::frame && !valid_frame(taken, louth))
-                abort();
-            if (step.kind == devsim::LineStep::frame)
-                answers_since_frame = 0;
-            if (step.kind == devsim::LineStep::bad && ++answers_since_frame > 1)
+            answers_since_frame =
+                frame ? 0 : answers_since_frame + (step.kind == devsim::LineStep::bad);
+            if (answers_since_frame > 1)
                 abort();
         }
     };
