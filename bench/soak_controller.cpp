@@ -8,6 +8,7 @@
 // again. The emulator runs in a process of its own, so that the controller's memory and
 // descriptors, compared between the first and the last tenth of the run, are the library's.
 #include "soak_figures.h"
+#include "soak_support.h"
 
 #include <devsim/devsim.h>
 
@@ -24,11 +25,8 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <poll.h>
 #include <string>
-#include <sys/prctl.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <values.h>
@@ -65,12 +63,6 @@ constexpr size_t kShownProblems = 12;
 
 double msSince(Clock::time_point from) {
     return std::chrono::duration<double, std::milli>(Clock::now() - from).count();
-}
-
-double threadCpuMs() {
-    timespec t{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
-    return static_cast<double>(t.tv_sec) * 1e3 + static_cast<double>(t.tv_nsec) / 1e6;
 }
 
 // ---- What the server holds, the same in both processes: the controller checks what it reads.
@@ -190,8 +182,7 @@ void apply(devsim::DevSim& sim, const Order& o) {
 
 // The emulator's process: one server per link, each holding the same clips and contents; it sets
 // up the faults ordered on `control` until the controller's end closes.
-[[noreturn]] void serveEmulator(int control) {
-    prctl(PR_SET_PDEATHSIG, SIGTERM);
+int serveEmulator(int control) {
     std::array<std::unique_ptr<devsim::DevSim>, 3> sims;
     std::atomic<uint64_t> keepAlives{0};
     Setup setup{};
@@ -223,7 +214,7 @@ void apply(devsim::DevSim& sim, const Order& o) {
             sim->start();
     } catch (const std::exception& e) {
         fprintf(stderr, "soak_controller: the emulator could not start: %s\n", e.what());
-        _exit(1);
+        return 1;
     }
     (void)!send(control, &setup, sizeof setup, MSG_NOSIGNAL);
     Order order{};
@@ -239,7 +230,7 @@ void apply(devsim::DevSim& sim, const Order& o) {
     }
     for (auto& sim : sims)
         sim->stop();
-    _exit(0);
+    return 0;
 }
 
 // The emulator's process seen from the controller: started before any thread, ordered by any.
@@ -249,23 +240,22 @@ class Emulator {
         int ends[2];
         if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
             throw std::runtime_error(std::string("socketpair: ") + strerror(errno));
-        pid_ = fork();
-        if (pid_ < 0)
-            throw std::runtime_error(std::string("fork: ") + strerror(errno));
-        if (pid_ == 0) {
-            close(ends[0]);
-            serveEmulator(ends[1]);
-        }
-        close(ends[1]);
         control_ = ends[0];
-        pollfd ready{control_, POLLIN, 0};
-        if (poll(&ready, 1, 10000) != 1 ||
+        process_ = std::make_unique<soak::Process>([&] {
+            close(ends[0]);
+            return serveEmulator(ends[1]);
+        });
+        close(ends[1]);
+        if (!process_->error().empty())
+            throw std::runtime_error(process_->error());
+        if (!soak::waitReadable(control_, 10000) ||
             recv(control_, &setup_, sizeof setup_, 0) != static_cast<ssize_t>(sizeof setup_))
             throw std::runtime_error("the emulator did not start");
     }
+    // Its end closed, the emulator's process ends of itself.
     ~Emulator() {
         close(control_);
-        waitpid(pid_, nullptr, 0);
+        process_->waitExit(-1);
     }
     Emulator(const Emulator&) = delete;
     Emulator& operator=(const Emulator&) = delete;
@@ -279,10 +269,10 @@ class Emulator {
         return answer;
     }
     const Setup& setup() const { return setup_; }
-    pid_t pid() const { return pid_; }
+    pid_t pid() const { return process_->pid(); }
 
   private:
-    pid_t pid_ = -1;
+    std::unique_ptr<soak::Process> process_;
     int control_ = -1;
     Setup setup_{};
     std::mutex mutex_;
@@ -364,9 +354,9 @@ class Worker {
         pace();
         t_zqhandler* h = handles_[static_cast<size_t>(which)];
         const auto start = Clock::now();
-        const double cpu = threadCpuMs();
+        const double cpu = soak::threadCpuMs();
         last_.rc = f(h);
-        last_.cpuMs = threadCpuMs() - cpu;
+        last_.cpuMs = soak::threadCpuMs() - cpu;
         last_.ms = msSince(start);
         last_.code = zqhandler_get_last_err(h);
         ++opCalls_;
@@ -1000,10 +990,8 @@ Options parse(int argc, char** argv) {
 class Captured {
   public:
     Captured() {
-        char pattern[] = "/tmp/soak_controller.XXXXXX";
-        if (!mkdtemp(pattern))
+        if (dir_.path().empty())
             throw std::runtime_error(std::string("mkdtemp: ") + strerror(errno));
-        dir_ = pattern;
         fflush(stdout);
         fflush(stderr);
         for (int fd : {STDOUT_FILENO, STDERR_FILENO}) {
@@ -1023,9 +1011,7 @@ class Captured {
         for (int fd : {STDOUT_FILENO, STDERR_FILENO}) {
             dup2(saved_[fd - 1], fd);
             close(saved_[fd - 1]);
-            unlink(path(fd).c_str());
         }
-        rmdir(dir_.c_str());
     }
     Captured(const Captured&) = delete;
     Captured& operator=(const Captured&) = delete;
@@ -1047,8 +1033,8 @@ class Captured {
     }
 
   private:
-    std::string path(int fd) const { return dir_ + (fd == STDOUT_FILENO ? "/stdout" : "/stderr"); }
-    std::string dir_;
+    std::string path(int fd) const { return dir_.file(fd == STDOUT_FILENO ? "stdout" : "stderr"); }
+    soak::TempDir dir_{"soak_controller"};
     int saved_[2] = {-1, -1};
     FILE* report_ = nullptr;
 };
@@ -1062,101 +1048,108 @@ std::string faultList(const std::array<unsigned, kFaultKinds>& faults) {
     return text;
 }
 
-int soakRun(const Options& options) {
-    Emulator emulator; // before any thread: its process is a copy of this one
-    Captured captured;
-    FILE* out = captured.report();
+// Each link's worker, started and run until every one has met every fault once and the emulator's
+// memory has grown to what its servers' histories keep: the warm-up.
+std::vector<std::unique_ptr<Worker>> warmUp(Emulator& emulator, const Options& options) {
     std::vector<std::unique_ptr<Worker>> workers;
     for (LinkId link : {LinkId::udp, LinkId::tcp, LinkId::serial})
         workers.push_back(std::make_unique<Worker>(link, emulator, options));
-    const auto warmStart = Clock::now();
     for (auto& w : workers)
         w->start();
-    // Warm once every fault has been met, and the emulator's memory has grown to what it keeps.
     while (!std::all_of(workers.begin(), workers.end(), [](const auto& w) { return w->warm(); }) ||
            !emulator.order({LinkId::udp, Fault::none, Kind::sony, 0, 0}).historiesFull)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    return workers;
+}
 
-    const auto runStart = Clock::now();
-    const double warmSeconds = std::chrono::duration<double>(runStart - warmStart).count();
-    fprintf(out,
-            "soak_controller: %.0f s measured after a %.1f s warm-up (every fault once on each "
-            "link, the emulator's histories full); time-out %d ms, %d operations between faults, "
-            "at most %d calls a second on "
-            "each link; controller pid %d, emulator pid %d\n",
-            options.seconds, warmSeconds, options.timeoutMs, options.gap, options.rate, getpid(),
-            emulator.pid());
-    const size_t samples = static_cast<size_t>(options.seconds * 1000 / kSampleMs) + 16;
-    soak::ProcWatch controller(getpid(), samples), server(emulator.pid(), samples);
-    const auto runEnd =
-        runStart + std::chrono::milliseconds(static_cast<long>(options.seconds * 1000));
-    for (auto next = runStart; Clock::now() < runEnd;
-         next += std::chrono::milliseconds(kSampleMs)) {
+// The measured run: the controller's and the emulator's figures every kSampleMs, and at its end.
+void measure(soak::ProcWatch& controller, soak::ProcWatch& server, Clock::time_point runStart,
+             double seconds) {
+    const auto runEnd = runStart + std::chrono::milliseconds(static_cast<long>(seconds * 1000));
+    auto sampleBoth = [&] {
         const double at = std::chrono::duration<double>(Clock::now() - runStart).count();
         controller.sample(at, totalCalls);
         server.sample(at, totalCalls);
+    };
+    for (auto next = runStart; Clock::now() < runEnd; next += std::chrono::milliseconds(kSampleMs)) {
+        sampleBoth();
         std::this_thread::sleep_until(
             std::min(next + std::chrono::milliseconds(kSampleMs), runEnd));
     }
-    const double end = std::chrono::duration<double>(Clock::now() - runStart).count();
-    controller.sample(end, totalCalls);
-    server.sample(end, totalCalls);
-    stopping = true;
-    for (auto& w : workers)
-        w->join();
+    sampleBoth();
+}
 
-    // ---- The report.
+unsigned faultsInjected(const Stats& s) {
+    unsigned injected = 0;
+    for (unsigned n : s.faults)
+        injected += n;
+    return injected;
+}
+
+// One link's lines of the report, its problems last.
+void reportLink(FILE* out, const Worker& w) {
+    const Stats& s = w.stats();
+    std::string kinds;
+    for (size_t k = 0; k < 4; ++k)
+        if (s.faultsByKind[k])
+            kinds += std::string(kinds.empty() ? "" : ", ") + kKindNames[k] + " " +
+                     std::to_string(s.faultsByKind[k]);
+    fprintf(out,
+            "%s: %llu calls in %llu operations: %llu answered as they should, %llu met their "
+            "fault as they should\n"
+            "  %u faults (%s; on %s operations)\n"
+            "  worst time-out overshoot %.1f ms (%s); slowest answer %.1f ms; CPU %.3f ms "
+            "a call\n"
+            "  %u calls while the server was away or on the link it closed, failed as "
+            "silence does\n"
+            "  after the fault had passed: %u recovered at the next call, %u later, %u stuck\n",
+            kLinkNames[static_cast<int>(w.link())], (unsigned long long)s.calls,
+            (unsigned long long)s.operations, (unsigned long long)s.answered,
+            (unsigned long long)s.failedAsAsked, faultsInjected(s), faultList(s.faults).c_str(),
+            kinds.c_str(), s.worstOvershootMs, s.worstAt.c_str(), s.slowestAnswerMs,
+            s.calls ? s.cpuMs / static_cast<double>(s.calls) : 0.0, s.awayCalls, s.recovered,
+            s.lateRecoveries, s.stuck);
+    if (w.link() == LinkId::tcp)
+        fprintf(out,
+                "  connected again %u times after the server closed the link (%u connects "
+                "refused while it restarted, longest %.0f ms); before, %u calls on the closed "
+                "link gave RCV_TIMEOUT after %.1f ms, %.1f ms of CPU each, and the next "
+                "S9P_ERR_SYSTEM at once; %u stalls survived with %llu keep-alives\n",
+                s.reconnects, s.refusedConnects, s.longestReconnectMs, s.closedLinkCalls,
+                s.closedLinkCalls ? s.closedLinkMs / s.closedLinkCalls : 0.0,
+                s.closedLinkCalls ? s.closedLinkCpuMs / s.closedLinkCalls : 0.0,
+                s.stallsSurvived, (unsigned long long)s.keepAlives);
+    for (const auto& p : s.shown)
+        fprintf(out, "  PROBLEM: %s\n", p.c_str());
+    if (s.problems > s.shown.size())
+        fprintf(out, "  ... and %llu more\n", (unsigned long long)(s.problems - s.shown.size()));
+}
+
+// What the summary adds up over the links.
+struct Totals {
     uint64_t problems = 0, faults = 0, stuck = 0;
     double worst = -1e9;
-    std::string worstLink, callsText;
+    std::string worstLink, calls;
+};
+
+Totals totalsOf(const std::vector<std::unique_ptr<Worker>>& workers) {
+    Totals t;
     for (const auto& w : workers) {
         const Stats& s = w->stats();
         const char* name = kLinkNames[static_cast<int>(w->link())];
-        unsigned injected = 0;
-        for (unsigned n : s.faults)
-            injected += n;
-        std::string kinds;
-        for (size_t k = 0; k < 4; ++k)
-            if (s.faultsByKind[k])
-                kinds += std::string(kinds.empty() ? "" : ", ") + kKindNames[k] + " " +
-                         std::to_string(s.faultsByKind[k]);
-        fprintf(out,
-                "%s: %llu calls in %llu operations: %llu answered as they should, %llu met their "
-                "fault as they should\n"
-                "  %u faults (%s; on %s operations)\n"
-                "  worst time-out overshoot %.1f ms (%s); slowest answer %.1f ms; CPU %.3f ms "
-                "a call\n"
-                "  %u calls while the server was away or on the link it closed, failed as "
-                "silence does\n"
-                "  after the fault had passed: %u recovered at the next call, %u later, %u stuck\n",
-                name, (unsigned long long)s.calls, (unsigned long long)s.operations,
-                (unsigned long long)s.answered, (unsigned long long)s.failedAsAsked, injected,
-                faultList(s.faults).c_str(), kinds.c_str(), s.worstOvershootMs, s.worstAt.c_str(),
-                s.slowestAnswerMs, s.calls ? s.cpuMs / static_cast<double>(s.calls) : 0.0,
-                s.awayCalls, s.recovered, s.lateRecoveries, s.stuck);
-        if (w->link() == LinkId::tcp)
-            fprintf(out,
-                    "  connected again %u times after the server closed the link (%u connects "
-                    "refused while it restarted, longest %.0f ms); before, %u calls on the closed "
-                    "link gave RCV_TIMEOUT after %.1f ms, %.1f ms of CPU each, and the next "
-                    "S9P_ERR_SYSTEM at once; %u stalls survived with %llu keep-alives\n",
-                    s.reconnects, s.refusedConnects, s.longestReconnectMs, s.closedLinkCalls,
-                    s.closedLinkCalls ? s.closedLinkMs / s.closedLinkCalls : 0.0,
-                    s.closedLinkCalls ? s.closedLinkCpuMs / s.closedLinkCalls : 0.0,
-                    s.stallsSurvived, (unsigned long long)s.keepAlives);
-        for (const auto& p : s.shown)
-            fprintf(out, "  PROBLEM: %s\n", p.c_str());
-        if (s.problems > s.shown.size())
-            fprintf(out, "  ... and %llu more\n",
-                    (unsigned long long)(s.problems - s.shown.size()));
-        problems += s.problems;
-        faults += injected;
-        stuck += s.stuck;
-        if (s.worstOvershootMs > worst)
-            worst = s.worstOvershootMs, worstLink = name;
-        callsText +=
-            std::string(callsText.empty() ? "" : ", ") + name + " " + std::to_string(s.calls);
+        t.problems += s.problems;
+        t.faults += faultsInjected(s);
+        t.stuck += s.stuck;
+        if (s.worstOvershootMs > t.worst)
+            t.worst = s.worstOvershootMs, t.worstLink = name;
+        t.calls += std::string(t.calls.empty() ? "" : ", ") + name + " " + std::to_string(s.calls);
     }
+    return t;
+}
+
+// The figures of both processes, the library's own output, and the summary line: the verdict.
+bool reportEnd(FILE* out, const Captured& captured, const Totals& t, const Options& options,
+               const soak::ProcWatch& controller, const soak::ProcWatch& server) {
     const soak::Verdict verdict = controller.verdict(options.seconds, "call", false);
     const soak::Verdict emulatorFigures = server.verdict(options.seconds, "call", false);
     fprintf(out,
@@ -1170,21 +1163,44 @@ int soakRun(const Options& options) {
             "library output: %zu lines on standard output (%zu late management answers "
             "flushed), %zu trace lines on standard error (%zu of keep-alives)\n",
             printed, flushes, traced, keepAliveLines);
-
     std::string verdictText = "passed";
-    if (problems || stuck || !verdict.flat || !emulatorFigures.flat)
+    if (t.problems || t.stuck || !verdict.flat || !emulatorFigures.flat)
         verdictText =
-            "FAILED:" + std::string(problems ? " " + std::to_string(problems) + " problems;" : "") +
+            "FAILED:" + std::string(t.problems ? " " + std::to_string(t.problems) + " problems;" : "") +
             (verdict.flat ? "" : " not flat: " + verdict.why) +
             (emulatorFigures.flat ? "" : " emulator not flat: " + emulatorFigures.why);
     fprintf(out,
             "soak controller %.0f s: calls %s; %llu faults injected; worst time-out overshoot "
-            "%.1f ms (%s); %llu stuck handles; controller %s, emulator %s (first -> last "
-            "tenth): %s\n",
-            options.seconds, callsText.c_str(), (unsigned long long)faults, worst,
-            worstLink.c_str(), (unsigned long long)stuck, verdict.brief.c_str(),
+            "%.1f ms (%s); %llu stuck handles; controller %s, emulator %s (first -> last tenth): "
+            "%s\n",
+            options.seconds, t.calls.c_str(), (unsigned long long)t.faults, t.worst,
+            t.worstLink.c_str(), (unsigned long long)t.stuck, verdict.brief.c_str(),
             emulatorFigures.brief.c_str(), verdictText.c_str());
-    return verdictText == "passed" ? 0 : 1;
+    return verdictText == "passed";
+}
+
+int soakRun(const Options& options) {
+    Emulator emulator; // before any thread: its process is a copy of this one
+    Captured captured;
+    FILE* out = captured.report();
+    const auto warmStart = Clock::now();
+    const std::vector<std::unique_ptr<Worker>> workers = warmUp(emulator, options);
+    const auto runStart = Clock::now();
+    fprintf(out,
+            "soak_controller: %.0f s measured after a %.1f s warm-up (every fault once on each "
+            "link, the emulator's histories full); time-out %d ms, %d operations between faults, at most %d calls a second on "
+            "each link; controller pid %d, emulator pid %d\n",
+            options.seconds, std::chrono::duration<double>(runStart - warmStart).count(),
+            options.timeoutMs, options.gap, options.rate, getpid(), emulator.pid());
+    const size_t samples = static_cast<size_t>(options.seconds * 1000 / kSampleMs) + 16;
+    soak::ProcWatch controller(getpid(), samples), server(emulator.pid(), samples);
+    measure(controller, server, runStart, options.seconds);
+    stopping = true;
+    for (auto& w : workers)
+        w->join();
+    for (const auto& w : workers)
+        reportLink(out, *w);
+    return reportEnd(out, captured, totalsOf(workers), options, controller, server) ? 0 : 1;
 }
 
 } // namespace

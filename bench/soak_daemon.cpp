@@ -4,13 +4,15 @@
 // cycles through answering, NAKs, late answers, garbage, silence, a closed port and restarts. At
 // the end every change, request and datagram is accounted for, and the daemon's memory,
 // descriptors and CPU per poll are compared between the first and the last tenth of the run.
-#include "harness.h"
+#include "loopback.h"
 #include "soak_figures.h"
+#include "soak_support.h"
 
 #include <cli.h>
 #include <devsim/devsim.h>
 #include <sdiboard/sdiboard.h>
 #include <values.h>
+#include <vlmgpiod/gpio_event.h>
 
 #include <algorithm>
 #include <atomic>
@@ -33,7 +35,14 @@
 #include <unistd.h>
 #include <vector>
 
+// Gpio is a C record, with no comparison of its own.
+static bool operator==(const Gpio& a, const Gpio& b) {
+    return a.lines == b.lines && a.status == b.status;
+}
+
 namespace {
+
+using Event = Gpio; // a GPI event or a GPO request, as the daemon's datagram carries it
 
 using Clock = std::chrono::steady_clock;
 using Ms = std::chrono::milliseconds;
@@ -51,10 +60,8 @@ constexpr const char* kUsage =
     "Needs root (a network namespace of its own). Exit status 0 when nothing was lost or extra\n"
     "and the daemon stayed flat, 1 otherwise, 2 on a usage error, 77 when not root.\n";
 
-constexpr uint16_t kGpiPort = 42000;
-constexpr uint16_t kGpoPort = 42001;
-constexpr uint16_t kNetPort = 42002;
 constexpr uint16_t kCtrldPort = 32896;
+constexpr Gpio kProbe = {0x7E57, 0};       // a network event no board line can produce
 constexpr int32_t kRelayBase = 0x40000000; // network events carry base + their number as line
 constexpr uint8_t kFloatingBus = 0xFF;     // what the SPI reads when no board answers
 constexpr double kSteadyPerSecond = 5;     // per sender
@@ -78,31 +85,6 @@ void fail(const std::string& what) {
     if (failureText.empty())
         failureText = what;
     failed = true;
-}
-
-struct Event {
-    int32_t line;
-    int32_t status;
-    bool operator==(const Event&) const = default;
-};
-
-std::vector<uint8_t> encode(const Event& e) {
-    std::vector<uint8_t> bytes(8);
-    for (int i = 0; i < 4; ++i) {
-        bytes[static_cast<size_t>(i)] = static_cast<uint8_t>(static_cast<uint32_t>(e.line) >> (24 - 8 * i));
-        bytes[static_cast<size_t>(4 + i)] =
-            static_cast<uint8_t>(static_cast<uint32_t>(e.status) >> (24 - 8 * i));
-    }
-    return bytes;
-}
-
-Event decode(const uint8_t* p) {
-    auto be32 = [](const uint8_t* q) {
-        return static_cast<int32_t>(static_cast<uint32_t>(q[0]) << 24 |
-                                    static_cast<uint32_t>(q[1]) << 16 |
-                                    static_cast<uint32_t>(q[2]) << 8 | q[3]);
-    };
-    return {be32(p), be32(p + 4)};
 }
 
 // ---- The plan: when each fault happens, fixed before the run starts.
@@ -334,10 +316,11 @@ class Sender {
 
     void sendOne(int fd) {
         const size_t number = sent_.size();
-        const Event e = port_ == kGpoPort ? request()
+        const Event e = port_ == LOOP_GPO_PORT ? request()
                                           : Event{kRelayBase + static_cast<int32_t>(number),
                                                   static_cast<int32_t>(random_())};
-        std::vector<uint8_t> bytes = encode(e);
+        const GpioDatagram datagram = gpioEncode(e);
+        std::vector<uint8_t> bytes(datagram.begin(), datagram.end());
         if (number % 16 == 5)
             bytes.resize(5); // too short: ignored
         else if (number % 16 == 13)
@@ -350,7 +333,7 @@ class Sender {
             return;
         }
         sent_.push_back({bytes});
-        if (bytes.size() >= 8)
+        if (bytes.size() >= GPIO_DATAGRAM_SIZE)
             ++accepted;
     }
 
@@ -430,21 +413,21 @@ class Receiver {
             if (bytes.empty())
                 continue;
             lastArrival = Clock::now().time_since_epoch().count();
-            if (bytes.size() != 8) {
+            if (bytes.size() != GPIO_DATAGRAM_SIZE) {
                 ++malformed_;
                 continue;
             }
-            const Event e = decode(bytes.data());
-            if (e == Event{e2e::kProbe.lines, e2e::kProbe.status}) {
+            const Event e = gpioDecodeBytes(bytes.data());
+            if (e == kProbe) {
                 ++probes;
                 continue;
             }
-            if (e.line >= kRelayBase)
+            if (e.lines >= kRelayBase)
                 ++relays;
             arrivals_.push_back({e, Clock::now()});
         }
     }
-    UdpEndpoint socket_{kGpiPort};
+    UdpEndpoint socket_{LOOP_GPI_PORT};
     std::vector<Arrival> arrivals_;
     size_t malformed_ = 0;
     std::atomic<bool> stopping_{false};
@@ -753,7 +736,7 @@ Diff compare(const std::vector<T>& expected, const std::vector<T>& got, Show sho
 }
 
 std::string showEvent(const Event& e) {
-    return "(" + std::to_string(e.line) + ", " + std::to_string(e.status) + ")";
+    return "(" + std::to_string(e.lines) + ", " + std::to_string(e.status) + ")";
 }
 
 struct GpiCheck {
@@ -764,6 +747,69 @@ struct GpiCheck {
     Diff diff;
 };
 
+// Appends the events of `polls` to `out` (and the polls to `seq`), the first compared with a
+// poll that read `previous`: the levels the last of them read.
+uint8_t appendEvents(const std::vector<Poll>& polls, uint8_t previous, std::vector<Event>& out,
+                     std::vector<Poll>* seq = nullptr) {
+    for (const auto& p : polls) {
+        const auto events = eventsOf(p, previous);
+        out.insert(out.end(), events.begin(), events.end());
+        previous = p.gpi;
+        if (seq)
+            seq->push_back(p);
+    }
+    return previous;
+}
+
+const Poll kFloatingPoll{kFloatingBus, kFloatingBus, {}, true};
+
+struct FloatingMatch {
+    size_t polls = 0;  // floating polls before the board's
+    size_t length = 0; // events matched from where they start
+    bool whole = false;
+};
+
+// From `at` in `got`: as many floating polls as their events come there, each followed by a try
+// of the board's next polls (`next[0]` after no floating poll, `next[1]` after some); `best`
+// keeps the number under which the most events match.
+void tryFloatingAt(const std::vector<Event> (&next)[2], uint8_t previous,
+                   const std::vector<Event>& got, size_t at, FloatingMatch& best) {
+    for (size_t k = 0;; ++k) {
+        const auto& tail = next[k ? 1 : 0];
+        const size_t from = at + 8 * k;
+        size_t length = 0;
+        while (length < tail.size() && from + length < got.size() && tail[length] == got[from + length])
+            ++length;
+        best.whole = length == tail.size();
+        if (8 * k + length > best.length || best.whole)
+            best = {k, 8 * k + length, best.whole};
+        if (best.whole)
+            return;
+        std::vector<Event> group; // does another floating poll come here?
+        previous = appendEvents({kFloatingPoll}, previous, group);
+        if (from + 8 > got.size() ||
+            !std::equal(group.begin(), group.end(), got.begin() + static_cast<long>(from)))
+            return;
+    }
+}
+
+// The number of floating polls before `board`'s polls under which they match longest, looked for
+// a little around `expected` (where they should start) in case events were lost.
+size_t floatingBefore(const std::vector<Poll>& board, uint8_t previous, size_t expected,
+                      const std::vector<Event>& got) {
+    std::vector<Event> next[2];
+    appendEvents(board, previous, next[0]);
+    appendEvents(board, kFloatingBus, next[1]);
+    FloatingMatch best;
+    for (long tried = 0; tried <= 32 && !best.whole; ++tried) {
+        const long shift = tried % 2 ? -(tried + 1) / 2 : tried / 2; // 0, -1, 1, -2, ...
+        const long start = static_cast<long>(expected) + shift;
+        if (start >= 0 && start <= static_cast<long>(got.size()))
+            tryFloatingAt(next, previous, got, static_cast<size_t>(start), best);
+    }
+    return best.polls;
+}
+
 // Each outage adds an unknown number of floating polls, eight events each: the number is the
 // one under which what came matches longest.
 GpiCheck checkGpi(const std::vector<Episode>& episodes, const std::vector<Event>& got) {
@@ -773,61 +819,17 @@ GpiCheck checkGpi(const std::vector<Episode>& episodes, const std::vector<Event>
     std::vector<std::vector<Poll>> perEpisode;
     for (size_t i = 0; i < episodes.size(); ++i)
         perEpisode.push_back(pollsOf(episodes[i], i == 0, &previous));
-    auto append = [&](const std::vector<Poll>& polls, uint8_t prev, std::vector<Event>& out,
-                      std::vector<Poll>* seq) {
-        for (const auto& p : polls) {
-            auto ev = eventsOf(p, prev);
-            out.insert(out.end(), ev.begin(), ev.end());
-            prev = p.gpi;
-            if (seq)
-                seq->push_back(p);
-        }
-        return prev;
-    };
-    const Poll floating{kFloatingBus, kFloatingBus, {}, true};
     for (size_t i = 0; i < perEpisode.size(); ++i) {
         if (i > 0) {
-            // The number of floating polls under which the board's next polls match longest,
-            // looked for a little around where they should start (in case events were lost).
-            std::vector<Event> next[2]; // after no floating poll, after some
-            append(perEpisode[i], previous, next[0], nullptr);
-            append(perEpisode[i], kFloatingBus, next[1], nullptr);
-            size_t bestK = 0, bestLength = 0;
-            bool whole = false;
-            for (long tried = 0; tried <= 32 && !whole; ++tried) {
-                const long shift = tried % 2 ? -(tried + 1) / 2 : tried / 2; // 0, -1, 1, -2, ...
-                const long start = static_cast<long>(expected.size()) + shift;
-                if (start < 0 || start > static_cast<long>(got.size()))
-                    continue;
-                const size_t at = static_cast<size_t>(start);
-                uint8_t prev = previous;
-                for (size_t k = 0;; ++k) {
-                    const auto& tail = next[k ? 1 : 0];
-                    const size_t from = at + 8 * k;
-                    size_t length = 0;
-                    while (length < tail.size() && from + length < got.size() &&
-                           tail[length] == got[from + length])
-                        ++length;
-                    whole = length == tail.size();
-                    if (8 * k + length > bestLength || whole)
-                        bestK = k, bestLength = 8 * k + length;
-                    if (whole)
-                        break;
-                    std::vector<Event> group; // does another floating poll come here?
-                    prev = append({floating}, prev, group, nullptr);
-                    if (from + 8 > got.size() || !std::equal(group.begin(), group.end(),
-                                                             got.begin() + static_cast<long>(from)))
-                        break;
-                }
-            }
-            for (size_t n = 0; n < bestK; ++n)
-                previous = append({floating}, previous, expected, &c.polls);
-            c.floatingPerOutage.push_back(bestK);
-            c.floatingEvents += 8 * bestK;
+            const size_t k = floatingBefore(perEpisode[i], previous, expected.size(), got);
+            for (size_t n = 0; n < k; ++n)
+                previous = appendEvents({kFloatingPoll}, previous, expected, &c.polls);
+            c.floatingPerOutage.push_back(k);
+            c.floatingEvents += 8 * k;
         }
         const size_t before = expected.size();
         c.episodeStart.push_back(c.polls.size());
-        previous = append(perEpisode[i], previous, expected, &c.polls);
+        previous = appendEvents(perEpisode[i], previous, expected, &c.polls);
         c.boardEvents += expected.size() - before;
     }
     c.diff = compare(expected, got, showEvent);
@@ -863,7 +865,7 @@ std::vector<Token> tokens(const std::string& text) {
             out.push_back({Token::Failed});
         } else if (text.compare(next, kGpi.size(), kGpi) == 0) {
             Event e{};
-            sscanf(text.c_str() + next + kGpi.size(), "%d, %d", &e.line, &e.status);
+            sscanf(text.c_str() + next + kGpi.size(), "%d, %d", &e.lines, &e.status);
             out.push_back({Token::Gpi, e});
         } else {
             out.push_back({text.compare(next, kGpo.size(), kGpo) == 0 ? Token::Gpo : Token::Other});
@@ -894,7 +896,7 @@ Outcomes outcomes(const std::vector<Poll>& polls, const std::vector<Token>& toks
         const size_t firstEvent = event;
         event += static_cast<size_t>(std::popcount(p.gpit));
         while (at < toks.size() && (toks[at].kind == Token::Gpo || toks[at].kind == Token::Other ||
-                                    (toks[at].kind == Token::Gpi && toks[at].event.line >= 8))) {
+                                    (toks[at].kind == Token::Gpi && toks[at].event.lines >= 8))) {
             o.otherWarnings += toks[at].kind == Token::Other;
             ++at;
         }
@@ -902,7 +904,7 @@ Outcomes outcomes(const std::vector<Poll>& polls, const std::vector<Token>& toks
         at += failedCommand;
         const size_t events = static_cast<size_t>(std::popcount(p.gpit));
         for (size_t n = 0; n < events; ++n, ++at)
-            if (at >= toks.size() || toks[at].kind != Token::Gpi || toks[at].event.line >= 8)
+            if (at >= toks.size() || toks[at].kind != Token::Gpi || toks[at].event.lines >= 8)
                 ++o.unparsed;
         if (p.floating || p.when < from)
             continue;
@@ -937,14 +939,14 @@ std::vector<uint8_t> gpoImages(const std::vector<Sent>& sent) {
     std::vector<uint8_t> images;
     uint8_t image = 0;
     for (const auto& s : sent) {
-        if (s.bytes.size() < 8)
+        if (s.bytes.size() < GPIO_DATAGRAM_SIZE)
             continue;
-        const Event r = decode(s.bytes.data());
-        if (r.line == 255)
+        const Event r = gpioDecodeBytes(s.bytes.data());
+        if (r.lines == 255)
             image = static_cast<uint8_t>(r.status & 0xFF);
-        else if (r.line >= 0 && r.line < 8)
-            image = r.status ? static_cast<uint8_t>(image | 1u << r.line)
-                             : static_cast<uint8_t>(image & ~(1u << r.line));
+        else if (r.lines >= 0 && r.lines < 8)
+            image = r.status ? static_cast<uint8_t>(image | 1u << r.lines)
+                             : static_cast<uint8_t>(image & ~(1u << r.lines));
         images.push_back(image);
     }
     return images;
@@ -956,7 +958,7 @@ std::pair<size_t, long> socketCapacity() {
     UdpEndpoint sink;
     int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     const sockaddr_in to = sink.address();
-    const uint8_t bytes[8] = {};
+    const uint8_t bytes[GPIO_DATAGRAM_SIZE] = {};
     for (int i = 0; i < 4000; ++i)
         sendto(fd, bytes, sizeof bytes, 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
     close(fd);
@@ -1049,7 +1051,7 @@ Options parse(int argc, char** argv) {
 struct Queues {
     long peakGpoBytes = 0, peakNetBytes = 0, drops = 0;
     void sample() {
-        auto gpo = soak::udpQueue(kGpoPort), net = soak::udpQueue(kNetPort);
+        auto gpo = soak::udpQueue(LOOP_GPO_PORT), net = soak::udpQueue(INET_GPI_PORT);
         if (gpo)
             peakGpoBytes = std::max(peakGpoBytes, gpo->queuedBytes);
         if (net)
@@ -1062,6 +1064,352 @@ std::string ms(Clock::duration d) {
     char text[32];
     snprintf(text, sizeof text, "%.1f ms", std::chrono::duration<double, std::milli>(d).count());
     return text;
+}
+
+// ---- The run.
+
+// Everything the daemon meets, set up in this order and torn down in the reverse one.
+struct Rig {
+    Rig(const Options& options, const std::string& boardPath, int burstSize)
+        : plan(makePlan(options.seconds, options.phaseMs)),
+          gpo(LOOP_GPO_PORT, options.seed + 1, burstSize, 2, plan),
+          net(INET_GPI_PORT, options.seed + 2, burstSize, 2 + kBurstEverySeconds / 2, plan),
+          board(boardPath, plan, options.seed, gpo), ctrld(plan, options.seed + 3), burst(burstSize) {}
+    Plan plan;
+    Receiver receiver;
+    Sender gpo, net;
+    BoardSide board;
+    CtrldSide ctrld;
+    int burst;
+    std::unique_ptr<soak::Process> daemon;
+};
+
+// The daemon on the board, its output in files of the run; it serves once a probe sent to the
+// network port comes back on the GPI port.
+bool startDaemon(Rig& rig, const Options& options, const soak::TempDir& dir) {
+    rig.ctrld.up();
+    soak::Launch launch;
+    launch.argv = options.wrapper;
+    launch.argv.insert(launch.argv.end(), {VLMGPIOD_PATH, "-v"});
+    launch.environment = {"TLAPI_SIM_SOCKET=" + rig.board.path()};
+    launch.outputFile = dir.file("daemon.out");
+    launch.errorFile = dir.file("daemon.err");
+    rig.daemon = std::make_unique<soak::Process>(launch);
+    const GpioDatagram probe = gpioEncode(kProbe);
+    const UdpEndpoint prober;
+    soak::waitUntil(
+        [&] {
+            if (rig.receiver.probes > 0 || !rig.daemon->running())
+                return true;
+            prober.send_to(loopback_address(INET_GPI_PORT), {probe.begin(), probe.end()});
+            return false;
+        },
+        kWaitMs, 100);
+    if (rig.receiver.probes == 0)
+        fprintf(stderr, "soak_daemon: the daemon did not start: %s%s\n",
+                rig.daemon->error().c_str(), rig.daemon->errors().c_str());
+    return rig.receiver.probes > 0;
+}
+
+// The measured run: the daemon's figures every second, the socket queues every 100 ms.
+void measure(Rig& rig, soak::ProcWatch& watch, Queues& queues) {
+    auto nextSample = rig.plan.runStart;
+    while (Clock::now() < rig.plan.runEnd && !failed) {
+        if (!rig.daemon->running())
+            fail("the daemon ended during the run");
+        queues.sample();
+        if (Clock::now() >= nextSample) {
+            watch.sample(since(rig.plan.runStart), rig.board.polls);
+            nextSample += std::chrono::seconds(1);
+        }
+        std::this_thread::sleep_for(Ms(100));
+    }
+    watch.sample(since(rig.plan.runStart), rig.board.polls);
+}
+
+struct Ended {
+    int status = -1; // the daemon's wait status; -1 when it did not end on SIGTERM
+    std::string out, err;
+};
+
+// The end: the senders stop, the daemon serves what is queued, the board stops changing, and the
+// daemon is stopped (a wrapper such as valgrind reports as it ends).
+Ended finish(Rig& rig, Queues& queues) {
+    rig.gpo.stop();
+    rig.net.stop();
+    const auto drainDeadline = Clock::now() + Ms(kWaitMs);
+    while ((rig.board.gpoWrites < rig.gpo.accepted || rig.receiver.relays < rig.net.accepted) &&
+           !failed && Clock::now() < drainDeadline) {
+        queues.sample();
+        std::this_thread::sleep_for(Ms(20));
+    }
+    rig.board.stop();
+    auto lastArrival = [&] {
+        return Clock::time_point(Clock::duration(rig.receiver.lastArrival.load()));
+    };
+    while (Clock::now() - lastArrival() < Ms(500) && Clock::now() < drainDeadline + Ms(kWaitMs))
+        std::this_thread::sleep_for(Ms(50));
+    Ended ended;
+    kill(rig.daemon->pid(), SIGTERM);
+    ended.status = rig.daemon->waitExit(kWaitMs);
+    ended.out = rig.daemon->output();
+    ended.err = rig.daemon->errors();
+    rig.daemon.reset();
+    rig.receiver.stop();
+    rig.ctrld.stop();
+    queues.sample();
+    return ended;
+}
+
+// ---- The accounts.
+
+struct Accounts {
+    std::vector<Event> gpiEvents, relayed, toRelay;
+    std::vector<Clock::time_point> gpiArrivals; // empty when the events differ from the polls'
+    GpiCheck gpi;
+    Diff relays, gpoDiff;
+    std::vector<uint8_t> writes, gpoExpected; // GPO register images seen, and called for
+    size_t expectedCommands = 0, heardInOrder = 0;
+    Outcomes outcomes;
+    Clock::duration longestGap{};
+    std::string gapPhase = "?";
+    uint64_t changes = 0;
+    size_t outages[2] = {}; // unplugged, power-cycled
+};
+
+// What arrived on the GPI port, what the board's register got, against what was sent and polled.
+void accountEvents(const Rig& rig, Accounts& a) {
+    for (const auto& arrival : rig.receiver.arrivals()) {
+        (arrival.event.lines >= kRelayBase ? a.relayed : a.gpiEvents).push_back(arrival.event);
+        if (arrival.event.lines < kRelayBase)
+            a.gpiArrivals.push_back(arrival.when);
+    }
+    a.gpi = checkGpi(rig.board.episodes(), a.gpiEvents);
+    if (a.gpi.diff.lost || a.gpi.diff.extra)
+        a.gpiArrivals.clear(); // which event answers which poll is not known
+    for (const auto& s : rig.net.sent())
+        if (s.bytes.size() >= GPIO_DATAGRAM_SIZE)
+            a.toRelay.push_back(gpioDecodeBytes(s.bytes.data()));
+    a.relays = compare(a.toRelay, a.relayed, showEvent);
+    for (const auto& e : rig.board.episodes()) {
+        for (const auto& t : e.transfers)
+            if (t.write && t.reg == sdiboard::kGpoRegister)
+                a.writes.push_back(t.value);
+        if (e.endedBy)
+            ++a.outages[static_cast<int>(*e.endedBy)];
+    }
+    a.gpoExpected = gpoImages(rig.gpo.sent());
+    a.gpoDiff = compare(a.gpoExpected, a.writes, [](uint8_t v) { return std::to_string(v); });
+    const Tally& tally = rig.board.tally();
+    a.changes = tally.rises + tally.falls + 2 * tally.pulses;
+}
+
+// Every command ctrld.out's stand-ins heard is one the polls called for, in order; and what
+// became of the commands in each of its states.
+void accountCommands(const Rig& rig, const std::string& daemonErr, Accounts& a) {
+    std::vector<std::vector<uint8_t>> commands;
+    for (const auto& p : a.gpi.polls)
+        if (p.gpit)
+            commands.push_back(command(p)), ++a.expectedCommands;
+    size_t j = 0;
+    for (const auto& frame : rig.ctrld.heard()) {
+        while (j < commands.size() && commands[j] != frame)
+            ++j;
+        a.heardInOrder += j < commands.size();
+        j += j < commands.size();
+    }
+    a.outcomes = outcomes(a.gpi.polls, tokens(daemonErr), rig.ctrld.timeline(), rig.plan.runStart,
+                          a.gpiArrivals);
+}
+
+// The longest gap between two polls within each board's answers, over the measured run.
+void accountPollGaps(const Rig& rig, Accounts& a) {
+    Clock::time_point longestAt{};
+    for (const auto& e : rig.board.episodes()) {
+        std::optional<Clock::time_point> last;
+        for (const auto& t : e.transfers) {
+            if (t.write || t.reg != sdiboard::kTransitionRegister)
+                continue;
+            if (last && *last >= rig.plan.runStart && t.when - *last > a.longestGap)
+                a.longestGap = t.when - *last, longestAt = *last;
+            last = t.when;
+        }
+    }
+    for (const auto& s : rig.ctrld.timeline())
+        if (longestAt >= s.start && longestAt <= s.end)
+            a.gapPhase = name(s.phase);
+}
+
+// ctrld.out's faults in the measured run: how many, and of each kind in words.
+std::pair<size_t, std::string> faultsOf(const Rig& rig) {
+    std::map<Phase, size_t> spans;
+    for (const auto& s : rig.ctrld.timeline())
+        if (s.start >= rig.plan.runStart)
+            ++spans[s.phase];
+    size_t faults = 0;
+    std::string list;
+    for (const auto& [phase, count] : spans)
+        if (phase != Phase::Answer) {
+            faults += count;
+            list += std::string(list.empty() ? "" : ", ") + name(phase) + " " + std::to_string(count);
+        }
+    return {faults, list};
+}
+
+// ---- The report.
+
+void reportGpi(const Rig& rig, const Accounts& a) {
+    const Tally& tally = rig.board.tally();
+    std::string floating;
+    for (size_t i = 0; i < a.gpi.floatingPerOutage.size(); ++i)
+        floating += (i ? ", " : "") + std::to_string(a.gpi.floatingPerOutage[i]);
+    printf("GPI: %llu changes made (%llu rises, %llu falls, %llu pulses) in %llu windows on %llu "
+           "polls (%llu polls saw no change, %llu windows split over two polls)\n",
+           (unsigned long long)a.changes, (unsigned long long)tally.rises,
+           (unsigned long long)tally.falls, (unsigned long long)tally.pulses,
+           (unsigned long long)tally.windows, (unsigned long long)rig.board.polls.load(),
+           (unsigned long long)tally.idlePolls, (unsigned long long)tally.splitWindows);
+    printf("  events: %llu from the board's answers + %llu of the floating bus in %zu outages "
+           "(floating polls per outage: %s); reported %zu: %zu lost, %zu extra%s%s\n",
+           (unsigned long long)a.gpi.boardEvents, (unsigned long long)a.gpi.floatingEvents,
+           a.gpi.floatingPerOutage.size(), floating.c_str(), a.gpiEvents.size(), a.gpi.diff.lost,
+           a.gpi.diff.extra, a.gpi.diff.first.empty() ? "" : "; first difference: ",
+           a.gpi.diff.first.c_str());
+}
+
+void reportRequests(const Rig& rig, const Accounts& a, const Queues& queues, size_t capacity,
+                    long bytesPerDatagram) {
+    printf("GPO: %zu requests sent (%zu too short), %zu register writes expected, %zu seen: "
+           "%zu lost, %zu extra; %zu bursts of %d\n",
+           rig.gpo.sent().size(), rig.gpo.sent().size() - rig.gpo.accepted, a.gpoExpected.size(),
+           a.writes.size(), a.gpoDiff.lost, a.gpoDiff.extra, rig.gpo.bursts(), rig.burst);
+    printf("network: %zu datagrams sent (%zu too short), %zu relayed: %zu lost, %zu extra; %zu "
+           "bursts of %d\n",
+           rig.net.sent().size(), rig.net.sent().size() - rig.net.accepted, a.relayed.size(),
+           a.relays.lost, a.relays.extra, rig.net.bursts(), rig.burst);
+    printf("socket queues: largest GPO backlog %ld datagrams, network %ld, kernel drops %ld (a "
+           "socket of the default size keeps %zu 8-byte datagrams, %ld bytes each)\n",
+           bytesPerDatagram ? queues.peakGpoBytes / bytesPerDatagram : 0,
+           bytesPerDatagram ? queues.peakNetBytes / bytesPerDatagram : 0, queues.drops, capacity,
+           bytesPerDatagram);
+}
+
+void reportCtrld(const Rig& rig, Accounts& a) {
+    const auto [faults, faultList] = faultsOf(rig);
+    printf("ctrld.out: %zu faults in the measured run (%s; %zu restarts in all); heard %zu "
+           "commands, %zu in poll order, of %zu sent\n",
+           faults, faultList.c_str(), rig.ctrld.restarts(), rig.ctrld.heard().size(),
+           a.heardInOrder, a.expectedCommands);
+    printf("  commands answered / failed by state:");
+    for (const auto& [phase, tally] : a.outcomes.byPhase)
+        printf(" %s %llu/%llu;", name(phase), (unsigned long long)tally.first,
+               (unsigned long long)tally.second);
+    printf(" answering spans without a success: %zu of %zu\n",
+           a.outcomes.answeringSpansWithoutSuccess, a.outcomes.answeringSpans);
+    printf("  poll to its first event, median / largest by state:");
+    for (auto& [phase, delays] : a.outcomes.delaysMs) {
+        std::sort(delays.begin(), delays.end());
+        printf(" %s %.1f / %.1f ms;", name(phase), delays[delays.size() / 2], delays.back());
+    }
+    printf("\n");
+}
+
+void reportBoardAndDaemon(const Rig& rig, const Accounts& a, const soak::Verdict& verdict,
+                          const Ended& ended) {
+    printf("board: %zu unplugged, %zu power-cycled; %zu disagreements with the changes driven\n",
+           a.outages[0], a.outages[1], rig.board.disagreements().size());
+    for (const auto& d : rig.board.disagreements())
+        printf("  %s\n", d.c_str());
+    reportOutages(rig.board.episodes(), a.gpi, a.gpiArrivals);
+    printf("daemon: %s\n  %s\n", verdict.figures.c_str(), soak::ProcWatch::criterion().c_str());
+    printf("longest poll gap: %s (ctrld.out %s); the loop's own bound with a 60 ms time-out is "
+           "100 ms of waiting + 60 ms + the SPI transfers\n",
+           ms(a.longestGap).c_str(), a.gapPhase.c_str());
+    if (!ended.out.empty())
+        printf("daemon's standard output: %s\n", ended.out.c_str());
+}
+
+// ---- The verdict.
+
+std::vector<std::string> problemsOf(const Rig& rig, Accounts& a, const Queues& queues,
+                                    const Ended& ended, const Options& options,
+                                    const soak::Verdict& verdict) {
+    std::vector<std::string> problems;
+    auto require = [&](bool ok, const std::string& what) {
+        if (!ok)
+            problems.push_back(what);
+    };
+    require(!failed, failureText);
+    require(a.gpi.diff.lost == 0 && a.gpi.diff.extra == 0, "GPI events lost or extra");
+    require(a.gpoDiff.lost == 0 && a.gpoDiff.extra == 0, "GPO requests not applied as sent");
+    require(a.relays.lost == 0 && a.relays.extra == 0, "network events not relayed as sent");
+    require(rig.receiver.malformed() == 0, "datagrams other than 8 bytes on the GPI port");
+    require(a.heardInOrder == rig.ctrld.heard().size(), "ctrld.out heard commands no poll called for");
+    require(a.outcomes.answeringSpansWithoutSuccess == 0,
+            "a command failed in every poll of an answering span");
+    for (Phase p : {Phase::Nak, Phase::Garbage, Phase::Silent, Phase::Absent, Phase::LongAbsence})
+        require(a.outcomes.byPhase[p].first == 0,
+                std::string("a command succeeded while ctrld.out was ") + name(p));
+    require(a.outcomes.unparsed == 0 && a.outcomes.otherWarnings == 0,
+            "the daemon's -v output does not follow its polls");
+    require(queues.drops == 0, "the kernel dropped datagrams");
+    require(ended.status == -1 ||
+                (WIFSIGNALED(ended.status) && WTERMSIG(ended.status) == SIGTERM) ||
+                !options.wrapper.empty(),
+            "the daemon ended on its own");
+    if (options.wrapper.empty())
+        require(verdict.flat, "not flat: " + verdict.why);
+    return problems;
+}
+
+void summarise(const Rig& rig, const Accounts& a, const Options& options,
+               const soak::Verdict& verdict, const std::vector<std::string>& problems) {
+    std::string problemText;
+    for (const auto& p : problems)
+        problemText += (problemText.empty() ? "" : "; ") + p;
+    printf("soak %.0f s: %llu GPI changes, %zu events reported (%zu lost, %zu extra), %zu/%zu GPO "
+           "applied, %zu/%zu relayed, %zu ctrld faults, %zu board outages; %s (first -> last "
+           "tenth); longest poll gap %s: %s\n",
+           options.seconds, (unsigned long long)a.changes, a.gpiEvents.size(), a.gpi.diff.lost,
+           a.gpi.diff.extra, a.writes.size(), a.gpoExpected.size(), a.relayed.size(),
+           a.toRelay.size(), faultsOf(rig).first, a.outages[0] + a.outages[1],
+           verdict.brief.c_str(), ms(a.longestGap).c_str(),
+           problems.empty() ? "passed" : ("FAILED: " + problemText).c_str());
+}
+
+// The soak, in the namespace of its own; `dir` holds the board's socket and the daemon's output.
+int soakRun(const Options& options, const soak::TempDir& dir) {
+    const auto [capacity, bytesPerDatagram] = socketCapacity();
+    Rig rig(options, dir.file("board.sock"), static_cast<int>(std::min<size_t>(64, capacity / 4)));
+    if (!startDaemon(rig, options, dir))
+        return 1;
+    rig.plan = makePlan(options.seconds, options.phaseMs); // the run starts now
+    printf("soak: %.0f s measured after a %.1f s warm-up, seed %u, daemon pid %d%s\n",
+           options.seconds, since(rig.plan.warmStart, rig.plan.runStart), options.seed,
+           rig.daemon->pid(), options.wrapper.empty() ? "" : (" under " + options.wrapper[0]).c_str());
+    fflush(stdout);
+    rig.board.start();
+    rig.ctrld.start();
+    rig.gpo.start();
+    rig.net.start();
+    soak::ProcWatch watch(rig.daemon->pid());
+    Queues queues;
+    measure(rig, watch, queues);
+    const Ended ended = finish(rig, queues);
+
+    Accounts a;
+    accountEvents(rig, a);
+    accountCommands(rig, ended.err, a);
+    accountPollGaps(rig, a);
+    const soak::Verdict verdict =
+        watch.verdict(options.seconds, "poll", options.seconds >= kCpuJudgedFromSeconds);
+    reportGpi(rig, a);
+    reportRequests(rig, a, queues, capacity, bytesPerDatagram);
+    reportCtrld(rig, a);
+    reportBoardAndDaemon(rig, a, verdict, ended);
+    const std::vector<std::string> problems = problemsOf(rig, a, queues, ended, options, verdict);
+    summarise(rig, a, options, verdict, problems);
+    return problems.empty() ? 0 : 1;
 }
 
 } // namespace
@@ -1077,249 +1425,13 @@ int main(int argc, char** argv) {
         fprintf(stderr, "soak_daemon: needs root for a network namespace of its own\n");
         return 77;
     }
-    char dirTemplate[] = "/tmp/vlm-soak-XXXXXX";
-    const char* dir = mkdtemp(dirTemplate);
-    const std::string entered = dir ? e2e::enterFreshNetworkNamespace() : "mkdtemp failed";
+    const soak::TempDir dir("vlm-soak");
+    const std::string entered =
+        dir.path().empty() ? "mkdtemp failed" : soak::enterFreshNetworkNamespace();
     if (!entered.empty()) {
         fprintf(stderr, "soak_daemon: %s\n", entered.c_str());
         return 1;
     }
     signal(SIGPIPE, SIG_IGN);
-    const auto [capacity, bytesPerDatagram] = socketCapacity();
-    const int burst = static_cast<int>(std::min<size_t>(64, capacity / 4));
-
-    Plan plan = makePlan(options.seconds, options.phaseMs);
-    Receiver receiver;
-    Sender gpo(kGpoPort, options.seed + 1, burst, 2, plan);
-    Sender net(kNetPort, options.seed + 2, burst, 2 + kBurstEverySeconds / 2, plan);
-    BoardSide board(std::string(dir) + "/board.sock", plan, options.seed, gpo);
-    CtrldSide ctrld(plan, options.seed + 3);
-    ctrld.up();
-    auto daemon = std::make_unique<e2e::Daemon>(std::vector<std::string>{"-v"}, board.path(),
-                                                options.wrapper);
-    // Serving: a probe sent to the network port comes back on the GPI port.
-    const auto startDeadline = Clock::now() + Ms(kWaitMs);
-    while (receiver.probes == 0 && Clock::now() < startDeadline && daemon->waitExit(0) == -1) {
-        e2e::sendLocal(kNetPort, e2e::datagram(e2e::kProbe));
-        std::this_thread::sleep_for(Ms(100));
-    }
-    if (receiver.probes == 0) {
-        fprintf(stderr, "soak_daemon: the daemon did not start: %s\n", daemon->err().c_str());
-        return 1;
-    }
-    plan = makePlan(options.seconds, options.phaseMs); // the run starts now
-    const pid_t pid = daemon->pid();
-    printf("soak: %.0f s measured after a %.1f s warm-up, seed %u, daemon pid %d%s\n",
-           options.seconds, since(plan.warmStart, plan.runStart), options.seed, pid,
-           options.wrapper.empty() ? "" : (" under " + options.wrapper[0]).c_str());
-    fflush(stdout);
-    board.start();
-    ctrld.start();
-    gpo.start();
-    net.start();
-
-    soak::ProcWatch watch(pid);
-    Queues queues;
-    auto nextSample = plan.runStart;
-    while (Clock::now() < plan.runEnd && !failed) {
-        if (daemon->waitExit(0) != -1)
-            fail("the daemon ended during the run");
-        queues.sample();
-        if (Clock::now() >= nextSample) {
-            watch.sample(since(plan.runStart), board.polls);
-            nextSample += std::chrono::seconds(1);
-        }
-        std::this_thread::sleep_for(Ms(100));
-    }
-    watch.sample(since(plan.runStart), board.polls);
-
-    // The end: the senders stop, the daemon serves what is queued, the board stops changing.
-    gpo.stop();
-    net.stop();
-    const auto drainDeadline = Clock::now() + Ms(kWaitMs);
-    while ((board.gpoWrites < gpo.accepted || receiver.relays < net.accepted) && !failed &&
-           Clock::now() < drainDeadline) {
-        queues.sample();
-        std::this_thread::sleep_for(Ms(20));
-    }
-    board.stop();
-    auto lastArrival = [&] { return Clock::time_point(Clock::duration(receiver.lastArrival.load())); };
-    while (Clock::now() - lastArrival() < Ms(500) && Clock::now() < drainDeadline + Ms(kWaitMs))
-        std::this_thread::sleep_for(Ms(50));
-    kill(pid, SIGTERM); // the wrapper (valgrind) reports as the daemon ends
-    const int status = daemon->waitExit(kWaitMs);
-    const std::string err = daemon->err(), out = daemon->out();
-    daemon.reset();
-    receiver.stop();
-    ctrld.stop();
-    queues.sample();
-
-    // ---- The accounts.
-    std::vector<Event> gpiEvents, relayed;
-    std::vector<Clock::time_point> gpiArrivals;
-    for (const auto& a : receiver.arrivals()) {
-        (a.event.line >= kRelayBase ? relayed : gpiEvents).push_back(a.event);
-        if (a.event.line < kRelayBase)
-            gpiArrivals.push_back(a.when);
-    }
-    const GpiCheck gpi = checkGpi(board.episodes(), gpiEvents);
-    if (gpi.diff.lost || gpi.diff.extra)
-        gpiArrivals.clear(); // which event answers which poll is not known
-
-    std::vector<Event> toRelay;
-    for (const auto& s : net.sent())
-        if (s.bytes.size() >= 8)
-            toRelay.push_back(decode(s.bytes.data()));
-    const Diff relays = compare(toRelay, relayed, showEvent);
-
-    std::vector<uint8_t> writes;
-    for (const auto& e : board.episodes())
-        for (const auto& t : e.transfers)
-            if (t.write && t.reg == sdiboard::kGpoRegister)
-                writes.push_back(t.value);
-    const Diff gpoDiff = compare(gpoImages(gpo.sent()), writes,
-                                 [](uint8_t v) { return std::to_string(v); });
-
-    // Every command ctrld.out's stand-ins heard is one the polls called for, in order.
-    size_t expectedCommands = 0, heardInOrder = 0, j = 0;
-    std::vector<std::vector<uint8_t>> commands;
-    for (const auto& p : gpi.polls)
-        if (p.gpit)
-            commands.push_back(command(p)), ++expectedCommands;
-    for (const auto& frame : ctrld.heard()) {
-        while (j < commands.size() && commands[j] != frame)
-            ++j;
-        heardInOrder += j < commands.size();
-        j += j < commands.size();
-    }
-    Outcomes o = outcomes(gpi.polls, tokens(err), ctrld.timeline(), plan.runStart, gpiArrivals);
-
-    // Poll gaps within each board's answers, over the measured run.
-    Clock::duration longestGap{};
-    Clock::time_point longestAt{};
-    for (const auto& e : board.episodes()) {
-        std::optional<Clock::time_point> last;
-        for (const auto& t : e.transfers) {
-            if (t.write || t.reg != sdiboard::kTransitionRegister)
-                continue;
-            if (last && *last >= plan.runStart && t.when - *last > longestGap)
-                longestGap = t.when - *last, longestAt = *last;
-            last = t.when;
-        }
-    }
-    std::string gapPhase = "?";
-    for (const auto& s : ctrld.timeline())
-        if (longestAt >= s.start && longestAt <= s.end)
-            gapPhase = name(s.phase);
-
-    // ---- The report.
-    const Tally& tally = board.tally();
-    const uint64_t changes = tally.rises + tally.falls + 2 * tally.pulses;
-    size_t outages[2] = {};
-    for (const auto& e : board.episodes())
-        if (e.endedBy)
-            ++outages[static_cast<int>(*e.endedBy)];
-    std::string floating;
-    for (size_t i = 0; i < gpi.floatingPerOutage.size(); ++i)
-        floating += (i ? ", " : "") + std::to_string(gpi.floatingPerOutage[i]);
-    printf("GPI: %llu changes made (%llu rises, %llu falls, %llu pulses) in %llu windows on %llu "
-           "polls (%llu polls saw no change, %llu windows split over two polls)\n",
-           (unsigned long long)changes, (unsigned long long)tally.rises,
-           (unsigned long long)tally.falls, (unsigned long long)tally.pulses,
-           (unsigned long long)tally.windows, (unsigned long long)board.polls.load(),
-           (unsigned long long)tally.idlePolls, (unsigned long long)tally.splitWindows);
-    printf("  events: %llu from the board's answers + %llu of the floating bus in %zu outages "
-           "(floating polls per outage: %s); reported %zu: %zu lost, %zu extra%s%s\n",
-           (unsigned long long)gpi.boardEvents, (unsigned long long)gpi.floatingEvents,
-           gpi.floatingPerOutage.size(), floating.c_str(), gpiEvents.size(), gpi.diff.lost,
-           gpi.diff.extra, gpi.diff.first.empty() ? "" : "; first difference: ",
-           gpi.diff.first.c_str());
-    printf("GPO: %zu requests sent (%zu too short), %zu register writes expected, %zu seen: "
-           "%zu lost, %zu extra; %zu bursts of %d\n",
-           gpo.sent().size(), gpo.sent().size() - gpo.accepted, gpoImages(gpo.sent()).size(),
-           writes.size(), gpoDiff.lost, gpoDiff.extra, gpo.bursts(), burst);
-    printf("network: %zu datagrams sent (%zu too short), %zu relayed: %zu lost, %zu extra; %zu "
-           "bursts of %d\n",
-           net.sent().size(), net.sent().size() - net.accepted, relayed.size(), relays.lost,
-           relays.extra, net.bursts(), burst);
-    printf("socket queues: largest GPO backlog %ld datagrams, network %ld, kernel drops %ld (a "
-           "socket of the default size keeps %zu 8-byte datagrams, %ld bytes each)\n",
-           bytesPerDatagram ? queues.peakGpoBytes / bytesPerDatagram : 0,
-           bytesPerDatagram ? queues.peakNetBytes / bytesPerDatagram : 0, queues.drops, capacity,
-           bytesPerDatagram);
-    std::map<Phase, size_t> spans;
-    for (const auto& s : ctrld.timeline())
-        if (s.start >= plan.runStart)
-            ++spans[s.phase];
-    size_t faults = 0;
-    std::string faultList;
-    for (const auto& [phase, count] : spans)
-        if (phase != Phase::Answer) {
-            faults += count;
-            faultList += std::string(faultList.empty() ? "" : ", ") + name(phase) + " " +
-                         std::to_string(count);
-        }
-    printf("ctrld.out: %zu faults in the measured run (%s; %zu restarts in all); heard %zu "
-           "commands, %zu in poll order, of %zu sent\n",
-           faults, faultList.c_str(), ctrld.restarts(), ctrld.heard().size(), heardInOrder,
-           expectedCommands);
-    printf("  commands answered / failed by state:");
-    for (const auto& [phase, tally2] : o.byPhase)
-        printf(" %s %llu/%llu;", name(phase), (unsigned long long)tally2.first,
-               (unsigned long long)tally2.second);
-    printf(" answering spans without a success: %zu of %zu\n", o.answeringSpansWithoutSuccess,
-           o.answeringSpans);
-    printf("  poll to its first event, median / largest by state:");
-    for (auto& [phase, delays] : o.delaysMs) {
-        std::sort(delays.begin(), delays.end());
-        printf(" %s %.1f / %.1f ms;", name(phase), delays[delays.size() / 2], delays.back());
-    }
-    printf("\n");
-    printf("board: %zu unplugged, %zu power-cycled; %zu disagreements with the changes driven\n",
-           outages[0], outages[1], board.disagreements().size());
-    for (const auto& d : board.disagreements())
-        printf("  %s\n", d.c_str());
-    reportOutages(board.episodes(), gpi, gpiArrivals);
-    const soak::Verdict verdict = watch.verdict(options.seconds, "poll", options.seconds >= kCpuJudgedFromSeconds);
-    printf("daemon: %s\n  %s\n", verdict.figures.c_str(), soak::ProcWatch::criterion().c_str());
-    printf("longest poll gap: %s (ctrld.out %s); the loop's own bound with a 60 ms time-out is "
-           "100 ms of waiting + 60 ms + the SPI transfers\n",
-           ms(longestGap).c_str(), gapPhase.c_str());
-    if (!out.empty())
-        printf("daemon's standard output: %s\n", out.c_str());
-
-    // ---- The verdict.
-    std::vector<std::string> problems;
-    auto require = [&](bool ok, const std::string& what) {
-        if (!ok)
-            problems.push_back(what);
-    };
-    require(!failed, failureText);
-    require(gpi.diff.lost == 0 && gpi.diff.extra == 0, "GPI events lost or extra");
-    require(gpoDiff.lost == 0 && gpoDiff.extra == 0, "GPO requests not applied as sent");
-    require(relays.lost == 0 && relays.extra == 0, "network events not relayed as sent");
-    require(receiver.malformed() == 0, "datagrams other than 8 bytes on the GPI port");
-    require(heardInOrder == ctrld.heard().size(), "ctrld.out heard commands no poll called for");
-    require(o.answeringSpansWithoutSuccess == 0, "a command failed in every poll of an answering span");
-    for (Phase p : {Phase::Nak, Phase::Garbage, Phase::Silent, Phase::Absent, Phase::LongAbsence})
-        require(o.byPhase[p].first == 0, std::string("a command succeeded while ctrld.out was ") + name(p));
-    require(o.unparsed == 0 && o.otherWarnings == 0, "the daemon's -v output does not follow its polls");
-    require(queues.drops == 0, "the kernel dropped datagrams");
-    require(status == -1 || (WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) ||
-                !options.wrapper.empty(),
-            "the daemon ended on its own");
-    if (options.wrapper.empty())
-        require(verdict.flat, "not flat: " + verdict.why);
-    std::string problemText;
-    for (const auto& p : problems)
-        problemText += (problemText.empty() ? "" : "; ") + p;
-    printf("soak %.0f s: %llu GPI changes, %zu events reported (%zu lost, %zu extra), %zu/%zu GPO "
-           "applied, %zu/%zu relayed, %zu ctrld faults, %zu board outages; %s (first -> last "
-           "tenth); longest poll gap %s: %s\n",
-           options.seconds, (unsigned long long)changes, gpiEvents.size(), gpi.diff.lost,
-           gpi.diff.extra, writes.size(), gpoImages(gpo.sent()).size(), relayed.size(),
-           toRelay.size(), faults, outages[0] + outages[1], verdict.brief.c_str(),
-           ms(longestGap).c_str(), problems.empty() ? "passed" : ("FAILED: " + problemText).c_str());
-    rmdir(dir);
-    return problems.empty() ? 0 : 1;
+    return soakRun(options, dir);
 }

@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <fstream>
 #include <sstream>
+#include <time.h>
 
 namespace soak {
 
@@ -138,6 +139,12 @@ Verdict ProcWatch::verdict(double runSeconds, const char* workName, bool judgeCp
     v.why = why.str();
     v.flat = v.why.empty();
     return v;
+}
+
+double threadCpuMs() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return static_cast<double>(t.tv_sec) * 1e3 + static_cast<double>(t.tv_nsec) / 1e6;
 }
 
 std::optional<UdpQueue> udpQueue(uint16_t port) {

@@ -67,6 +67,9 @@ class ProcWatch {
     std::vector<ProcSample> samples_;
 };
 
+// Time on a CPU of the calling thread so far.
+double threadCpuMs();
+
 // The receive queue (bytes) and drop count of this network namespace's UDP socket bound to
 // 127.0.0.1 or the any address on `port`, from /proc/thread-self/net/udp.
 struct UdpQueue {
