@@ -18,7 +18,7 @@ namespace {
 
 using devsim::Bytes;
 
-constexpr int kSampleMs = 20;       // the panel is looked at 50 times a second
+constexpr int kSampleMs = 20;      // the panel is looked at 50 times a second
 constexpr size_t kShownBytes = 32; // of a message in the log (a transfer's are many)
 
 const char* const kStates[] = {"stopped", "playing", "still",   "fast_forward", "rewind",
@@ -126,10 +126,12 @@ std::string json_string(const std::string& text) {
 Rack::Rack(const sdiboard::Options& board, const cli::CommandLine& line, uint16_t gpi_port,
            std::function<void(const std::string&)> print)
     : print_(std::move(print)), board_options_(board) {
+    sim_.keep_history(0);
     const devsim::Links server = devsim::read_command_line(sim_, line);
     try {
         links_ = devsim::set_up(sim_, server, own_links_);
-        board_ = std::make_unique<sdiboard::Board>(board.path, board.fault);
+        // The rack's own log is what it shows: the emulators keep no history of their own.
+        board_ = std::make_unique<sdiboard::Board>(board.path, board.fault, 0);
     } catch (...) {
         devsim::remove_links(sim_, own_links_);
         throw;
@@ -161,6 +163,7 @@ Rack::Rack(const sdiboard::Options& board, const cli::CommandLine& line, uint16_
         }
     }
     sim_.start();
+    sample_panel(); // the first state a stream sends
     watcher_ = std::thread([this] { watch(); });
 }
 
@@ -191,11 +194,11 @@ void Rack::log(const std::string& source, const Bytes& bytes, const std::string&
     {
         std::lock_guard lock(mutex_);
         ++log_seq_;
-        log_.push_back({log_seq_, "{\"seq\":" + std::to_string(log_seq_) + ",\"time\":" +
-                                      json_string(time) + ",\"source\":" + json_string(source) +
-                                      ",\"answer\":" + (answer ? "true" : "false") +
-                                      ",\"hex\":" + json_string(bytes_hex) +
-                                      ",\"text\":" + json_string(text) + "}"});
+        std::string json =
+            "{\"seq\":" + std::to_string(log_seq_) + ",\"time\":" + json_string(time) +
+            ",\"source\":" + json_string(source) + ",\"answer\":" + (answer ? "true" : "false") +
+            ",\"hex\":" + json_string(bytes_hex) + ",\"text\":" + json_string(text) + "}";
+        log_.push_back({log_seq_, json, event("log", json, log_seq_)});
         if (log_.size() > kLogLength)
             log_.pop_front();
         if (print_) // under the lock, so the console keeps the log's order
@@ -247,17 +250,37 @@ void Rack::watch() {
                              std::to_string(big_endian(datagram + 4))
                        : "not an event (" + std::to_string(n) + " bytes)");
         }
-        const devsim::Model::Snapshot server = sim_.model().snapshot();
-        const std::string panel = state_json(server, false), position = position_json(server);
-        std::lock_guard lock(mutex_);
-        if (panel != state_ || position != position_) {
-            state_seq_ += panel != state_;
-            position_seq_ += position != position_;
-            state_ = panel;
-            position_ = position;
-            changed_.notify_all();
-        }
+        sample_panel();
     }
+}
+
+// The panel as the model and the board stand now; what changed becomes the event every stream
+// sends, made here once. The watcher alone writes the panel, so what it read stays current.
+void Rack::sample_panel() {
+    const devsim::Model::Snapshot server = sim_.model().snapshot();
+    const std::string panel = state_json(server, false), position = position_json(server);
+    std::unique_lock lock(mutex_);
+    const bool new_state = panel != state_, new_position = position != position_;
+    lock.unlock();
+    if (!new_state && !new_position)
+        return;
+    const Event state_event = new_state ? event("state", state_json(server, true)) : nullptr;
+    const Event position_event = event("position", position);
+    lock.lock();
+    if (new_state) {
+        state_ = panel;
+        state_event_ = state_event;
+        ++state_seq_;
+    }
+    position_ = position;
+    position_event_ = position_event;
+    position_seq_ += new_position;
+    changed_.notify_all();
+}
+
+Rack::Event Rack::event(const std::string& name, const std::string& json, uint64_t id) {
+    return std::make_shared<const std::string>((id ? "id: " + std::to_string(id) + "\n" : "") +
+                                               "event: " + name + "\ndata: " + json + "\n\n");
 }
 
 std::string Rack::position_json(const devsim::Model::Snapshot& server) {
@@ -323,25 +346,24 @@ std::string Rack::log_json(uint64_t after) const {
     return "{\"last\":" + std::to_string(log_seq_) + ",\"entries\":[" + entries + "]}";
 }
 
-std::string Rack::next_events(Cursor& cursor, std::chrono::milliseconds wait) const {
+void Rack::next_events(Cursor& cursor, std::chrono::milliseconds wait,
+                       std::vector<Event>& events) const {
+    events.clear();
     std::unique_lock lock(mutex_);
     changed_.wait_for(lock, wait, [&] {
         return stop_ || cursor.state != state_seq_ || cursor.position != position_seq_ ||
                cursor.log != log_seq_;
     });
-    std::string logged;
-    for (const Entry& entry : log_)
-        if (entry.seq > cursor.log)
-            logged +=
-                "id: " + std::to_string(entry.seq) + "\nevent: log\ndata: " + entry.json + "\n\n";
-    const bool state = cursor.state != state_seq_, position = cursor.position != position_seq_;
+    if (cursor.state != state_seq_)
+        events.push_back(state_event_); // the position with it
+    else if (cursor.position != position_seq_)
+        events.push_back(position_event_);
+    // The entries kept are numbered without a gap: the first one after the cursor is found
+    // at once.
+    const uint64_t oldest = log_.empty() ? log_seq_ + 1 : log_.front().seq;
+    for (size_t i = cursor.log < oldest ? 0 : cursor.log - oldest + 1; i < log_.size(); ++i)
+        events.push_back(log_[i].event);
     cursor = {state_seq_, position_seq_, log_seq_};
-    lock.unlock();
-    if (state)
-        return "event: state\ndata: " + state_json() + "\n\n" + logged;
-    if (position)
-        return "event: position\ndata: " + position_json(sim_.model().snapshot()) + "\n\n" + logged;
-    return logged;
 }
 
 void Rack::gpi(const std::string& line_text, const std::string& action) {

@@ -83,16 +83,23 @@ Web::Web(Rack& rack, const std::string& address, uint16_t port, const std::strin
             reply(res, 503, error_json(std::to_string(kStreams) + " pages are open already"));
             return;
         }
-        auto cursor = std::make_shared<Cursor>();
+        // The page's place in the stream, and room for what it sends next: made once, so that
+        // a stream allocates nothing while it runs.
+        auto reader = std::make_shared<std::pair<Cursor, std::vector<Rack::Event>>>();
+        reader->second.reserve(Rack::kLogLength + 1);
         res.set_chunked_content_provider(
             "text/event-stream",
-            [this, cursor](size_t, httplib::DataSink& sink) {
-                std::string events = rack_.next_events(*cursor, kQuietStream);
+            [this, reader](size_t, httplib::DataSink& sink) {
+                auto& [cursor, events] = *reader;
+                rack_.next_events(cursor, kQuietStream, events);
                 if (rack_.stopped())
                     return false;
                 if (events.empty())
-                    events = ": quiet\n\n";
-                return sink.write(events.data(), events.size());
+                    return sink.write(": quiet\n\n", 9);
+                for (const Rack::Event& event : events)
+                    if (!sink.write(event->data(), event->size()))
+                        return false;
+                return true;
             },
             [this](bool) { --streams_; });
     });
