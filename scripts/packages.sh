@@ -11,6 +11,7 @@ TEST_PACKAGES=(
   tshark
   chromium nodejs
   valgrind
+  python3 python3-pytest
 )
 
 as_root() {
