@@ -300,11 +300,11 @@ class Line {
     void exchange(const std::string& bytes, size_t count, int linger_ms, Bytes& got) {
         const Bytes out = bytes_of(bytes);
         EXPECT_EQ(write(fd_, out.data(), out.size()), static_cast<ssize_t>(out.size()));
-        for (uint8_t chunk[64]; poll(std::array{pollfd{fd_, POLLIN, 0}}.data(), 1,
-                                     got.size() < count ? 1000 : linger_ms) > 0;) {
-            const ssize_t n = read(fd_, chunk, sizeof chunk);
-            got.insert(got.end(), chunk, chunk + std::max<ssize_t>(n, 0));
-        }
+        uint8_t chunk[64];
+        for (ssize_t n; poll(std::array{pollfd{fd_, POLLIN, 0}}.data(), 1,
+                             got.size() < count ? 1000 : linger_ms) > 0 &&
+                        (n = read(fd_, chunk, sizeof chunk)) > 0;)
+            got.insert(got.end(), chunk, chunk + n);
     }
     // The current time of `sources` in frames at 25 a second; -1 for an answer of another kind.
     long time(uint8_t sources) {

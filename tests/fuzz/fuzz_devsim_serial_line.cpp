@@ -1,6 +1,5 @@
-// Any bytes on the emulator's serial line, in pieces of any size, Sony or Louth: every frame it
-// takes is whole and valid, bytes that form no frame get at most one answer before the next frame,
-// and a line gone quiet holds nothing once its steps are taken.
+// Any bytes on the emulator's serial line in pieces of any size, Sony or Louth: each frame taken is
+// valid, bytes that form none get one answer at most before the next one, a quiet line ends empty.
 #include <algorithm>
 #include <cstdlib>
 #include <devsim/serial_line.h>
