@@ -18,8 +18,8 @@ namespace rack {
 namespace {
 
 // Each event stream holds one of the server's threads for as long as its page stays, so the pool
-// has one for each page it serves at once and as many again for everything else: the page's
-// files and the API stay quick however many pages are open. A page past that many is refused.
+// has one for each page it serves at once and a few more for everything else: the page's files
+// and the API stay quick however many pages are open. A page past that many is refused.
 constexpr size_t kStreams = 64, kWorkers = 8;
 // A comment line keeps a quiet stream alive, and a write to a page that went away fails: its
 // thread is free again within two of these.
