@@ -316,11 +316,15 @@ void DevSim::record(const Endpoint& from, Received message) {
 }
 
 void DevSim::tap(const Endpoint& at, Direction direction, Bytes bytes, std::string text) {
-    Traffic traffic{direction, at.link,          at.protocol,    at.local,
-                    at.peer,   std::move(bytes), std::move(text)};
     std::unique_lock lock(mutex_);
     auto observer = traffic_observer_;
-    if (direction == Direction::sent)
+    // The history keeps the answers by name: a transfer's raw bytes (no name) are not kept.
+    const bool kept = direction == Direction::sent && !text.empty() && history_ > 0;
+    if (!observer && !kept)
+        return;
+    Traffic traffic{direction, at.link,          at.protocol,    at.local,
+                    at.peer,   std::move(bytes), std::move(text)};
+    if (kept)
         keep(sent_, traffic);
     lock.unlock();
     if (observer)

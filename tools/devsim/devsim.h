@@ -170,7 +170,8 @@ class DevSim {
     std::vector<Received> received() const;
     size_t count_tag(const std::string& tag) const;
     // The answers sent that the history keeps, oldest first, as on_traffic gets them (each
-    // datagram on UDP; on TCP and the serial line the whole answer).
+    // datagram on UDP; on TCP and the serial line the whole answer), those with a name only: a
+    // transfer's raw bytes are not kept.
     std::vector<Traffic> sent() const;
     Counters counters() const;
     // Wait until that many messages were received / answers fully sent since the start (the
