@@ -39,16 +39,17 @@ using Clock = std::chrono::steady_clock;
 using devsim::Bytes;
 
 constexpr const char* kUsage =
-    "usage: soak_controller SECONDS [--timeout-ms MS] [--gap N] [--rate N] [--margin-ms MS]\n"
-    "  SECONDS       length of the measured run, 20 or more (one round of every fault on each\n"
-    "                link comes first, as a warm-up)\n"
-    "  --timeout-ms  the handles' time-out (default 200)\n"
-    "  --gap N       operations between two faults on a link (default 10)\n"
-    "  --rate N      calls a second at most on each link (default 200)\n"
-    "  --margin-ms   what a failed call may take beyond its time-out and its link's own step\n"
-    "                (default 100: scheduling on a loaded machine)\n"
-    "Exit status 0 when every call gave what it should in time, no handle stuck and the\n"
-    "controller stayed flat; 1 otherwise; 2 on a usage error.\n";
+    R"(usage: soak_controller SECONDS [--timeout-ms MS] [--gap N] [--rate N] [--margin-ms MS]
+  SECONDS       length of the measured run, 20 or more (one round of every fault on each
+                link comes first, as a warm-up)
+  --timeout-ms  the handles' time-out (default 200)
+  --gap N       operations between two faults on a link (default 10)
+  --rate N      calls a second at most on each link (default 200)
+  --margin-ms   what a failed call may take beyond its time-out and its link's own step
+                (default 100: scheduling on a loaded machine)
+Exit status 0 when every call gave what it should in time, no handle stuck and the
+controller stayed flat; 1 otherwise; 2 on a usage error.
+)";
 
 constexpr int kRawWaitMs = 5000;  // the library's wait for a transfer's raw bytes
 constexpr int kRestartMs = 1000;  // how long a restarting server is away
@@ -1071,7 +1072,8 @@ void measure(soak::ProcWatch& controller, soak::ProcWatch& server, Clock::time_p
         controller.sample(at, totalCalls);
         server.sample(at, totalCalls);
     };
-    for (auto next = runStart; Clock::now() < runEnd; next += std::chrono::milliseconds(kSampleMs)) {
+    for (auto next = runStart; Clock::now() < runEnd;
+         next += std::chrono::milliseconds(kSampleMs)) {
         sampleBoth();
         std::this_thread::sleep_until(
             std::min(next + std::chrono::milliseconds(kSampleMs), runEnd));
@@ -1117,8 +1119,8 @@ void reportLink(FILE* out, const Worker& w) {
                 "S9P_ERR_SYSTEM at once; %u stalls survived with %llu keep-alives\n",
                 s.reconnects, s.refusedConnects, s.longestReconnectMs, s.closedLinkCalls,
                 s.closedLinkCalls ? s.closedLinkMs / s.closedLinkCalls : 0.0,
-                s.closedLinkCalls ? s.closedLinkCpuMs / s.closedLinkCalls : 0.0,
-                s.stallsSurvived, (unsigned long long)s.keepAlives);
+                s.closedLinkCalls ? s.closedLinkCpuMs / s.closedLinkCalls : 0.0, s.stallsSurvived,
+                (unsigned long long)s.keepAlives);
     for (const auto& p : s.shown)
         fprintf(out, "  PROBLEM: %s\n", p.c_str());
     if (s.problems > s.shown.size())
@@ -1166,7 +1168,8 @@ bool reportEnd(FILE* out, const Captured& captured, const Totals& t, const Optio
     std::string verdictText = "passed";
     if (t.problems || t.stuck || !verdict.flat || !emulatorFigures.flat)
         verdictText =
-            "FAILED:" + std::string(t.problems ? " " + std::to_string(t.problems) + " problems;" : "") +
+            "FAILED:" +
+            std::string(t.problems ? " " + std::to_string(t.problems) + " problems;" : "") +
             (verdict.flat ? "" : " not flat: " + verdict.why) +
             (emulatorFigures.flat ? "" : " emulator not flat: " + emulatorFigures.why);
     fprintf(out,

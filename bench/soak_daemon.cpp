@@ -50,15 +50,16 @@ using sdiboard::Transfer;
 using sdiboard::Fault;
 
 constexpr const char* kUsage =
-    "usage: soak_daemon SECONDS [--seed N] [--phase-ms MS] [--wrap 'PROGRAM ARGS...']\n"
-    "  SECONDS      length of the measured run (a warm-up that plays every fault once comes first)\n"
-    "  --seed N     seed of every random choice (default 1)\n"
-    "  --phase-ms   how long ctrld.out's stand-in stays in each state (default: 1000 for runs up\n"
-    "               to 5 minutes, 3000 beyond)\n"
-    "  --wrap       run the daemon under PROGRAM (valgrind): its memory figures are then the\n"
-    "               wrapper's and are printed but not judged\n"
-    "Needs root (a network namespace of its own). Exit status 0 when nothing was lost or extra\n"
-    "and the daemon stayed flat, 1 otherwise, 2 on a usage error, 77 when not root.\n";
+    R"(usage: soak_daemon SECONDS [--seed N] [--phase-ms MS] [--wrap 'PROGRAM ARGS...']
+  SECONDS      length of the measured run (a warm-up that plays every fault once comes first)
+  --seed N     seed of every random choice (default 1)
+  --phase-ms   how long ctrld.out's stand-in stays in each state (default: 1000 for runs up
+               to 5 minutes, 3000 beyond)
+  --wrap       run the daemon under PROGRAM (valgrind): its memory figures are then the
+               wrapper's and are printed but not judged
+Needs root (a network namespace of its own). Exit status 0 when nothing was lost or extra
+and the daemon stayed flat, 1 otherwise, 2 on a usage error, 77 when not root.
+)";
 
 constexpr uint16_t kCtrldPort = 32896;
 constexpr Gpio kProbe = {0x7E57, 0};       // a network event no board line can produce
@@ -123,7 +124,8 @@ Plan makePlan(double seconds, int phaseMs) {
     const double length = std::clamp(seconds / 30, 2.0, 20.0);
     for (int i = 0; i < count; ++i) {
         double middle = 0.2 + (i + 0.5) * 0.6 / count;
-        plan.outages.push_back({at(middle - length / 2 / seconds), Ms(static_cast<int>(length * 1000)),
+        plan.outages.push_back({at(middle - length / 2 / seconds),
+                                Ms(static_cast<int>(length * 1000)),
                                 i % 2 ? OutageKind::PowerCycled : OutageKind::Unplugged});
     }
     plan.longAbsenceStart = at(0.45);
@@ -134,12 +136,12 @@ Plan makePlan(double seconds, int phaseMs) {
 // ---- ctrld.out's stand-in.
 
 enum class Phase { Answer, Nak, LateIn, LateOut, Garbage, Silent, Absent, Restart, LongAbsence };
-constexpr const char* kPhaseNames[] = {"answering",  "NAK",     "late in time", "late past time-out",
-                                       "garbage",    "silent",  "port closed",  "restarting",
-                                       "long absence"};
+constexpr const char* kPhaseNames[] = {"answering",          "NAK",        "late in time",
+                                       "late past time-out", "garbage",    "silent",
+                                       "port closed",        "restarting", "long absence"};
 constexpr Phase kFaults[] = {Phase::Nak,    Phase::LateIn, Phase::LateOut, Phase::Garbage,
                              Phase::Silent, Phase::Absent, Phase::Restart};
-constexpr int kLateInMs = 20;   // the daemon waits 60 ms for an answer
+constexpr int kLateInMs = 20; // the daemon waits 60 ms for an answer
 constexpr int kLateOutMs = 90;
 
 const char* name(Phase p) {
@@ -176,11 +178,11 @@ class CtrldSide {
             heard_.push_back(r.frame);
         sim_.reset();
     }
-    void start() { thread_ = std::thread([this] { run(); }); }
+    void start() {
+        thread_.start([this] { run(); });
+    }
     void stop() {
-        stopping_ = true;
-        if (thread_.joinable())
-            thread_.join();
+        thread_.stop();
         down();
     }
 
@@ -226,7 +228,7 @@ class CtrldSide {
             up();
         if (sim_) {
             static constexpr uint8_t kNakBits[] = {0x01, 0x04, 0x10, 0x20, 0x40, 0x80};
-            sim_->set_default(phase == Phase::Nak      ? Reply::nak(kNakBits[random_() % 6])
+            sim_->set_default(phase == Phase::Nak       ? Reply::nak(kNakBits[random_() % 6])
                               : phase == Phase::LateIn  ? Reply::late(kLateInMs)
                               : phase == Phase::LateOut ? Reply::late(kLateOutMs)
                               : phase == Phase::Garbage ? garbage()
@@ -242,7 +244,7 @@ class CtrldSide {
     void run() {
         std::optional<Phase> current;
         auto nextChange = Clock::now();
-        while (!stopping_ && !failed) {
+        while (!thread_.stopping() && !failed) {
             const auto now = Clock::now();
             const Phase phase = now >= plan_.runEnd ? Phase::Answer : phaseAt(now);
             if (phase != current) {
@@ -271,8 +273,7 @@ class CtrldSide {
     std::vector<devsim::Bytes> heard_;
     std::vector<PhaseSpan> timeline_;
     size_t restarts_ = 0;
-    std::atomic<bool> stopping_{false};
-    std::thread thread_;
+    soak::RunThread thread_;
 };
 
 // ---- Local senders: GPO requests to 42001, network events to 42002.
@@ -286,12 +287,10 @@ class Sender {
     Sender(uint16_t port, unsigned seed, int burst, double burstOffset, const Plan& plan)
         : port_(port), random_(seed), burst_(burst), burstOffset_(burstOffset), plan_(plan) {}
     ~Sender() { stop(); }
-    void start() { thread_ = std::thread([this] { run(); }); }
-    void stop() {
-        stopping_ = true;
-        if (thread_.joinable())
-            thread_.join();
+    void start() {
+        thread_.start([this] { run(); });
     }
+    void stop() { thread_.stop(); }
 
     // Held: sends nothing until released; `holding` says the sender has seen it.
     std::atomic<bool> hold{false}, holding{false};
@@ -317,8 +316,8 @@ class Sender {
     void sendOne(int fd) {
         const size_t number = sent_.size();
         const Event e = port_ == LOOP_GPO_PORT ? request()
-                                          : Event{kRelayBase + static_cast<int32_t>(number),
-                                                  static_cast<int32_t>(random_())};
+                                               : Event{kRelayBase + static_cast<int32_t>(number),
+                                                       static_cast<int32_t>(random_())};
         const GpioDatagram datagram = gpioEncode(e);
         std::vector<uint8_t> bytes(datagram.begin(), datagram.end());
         if (number % 16 == 5)
@@ -326,10 +325,10 @@ class Sender {
         else if (number % 16 == 13)
             bytes.insert(bytes.end(), {0xDE, 0xAD, 0xBE, 0xEF}); // used by its first 8 bytes
         sockaddr_in to = loopback_address(port_);
-        if (sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to) !=
-            static_cast<ssize_t>(bytes.size())) {
-            fail("a datagram to port " + std::to_string(port_) + " could not be sent: " +
-                 strerror(errno));
+        if (sendto(fd, bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to),
+                   sizeof to) != static_cast<ssize_t>(bytes.size())) {
+            fail("a datagram to port " + std::to_string(port_) +
+                 " could not be sent: " + strerror(errno));
             return;
         }
         sent_.push_back({bytes});
@@ -345,10 +344,10 @@ class Sender {
         };
         auto nextSteady = Clock::now();
         auto nextBurst = plan_.warmStart + after(burstOffset_);
-        while (!stopping_ && !failed) {
+        while (!thread_.stopping() && !failed) {
             if (hold) {
                 holding = true;
-                while (hold && !stopping_)
+                while (hold && !thread_.stopping())
                     std::this_thread::sleep_for(Ms(5));
                 holding = false;
                 nextSteady = std::max(nextSteady, Clock::now());
@@ -377,8 +376,7 @@ class Sender {
     const Plan& plan_;
     std::vector<Sent> sent_;
     size_t bursts_ = 0;
-    std::atomic<bool> stopping_{false};
-    std::thread thread_;
+    soak::RunThread thread_;
 };
 
 // ---- 127.0.0.1:42000, where GPI events and relayed network events arrive.
@@ -393,14 +391,10 @@ class Receiver {
     Receiver() {
         int size = 64 << 20;
         setsockopt(socket_.fd(), SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size);
-        thread_ = std::thread([this] { run(); });
+        thread_.start([this] { run(); });
     }
     ~Receiver() { stop(); }
-    void stop() {
-        stopping_ = true;
-        if (thread_.joinable())
-            thread_.join();
-    }
+    void stop() { thread_.stop(); }
     std::atomic<uint64_t> relays{0}, probes{0};
     std::atomic<Clock::rep> lastArrival{0}; // Clock's count at the latest datagram
     const std::vector<Arrival>& arrivals() const { return arrivals_; } // once stopped
@@ -408,7 +402,7 @@ class Receiver {
 
   private:
     void run() {
-        while (!stopping_) {
+        while (!thread_.stopping()) {
             std::vector<uint8_t> bytes = socket_.receive(50);
             if (bytes.empty())
                 continue;
@@ -430,8 +424,7 @@ class Receiver {
     UdpEndpoint socket_{LOOP_GPI_PORT};
     std::vector<Arrival> arrivals_;
     size_t malformed_ = 0;
-    std::atomic<bool> stopping_{false};
-    std::thread thread_;
+    soak::RunThread thread_;
 };
 
 // ---- The board: drives the GPI lines at every poll, records what the daemon read, and plays
@@ -456,12 +449,10 @@ class BoardSide {
     }
     ~BoardSide() { stop(); }
     const std::string& path() const { return path_; }
-    void start() { thread_ = std::thread([this] { run(); }); }
-    void stop() {
-        stopping_ = true;
-        if (thread_.joinable())
-            thread_.join();
+    void start() {
+        thread_.start([this] { run(); });
     }
+    void stop() { thread_.stop(); }
     std::atomic<uint64_t> polls{0}, gpoWrites{0};
     const std::vector<Episode>& episodes() const { return episodes_; } // once stopped
     const Tally& tally() const { return tally_; }
@@ -533,8 +524,10 @@ class BoardSide {
             flips = static_cast<uint8_t>(1u << (random_() % 8));
         if (flips) {
             levels_ ^= flips;
-            tally_.rises += static_cast<uint64_t>(std::popcount(static_cast<uint8_t>(flips & levels_)));
-            tally_.falls += static_cast<uint64_t>(std::popcount(static_cast<uint8_t>(flips & ~levels_)));
+            tally_.rises +=
+                static_cast<uint64_t>(std::popcount(static_cast<uint8_t>(flips & levels_)));
+            tally_.falls +=
+                static_cast<uint64_t>(std::popcount(static_cast<uint8_t>(flips & ~levels_)));
             pending_.push_back({flips, levels_});
             board_->setGpi(levels_);
         }
@@ -613,8 +606,9 @@ class BoardSide {
         priority.sched_priority = 1; // the next changes go in before the next poll, where allowed
         (void)pthread_setschedparam(pthread_self(), SCHED_FIFO, &priority);
         size_t nextOutage = 0;
-        while (!stopping_ && !failed) {
-            if (nextOutage < plan_.outages.size() && Clock::now() >= plan_.outages[nextOutage].start)
+        while (!thread_.stopping() && !failed) {
+            if (nextOutage < plan_.outages.size() &&
+                Clock::now() >= plan_.outages[nextOutage].start)
                 outage(plan_.outages[nextOutage++]);
             drive();
             if (!presented())
@@ -643,8 +637,7 @@ class BoardSide {
     uint8_t presented_ = 0; // the inputs as of the last transition read
     Tally tally_;
     std::vector<std::string> disagreements_;
-    std::atomic<bool> stopping_{false};
-    std::thread thread_;
+    soak::RunThread thread_;
 };
 
 // ---- What the daemon must have reported, from what the board answered.
@@ -660,7 +653,9 @@ std::vector<Event> eventsOf(const Poll& p, uint8_t previous) {
     for (int line = 0; line < 8; ++line) {
         const int mask = 1 << line;
         if (p.gpit & mask)
-            events.push_back({line, (p.gpi & mask) == (previous & mask) ? 2 : (p.gpi & mask) ? 1 : 0});
+            events.push_back({line, (p.gpi & mask) == (previous & mask) ? 2
+                                    : (p.gpi & mask)                    ? 1
+                                                                        : 0});
     }
     return events;
 }
@@ -712,7 +707,8 @@ Diff compare(const std::vector<T>& expected, const std::vector<T>& got, Show sho
     d.first = "#" + std::to_string(same) + ": expected " +
               (same < expected.size() ? show(expected[same]) : "nothing") + ", got " +
               (same < got.size() ? show(got[same]) : "nothing");
-    const long n = static_cast<long>(expected.size() - same), m = static_cast<long>(got.size() - same);
+    const long n = static_cast<long>(expected.size() - same),
+               m = static_cast<long>(got.size() - same);
     const long most = std::min<long>(n + m, 4000);
     std::vector<long> v(static_cast<size_t>(2 * most + 3));
     auto at = [&](long k) -> long& { return v[static_cast<size_t>(k + most + 1)]; };
@@ -721,7 +717,8 @@ Diff compare(const std::vector<T>& expected, const std::vector<T>& got, Show sho
         for (long k = -e; k <= e; k += 2) {
             long x = (k == -e || (k != e && at(k - 1) < at(k + 1))) ? at(k + 1) : at(k - 1) + 1;
             long y = x - k;
-            while (x < n && y < m && expected[same + static_cast<size_t>(x)] == got[same + static_cast<size_t>(y)])
+            while (x < n && y < m &&
+                   expected[same + static_cast<size_t>(x)] == got[same + static_cast<size_t>(y)])
                 ++x, ++y;
             at(k) = x;
             if (x >= n && y >= m) {
@@ -740,7 +737,7 @@ std::string showEvent(const Event& e) {
 }
 
 struct GpiCheck {
-    std::vector<Poll> polls; // every poll as the daemon saw it, floating ones included
+    std::vector<Poll> polls;          // every poll as the daemon saw it, floating ones included
     std::vector<size_t> episodeStart; // index in `polls` of each board's first poll
     std::vector<size_t> floatingPerOutage;
     uint64_t boardEvents = 0, floatingEvents = 0;
@@ -778,7 +775,8 @@ void tryFloatingAt(const std::vector<Event> (&next)[2], uint8_t previous,
         const auto& tail = next[k ? 1 : 0];
         const size_t from = at + 8 * k;
         size_t length = 0;
-        while (length < tail.size() && from + length < got.size() && tail[length] == got[from + length])
+        while (length < tail.size() && from + length < got.size() &&
+               tail[length] == got[from + length])
             ++length;
         best.whole = length == tail.size();
         if (8 * k + length > best.length || best.whole)
@@ -877,7 +875,7 @@ std::vector<Token> tokens(const std::string& text) {
 
 struct Outcomes {
     std::map<Phase, std::pair<uint64_t, uint64_t>> byPhase; // ok, failed
-    std::map<Phase, std::vector<double>> delaysMs;           // from the poll to its first event
+    std::map<Phase, std::vector<double>> delaysMs;          // from the poll to its first event
     size_t answeringSpans = 0, answeringSpansWithoutSuccess = 0;
     uint64_t unparsed = 0, otherWarnings = 0;
 };
@@ -910,8 +908,9 @@ Outcomes outcomes(const std::vector<Poll>& polls, const std::vector<Token>& toks
             continue;
         // A command belongs to a state when sent at least 150 ms after it began (a late answer of
         // the state before is drained by then) and 100 ms before it ended.
-        auto span = std::upper_bound(timeline.begin(), timeline.end(), p.when,
-                                     [](Clock::time_point t, const PhaseSpan& s) { return t < s.start; });
+        auto span =
+            std::upper_bound(timeline.begin(), timeline.end(), p.when,
+                             [](Clock::time_point t, const PhaseSpan& s) { return t < s.start; });
         if (span == timeline.begin())
             continue;
         --span;
@@ -999,16 +998,18 @@ void reportOutages(const std::vector<Episode>& episodes, const GpiCheck& gpi,
         for (const auto& t : episodes[i].transfers)
             if (t.write && t.reg == sdiboard::kGpoRegister) {
                 char text[96];
-                snprintf(text, sizeof text, "; GPO register 0x00 until the next request wrote 0x%02X, %.0f ms after",
+                snprintf(text, sizeof text,
+                         "; GPO register 0x00 until the next request wrote 0x%02X, %.0f ms after",
                          t.value, since(before.outageEnd, t.when) * 1000);
                 gpo = *before.endedBy == OutageKind::PowerCycled ? text : "";
                 break;
             }
         printf("  %s %s for %.1f s: %zu floating polls (%.1f a second, 8 events each, at least "
                "%.1f ms apart); first polls back (transitions/levels): %s%s\n",
-               i <= 2 ? "warm-up" : "run", *before.endedBy == OutageKind::Unplugged ? "unplugged" : "power-cycled (silent)",
-               length, k, static_cast<double>(k) / length, closest, back.empty() ? "none" : back.c_str(),
-               gpo.c_str());
+               i <= 2 ? "warm-up" : "run",
+               *before.endedBy == OutageKind::Unplugged ? "unplugged" : "power-cycled (silent)",
+               length, k, static_cast<double>(k) / length, closest,
+               back.empty() ? "none" : back.c_str(), gpo.c_str());
     }
 }
 
@@ -1074,7 +1075,8 @@ struct Rig {
         : plan(makePlan(options.seconds, options.phaseMs)),
           gpo(LOOP_GPO_PORT, options.seed + 1, burstSize, 2, plan),
           net(INET_GPI_PORT, options.seed + 2, burstSize, 2 + kBurstEverySeconds / 2, plan),
-          board(boardPath, plan, options.seed, gpo), ctrld(plan, options.seed + 3), burst(burstSize) {}
+          board(boardPath, plan, options.seed, gpo), ctrld(plan, options.seed + 3),
+          burst(burstSize) {}
     Plan plan;
     Receiver receiver;
     Sender gpo, net;
@@ -1251,7 +1253,8 @@ std::pair<size_t, std::string> faultsOf(const Rig& rig) {
     for (const auto& [phase, count] : spans)
         if (phase != Phase::Answer) {
             faults += count;
-            list += std::string(list.empty() ? "" : ", ") + name(phase) + " " + std::to_string(count);
+            list +=
+                std::string(list.empty() ? "" : ", ") + name(phase) + " " + std::to_string(count);
         }
     return {faults, list};
 }
@@ -1273,8 +1276,8 @@ void reportGpi(const Rig& rig, const Accounts& a) {
            "(floating polls per outage: %s); reported %zu: %zu lost, %zu extra%s%s\n",
            (unsigned long long)a.gpi.boardEvents, (unsigned long long)a.gpi.floatingEvents,
            a.gpi.floatingPerOutage.size(), floating.c_str(), a.gpiEvents.size(), a.gpi.diff.lost,
-           a.gpi.diff.extra, a.gpi.diff.first.empty() ? "" : "; first difference: ",
-           a.gpi.diff.first.c_str());
+           a.gpi.diff.extra,
+           a.gpi.diff.first.empty() ? "" : "; first difference: ", a.gpi.diff.first.c_str());
 }
 
 void reportRequests(const Rig& rig, const Accounts& a, const Queues& queues, size_t capacity,
@@ -1344,7 +1347,8 @@ std::vector<std::string> problemsOf(const Rig& rig, Accounts& a, const Queues& q
     require(a.gpoDiff.lost == 0 && a.gpoDiff.extra == 0, "GPO requests not applied as sent");
     require(a.relays.lost == 0 && a.relays.extra == 0, "network events not relayed as sent");
     require(rig.receiver.malformed() == 0, "datagrams other than 8 bytes on the GPI port");
-    require(a.heardInOrder == rig.ctrld.heard().size(), "ctrld.out heard commands no poll called for");
+    require(a.heardInOrder == rig.ctrld.heard().size(),
+            "ctrld.out heard commands no poll called for");
     require(a.outcomes.answeringSpansWithoutSuccess == 0,
             "a command failed in every poll of an answering span");
     for (Phase p : {Phase::Nak, Phase::Garbage, Phase::Silent, Phase::Absent, Phase::LongAbsence})
@@ -1386,7 +1390,8 @@ int soakRun(const Options& options, const soak::TempDir& dir) {
     rig.plan = makePlan(options.seconds, options.phaseMs); // the run starts now
     printf("soak: %.0f s measured after a %.1f s warm-up, seed %u, daemon pid %d%s\n",
            options.seconds, since(rig.plan.warmStart, rig.plan.runStart), options.seed,
-           rig.daemon->pid(), options.wrapper.empty() ? "" : (" under " + options.wrapper[0]).c_str());
+           rig.daemon->pid(),
+           options.wrapper.empty() ? "" : (" under " + options.wrapper[0]).c_str());
     fflush(stdout);
     rig.board.start();
     rig.ctrld.start();

@@ -116,14 +116,16 @@ Verdict ProcWatch::verdict(double runSeconds, const char* workName, bool judgeCp
     const Tenth b = summarise(samples_, runSeconds * 0.9, runSeconds + 1);
     Verdict v;
     char text[512];
-    snprintf(text, sizeof text,
-             "resident %ld -> %ld kB, private dirty %ld -> %ld kB, descriptors %ld -> %ld, CPU per %s "
-             "%.3f -> %.3f ms (first tenth -> last tenth, %zu and %zu samples)",
-             a.rssKb, b.rssKb, a.privateKb, b.privateKb, a.fds, b.fds, workName, a.cpuMsPerWork,
-             b.cpuMsPerWork, a.samples, b.samples);
+    snprintf(
+        text, sizeof text,
+        "resident %ld -> %ld kB, private dirty %ld -> %ld kB, descriptors %ld -> %ld, CPU per %s "
+        "%.3f -> %.3f ms (first tenth -> last tenth, %zu and %zu samples)",
+        a.rssKb, b.rssKb, a.privateKb, b.privateKb, a.fds, b.fds, workName, a.cpuMsPerWork,
+        b.cpuMsPerWork, a.samples, b.samples);
     v.figures = text;
-    snprintf(text, sizeof text, "resident %ld -> %ld kB, private %ld -> %ld kB, descriptors %ld -> %ld",
-             a.rssKb, b.rssKb, a.privateKb, b.privateKb, a.fds, b.fds);
+    snprintf(text, sizeof text,
+             "resident %ld -> %ld kB, private %ld -> %ld kB, descriptors %ld -> %ld", a.rssKb,
+             b.rssKb, a.privateKb, b.privateKb, a.fds, b.fds);
     v.brief = text;
     std::ostringstream why;
     if (a.samples < 2 || b.samples < 2)
@@ -164,7 +166,8 @@ std::optional<UdpQueue> udpQueue(uint16_t port) {
             rest.push_back(word);
         UdpQueue q;
         const size_t colon = queues.find(':');
-        q.queuedBytes = colon == std::string::npos ? 0 : std::stol(queues.substr(colon + 1), nullptr, 16);
+        q.queuedBytes =
+            colon == std::string::npos ? 0 : std::stol(queues.substr(colon + 1), nullptr, 16);
         q.drops = rest.empty() ? 0 : std::stol(rest.back());
         return q;
     }

@@ -27,7 +27,8 @@ std::optional<ProcSample> sampleProcess(pid_t pid, double seconds, uint64_t work
 
 // The verdict on a run's samples. Flat means:
 //   - descriptors: the last tenth's largest count is not above the first tenth's;
-//   - resident and private (written) memory: the last tenth's largest value exceeds the first tenth's
+//   - resident and private (written) memory: the last tenth's largest value exceeds the first
+//   tenth's
 //     largest by at most kMemoryNoiseKb;
 //   - CPU per unit of work (where it is judged): the last tenth's is at most kCpuGrowth times the
 //     first tenth's plus kCpuNoiseMs.

@@ -1,6 +1,6 @@
 // What the long runs share besides their figures (soak_figures.h): network namespaces, processes
-// started and stopped by their own id, a directory of the run's own, and readiness waits on a
-// socket, a port or a file.
+// started and stopped by their own id, threads that run a part of a run until told to stop, a
+// directory of the run's own, and readiness waits on a socket, a port or a file.
 //
 // Contract:
 // - Namespaces need root (CAP_SYS_ADMIN). A namespace made here has its loopback up and gives
@@ -15,11 +15,13 @@
 // - Nothing here prints: failures come back as text ("" when all went well) or as false.
 #pragma once
 
+#include <atomic>
 #include <csignal>
 #include <cstdint>
 #include <functional>
 #include <string>
 #include <sys/types.h>
+#include <thread>
 #include <vector>
 
 namespace soak {
@@ -39,7 +41,7 @@ class NetNamespace {
     NetNamespace(const NetNamespace&) = delete;
     NetNamespace& operator=(const NetNamespace&) = delete;
     const std::string& error() const { return error_; } // "" when the namespace is up
-    int fd() const { return fd_; }                       // -1 when it is not
+    int fd() const { return fd_; }                      // -1 when it is not
     // Runs `f` with the calling thread inside the namespace (a socket made there stays there),
     // then moves it back; false when it could not enter.
     bool inside(const std::function<void()>& f) const;
@@ -92,6 +94,29 @@ class Process {
     int status_ = -1;
     std::string files_[2];
     std::string error_;
+};
+
+// ---- Threads.
+
+// A part of a run on a thread of its own: started with its loop, which ends once stopping() says
+// so; stop() tells it and joins it, as the destructor does at the latest.
+class RunThread {
+  public:
+    RunThread() = default;
+    ~RunThread() { stop(); }
+    RunThread(const RunThread&) = delete;
+    RunThread& operator=(const RunThread&) = delete;
+    template <typename F> void start(F&& loop) { thread_ = std::thread(std::forward<F>(loop)); }
+    void stop() {
+        stopping_ = true;
+        if (thread_.joinable())
+            thread_.join();
+    }
+    bool stopping() const { return stopping_; }
+
+  private:
+    std::atomic<bool> stopping_{false};
+    std::thread thread_;
 };
 
 // ---- Files.

@@ -1,7 +1,8 @@
 // What the emulator hears and says, in words: one table of names per protocol (Sony 9-pin with its
 // Odetics and media commands, Louth, the connection protocol's tags, the management codes), and
 // the text of each frame's arguments, as the log prints it beside the hex:
-// "24 31 00 00 10 00 65  CUE UP WITH DATA 00:10:00:00".
+// "24 31 00 00 10 00 65  CUE UP WITH DATA 00:10:00:00". The Sony and Louth names, and how each
+// command's data reads, come from tools/common/command_names.txt, as the dissector's do.
 #pragma once
 
 #include "wire.h"
@@ -12,18 +13,25 @@
 
 namespace devsim {
 
-// How a frame's data reads (the decoders are in names.cpp).
+// How a frame's data reads (the decoders are in names.cpp): the DATA of the table's rows. Some
+// read alike here and apart in the dissector, which gives their parts fields of their own.
 enum class Args : uint8_t {
     none,
     hex,         // the bytes in hex
+    status,      // status bytes, in hex
     tc,          // a BCD timecode
+    tc_or_none,  // a timecode, or nothing
     tc2,         // two timecodes
     tc_id,       // the Odetics preset forms: nothing, a timecode, an ID, a timecode then an ID
     tc_ub,       // a timecode, then 4 bytes of user bits
     id,          // an 8-byte clip ID
+    id_list,     // Louth: an ID of a list, or fewer bytes at its end
     speed,       // a speed byte (64 is play speed, each 32 more ten times faster)
     steps,       // a frame count, or none for one frame
     value,       // one byte, in decimal
+    mode,        // Louth: a mode byte, in decimal
+    granted,     // Louth: whether a port was granted, 1 or 0
+    found,       // Louth: whether an ID is stored, 1 or 0
     flag,        // one byte, on or off
     field,       // a 32-bit field number
     clip,        // a clip number, 4 BCD digits
@@ -44,10 +52,12 @@ enum class Args : uint8_t {
     port,
     open_port, // a port and its lock flag
     id_tcs,    // an ID, then two timecodes when given
-    jog,       // a signed frame count, one byte or four
-    var,       // a signed whole speed and a fraction byte
-    what_tc,   // a byte, then a timecode
-    what_id,   // a byte, then an ID
+    jog,           // a signed frame count, one byte or four
+    var,           // a signed whole speed and a fraction byte
+    what,          // which status bytes or position a request asks for, in hex
+    position,      // which position, then a timecode
+    active_id,     // which ID, then the ID
+    system_status, // the IDs stored and the storage left, in hex
 };
 
 // One row of the Sony table: a frame is known by CMD1 (exactly, or any data count of CMD1's group),

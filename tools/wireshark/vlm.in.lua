@@ -4,8 +4,9 @@
 -- connection protocol with its Sony tunnel and bulk transfers, and recorded links (pcap link type
 -- 147, USER0: a 16-byte record header, then the bytes of a datagram, a stream or a serial line).
 --
--- Installed by `cmake --install` into Wireshark's Lua plugin folder; by hand:
---   tshark -X lua_script:tools/wireshark/vlm.lua -r capture.pcap
+-- Installed by `cmake --install` into Wireshark's Lua plugin folder; by hand, as the build makes it
+-- from this file and the table of command names (tools/common/command_names.txt):
+--   tshark -X lua_script:build/dev/tools/wireshark/vlm.lua -r capture.pcap
 -- Every field is under "vlm." (vlm.gpio, vlm.dgram, vlm.s9p, vlm.louth, vlm.cnxn, vlm.mgmt,
 -- vlm.link). Written for Wireshark 4.0 (Lua 5.2).
 
@@ -397,9 +398,9 @@ end
 -- One table of every Sony-family command: plain Sony 9-pin, the Odetics extensions and the
 -- server's own media commands. A row is found by CMD1 (a number for one data count, "4x" for any
 -- count of the group), CMD2 and, where it tells commands apart, the first data byte. `args`
--- decodes the command's data; `answer` the data of the answer to it. A command has the name
--- devsim's log gives it (tools/devsim/names.cpp keeps its own table, and the dissector stage
--- checks that the two agree row by row).
+-- decodes the command's data; `answer` the data of the answer to it. The rows are made by the
+-- build from tools/common/command_names.txt, as devsim's are: a command has the name devsim's
+-- log gives it.
 local catalogue = { exact = {}, group = {} }
 local function C(cmd1, cmd2, selector, name, args, answer)
     local key = cmd2 * 512 + (selector and selector + 1 or 0)
@@ -419,206 +420,9 @@ local function lookup(cmd1, cmd2, data0)
     return find(catalogue.exact, cmd1) or find(catalogue.group, rshift(cmd1, 4))
 end
 
--- System and plain answers.
-C(0x00, 0x0C, nil, "LOCAL DISABLE")
-C(0x00, 0x11, nil, "DEVICE TYPE REQUEST", nil, "hex")
-C(0x00, 0x1D, nil, "LOCAL ENABLE")
-C(0x10, 0x01, nil, "ACK")
-C(0x11, 0x12, nil, "NAK", "nak")
-C(0x12, 0x11, nil, "DEVICE TYPE", "hex")
--- Transport control.
-C(0x20, 0x00, nil, "STOP")
-C(0x20, 0x01, nil, "PLAY")
-C(0x20, 0x02, nil, "RECORD")
-C(0x20, 0x04, nil, "STANDBY OFF")
-C(0x20, 0x05, nil, "STANDBY ON")
-C(0x20, 0x0F, nil, "EJECT")
-C(0x20, 0x10, nil, "FAST FWD")
-C("2x", 0x11, nil, "JOG FWD", "speed")
-C("2x", 0x12, nil, "VAR FWD", "speed")
-C("2x", 0x13, nil, "SHUTTLE FWD", "speed")
-C("2x", 0x14, nil, "FRAME STEP FWD", "steps")
-C(0x20, 0x20, nil, "REWIND")
-C("2x", 0x21, nil, "JOG REV", "speed")
-C("2x", 0x22, nil, "VAR REV", "speed")
-C("2x", 0x23, nil, "SHUTTLE REV", "speed")
-C("2x", 0x24, nil, "FRAME STEP REV", "steps")
-C(0x20, 0x30, nil, "PREROLL")
-C(0x20, 0x31, nil, "CUE UP")
-C(0x24, 0x31, nil, "CUE UP WITH DATA", "tc")
-C(0x20, 0x34, nil, "SYNC PLAY")
-C(0x21, 0x38, nil, "PROGRAM SPEED PLAY +", "speed")
-C(0x21, 0x39, nil, "PROGRAM SPEED PLAY -", "speed")
-C(0x20, 0x40, nil, "PREVIEW")
-C(0x20, 0x41, nil, "REVIEW")
-C(0x20, 0x42, nil, "AUTO EDIT")
-C(0x20, 0x43, nil, "OUTPOINT PREVIEW")
-C(0x20, 0x60, nil, "FULL EE OFF")
-C(0x20, 0x61, nil, "FULL EE ON")
-C(0x20, 0x63, nil, "SELECT EE ON")
-C(0x20, 0x64, nil, "EDIT OFF")
-C(0x20, 0x65, nil, "EDIT ON")
-C(0x20, 0x6A, nil, "FREEZE OFF")
-C(0x20, 0x6B, nil, "FREEZE ON")
-C(0x24, 0x9D, nil, "PRESET CURRENT FIELD", "field")
-C(0x2A, 0xAC, nil, "SAVE CLIP PARAMETERS", "clip_save")
--- Device set-up.
-C(0x30, 0x04, nil, "INITIALIZE")
-C(0x30, 0x07, nil, "REMOUNT")
-C(0x31, 0x10, nil, "PRESET CHANNEL", "value")
-C(0x34, 0x09, nil, "RESET", "text")
--- Presets and selections.
-C(0x40, 0x00, nil, "CLOSED CAPTION OFF")
-C(0x40, 0x01, nil, "CLOSED CAPTION ON")
-C(0x44, 0x00, nil, "TIMER-1 PRESET", "tc")
-C(0x41, 0x03, nil, "CAPTION FOREGROUND", "value")
-C(0x41, 0x04, nil, "CAPTION BACKGROUND", "value")
-C(0x44, 0x04, nil, "TIME CODE PRESET", "tc")
-C(0x41, 0x05, nil, "VIDEO FORMAT", "value")
-C(0x44, 0x05, nil, "USER BITS PRESET", "hex")
-C(0x41, 0x06, nil, "VIDEO COLOR SPACE", "value")
-C(0x41, 0x07, nil, "VIDEO ASPECT RATIO", "value")
-C(0x41, 0x08, nil, "CAPTION GEOMETRY", "value")
-C(0x40, 0x10, nil, "IN ENTRY")
-C(0x40, 0x11, nil, "OUT ENTRY")
-C(0x40, 0x12, nil, "AUDIO IN ENTRY")
-C(0x40, 0x13, nil, "AUDIO OUT ENTRY")
--- The edit points: a deck's timecode forms (44), and the Odetics forms with an ID (IN PRESET).
-C(0x44, 0x14, nil, "IN DATA PRESET", "tc")
-C("4x", 0x14, nil, "IN PRESET", "tc_id")
-C(0x44, 0x15, nil, "OUT DATA PRESET", "tc")
-C("4x", 0x15, nil, "OUT PRESET", "tc_or_none")
-C(0x44, 0x16, nil, "AUDIO IN DATA PRESET", "tc")
-C(0x44, 0x17, nil, "AUDIO OUT DATA PRESET", "tc")
-C(0x40, 0x18, nil, "IN SHIFT +")
-C(0x40, 0x19, nil, "IN SHIFT -")
-C(0x40, 0x1A, nil, "OUT SHIFT +")
-C(0x40, 0x1B, nil, "OUT SHIFT -")
-C(0x40, 0x1C, nil, "AUDIO IN SHIFT +")
-C(0x40, 0x1D, nil, "AUDIO IN SHIFT -")
-C(0x40, 0x1E, nil, "AUDIO OUT SHIFT +")
-C(0x40, 0x1F, nil, "AUDIO OUT SHIFT -")
-C(0x40, 0x20, nil, "IN RESET")
-C(0x40, 0x21, nil, "OUT RESET")
-C(0x40, 0x22, nil, "AUDIO IN RESET")
-C(0x40, 0x23, nil, "AUDIO OUT RESET")
-C(0x40, 0x24, nil, "IN RECALL")
-C(0x40, 0x25, nil, "OUT RECALL")
-C(0x40, 0x26, nil, "AUDIO IN RECALL")
-C(0x40, 0x27, nil, "AUDIO OUT RECALL")
-C("4x", 0x30, nil, "EDIT PRESET", "hex")
-C(0x44, 0x31, nil, "PREROLL TIME PRESET", "tc")
-C(0x41, 0x36, nil, "TIMER MODE SELECT", "value")
-C(0x40, 0x40, nil, "AUTO MODE OFF")
-C(0x40, 0x41, nil, "AUTO MODE ON")
-C(0x44, 0x96, nil, "PRESET PREVIOUS CLIP", "clips")
-C(0x44, 0x97, nil, "PRESET NEXT CLIP", "clips")
-C(0x44, 0xB4, nil, "PRESET FIELD 0", "field")
-C(0x44, 0xB5, nil, "PRESET LAST FIELD", "field")
-C(0x42, 0xB4, 0x00, "AUDIO RENDERING", "selector_value")
-C(0x42, 0xB4, 0x01, "AUDIO S/PDIF", "selector_value")
-C(0x41, 0xB7, nil, "LOOP MODE", "flag")
-C(0x43, 0xBF, 0xF0, "GPI ACTIVITY", "gpi")
-C("4x", 0xC0, nil, "MENU SAVE SECTION", "section_bytes")
-C(0x41, 0xC1, nil, "MENU COMMIT SECTION", "section")
-C(0x40, 0xC2, nil, "MENU SAVE FLASH")
-C(0x40, 0xC3, nil, "MENU RECALL CURRENT")
-C(0x40, 0xC4, nil, "MENU RECALL FLASH")
-C(0x40, 0xC5, nil, "MENU PRESET DEFAULT")
--- Senses, with the decoder of their answer.
-C(0x61, 0x0C, nil, "CURRENT TIME SENSE", "time_select", "tc")
-C(0x61, 0x0C, 0x04, "CURRENT TIME SENSE", "selector", "tc") -- this system's: the position
-C(0x60, 0x10, nil, "IN DATA SENSE", nil, "tc")
-C(0x60, 0x11, nil, "OUT DATA SENSE", nil, "tc")
-C(0x60, 0x12, nil, "AUDIO IN DATA SENSE", nil, "tc")
-C(0x60, 0x13, nil, "AUDIO OUT DATA SENSE", nil, "tc")
-C(0x61, 0x20, nil, "STATUS SENSE", "status_range", "status")
-C(0x61, 0x21, nil, "EXTENDED STATUS SENSE", "status_range", "status")
-C(0x60, 0x2E, nil, "SPEED SENSE", nil, "speed")
-C(0x61, 0x30, nil, "EDIT PRESET SENSE", "value", "hex")
-C(0x60, 0x31, nil, "PREROLL TIME SENSE", nil, "tc")
-C(0x60, 0x33, nil, "SERVO REFERENCE SENSE", nil, "hex")
-C(0x60, 0x36, nil, "TIMER MODE SENSE", nil, "hex")
-C(0x60, 0x38, nil, "FRAME MODE SENSE", nil, "hex")
-C(0x60, 0x3C, nil, "POSTROLL TIME SENSE", nil, "tc")
-C(0x60, 0x3E, nil, "RECORD INHIBIT SENSE", nil, "hex")
-C(0x60, 0x50, nil, "INPUT SOURCE SENSE", nil, "hex")
-C(0x60, 0x78, nil, "SYNC OFFSET SENSE", nil, "hex")
-C(0x60, 0x90, nil, "RESOLUTION SENSE", nil, "hex")
-C(0x60, 0x91, nil, "CHASE MODE SENSE", nil, "hex")
-C(0x61, 0x94, nil, "COMPRESSION RATIO SENSE", "selector", "hex")
-C(0x60, 0x95, nil, "VERSION SENSE", nil, "hex")
-C(0x62, 0x9A, nil, "CLIP PARAMETERS SENSE", "clip", "clip_parameters")
-C(0x60, 0x9F, nil, "CAPACITY SENSE", nil, "hex")
-C(0x60, 0xA1, nil, "DISK NAME SENSE", nil, "text")
-C(0x60, 0xA2, nil, "CURRENT FIELD SENSE", nil, "field")
-C(0x60, 0xA8, nil, "CACHE SIZE SENSE", nil, "hex")
-C(0x60, 0xA9, nil, "STEP RECORD SENSE", nil, "hex")
-C(0x60, 0xAA, nil, "ODETICS CAPABILITY SENSE", nil, "hex")
-C(0x60, 0xAD, nil, "AUDIO CHANNELS SENSE", nil, "hex")
-C(0x60, 0xAE, nil, "VIDEO STANDARD SENSE", nil, "hex")
-C(0x60, 0xB0, nil, "HARDWARE SENSE", nil, "hex")
-C(0x61, 0xB0, nil, "PROTOCOL VERSION SENSE", "selector", "hex")
-C(0x60, 0xB1, nil, "PRODUCT NAME SENSE", nil, "text")
-C(0x60, 0xB2, nil, "SERIAL NUMBER OR CAPTURE STATUS SENSE", nil, "text")
-C(0x60, 0xB3, nil, "IP ADDRESS SENSE", nil, "ip")
-C(0x61, 0xB3, 0x00, "CURRENT VIDEO INFO SENSE", "selector", "hex")
-C(0x61, 0xB3, 0x02, "START-UP VIDEO INFO SENSE", "selector", "hex")
-C(0x61, 0xB4, 0x00, "CURRENT AUDIO INFO SENSE", "selector", "hex")
-C(0x61, 0xB4, 0x02, "START-UP AUDIO INFO SENSE", "selector", "hex")
-C("6x", 0xBB, 0x01, "FILE VIDEO INFO SENSE", "file", "hex")
-C("6x", 0xBC, 0x01, "FILE AUDIO INFO SENSE", "file", "hex")
-C(0x60, 0xB4, nil, "FIELD 0 SENSE", nil, "field")
-C(0x60, 0xB5, nil, "LAST FIELD SENSE", nil, "field")
-C(0x60, 0xB7, nil, "LOOP MODE SENSE", nil, "hex")
-C(0x61, 0xC0, nil, "MENU SECTION SENSE", "section", "section_bytes")
-C(0x61, 0xC1, 0x00, "ERROR SENSE", "selector", "hex")
-C(0x61, 0xC1, 0x01, "LOADED ID SENSE", "selector", "selector_id")
-C(0x61, 0xC1, 0x02, "CLIP RANGE SENSE", "selector", "clips")
-C(0x69, 0xC1, 0x03, "ID LENGTH SENSE", "selector_id", "tc")
--- Odetics requests.
-C(0xA0, 0x01, nil, "AUTO SKIP")
-C("Ax", 0x02, nil, "RECORD CUE UP", "tc_id")
-C("Ax", 0x04, nil, "PREVIEW IN PRESET", "tc_id")
-C("Ax", 0x05, nil, "PREVIEW OUT PRESET", "tc_or_none")
-C(0xA0, 0x06, nil, "PREVIEW IN RESET")
-C(0xA0, 0x07, nil, "PREVIEW OUT RESET")
-C(0xA0, 0x10, nil, "ERASE ALL IDS")
-C(0xA8, 0x10, nil, "ERASE ID", "id")
-C(0xA8, 0x11, nil, "ERASE SEGMENT", "tc2")
-C(0xA0, 0x14, nil, "LIST FIRST ID", nil, "id")
-C(0xA0, 0x15, nil, "LIST NEXT ID", nil, "id")
-C(0xA8, 0x18, nil, "ID STATUS REQUEST", "id", "value")
-C(0xA0, 0x1C, nil, "STORAGE TIME SENSE", nil, "tc")
-C(0xA8, 0x20, nil, "SET DEVICE ID", "bytes8")
-C(0xA0, 0x21, nil, "DEVICE ID REQUEST", nil, "bytes8")
--- Answers known without their request.
-C("7x", 0x20, nil, "STATUS DATA", "status")
-C("7x", 0x21, nil, "EXTENDED STATUS DATA", "status")
-C(0x74, 0x00, nil, "TIMER-1 DATA", "tc")
-C(0x74, 0x01, nil, "TIMER-2 DATA", "tc")
-C(0x74, 0x04, nil, "LTC TIME DATA", "tc")
-C(0x74, 0x05, nil, "LTC USER BITS DATA", "hex")
-C(0x74, 0x06, nil, "VITC TIME DATA", "tc")
-C(0x74, 0x07, nil, "VITC USER BITS DATA", "hex")
-C(0x78, 0x04, nil, "LTC TIME AND USER BITS DATA", "tc_ub")
-C(0x78, 0x06, nil, "VITC TIME AND USER BITS DATA", "tc_ub")
-C(0x74, 0x14, nil, "CORRECTED LTC TIME DATA", "tc")
-C(0x78, 0x14, nil, "CORRECTED LTC TIME AND USER BITS DATA", "tc_ub")
-C(0x74, 0x16, nil, "HOLD VITC TIME DATA", "tc")
-C(0x78, 0x16, nil, "HOLD VITC TIME AND USER BITS DATA", "tc_ub")
-C(0x74, 0x10, nil, "IN DATA", "tc")
-C(0x74, 0x11, nil, "OUT DATA", "tc")
-C(0x74, 0x12, nil, "AUDIO IN DATA", "tc")
-C(0x74, 0x13, nil, "AUDIO OUT DATA", "tc")
-C(0x74, 0x31, nil, "PREROLL TIME DATA", "tc")
-C(0x88, 0x14, nil, "FIRST ID", "id")
-C(0x88, 0x15, nil, "NEXT ID", "id")
-C(0x80, 0x14, nil, "END OF ID LIST")
-C(0x80, 0x15, nil, "END OF ID LIST")
-C(0x81, 0x18, nil, "ID STATUS", "value")
-C(0x84, 0x1C, nil, "STORAGE TIME DATA", "tc")
-C(0x88, 0x21, nil, "DEVICE ID", "bytes8")
+-- @SONY_COMMANDS@
+-- The build fills the rows in: this file alone is no dissector.
+assert(next(catalogue.exact), "no command names: load the vlm.lua the build makes from vlm.in.lua")
 
 -- The answer's row when its request is not known: the sense (group 6 for group 7, group A for
 -- group 8) with the same CMD2, named for its data.
@@ -801,11 +605,6 @@ function sony_args.ip(t, d, n)
     t:add(F.s9p_ip, d)
     return tostring(d:ipv4())
 end
-function sony_args.bytes8(t, d, n)
-    if not fits(t, n, 8) then return end
-    t:add(F.s9p_data, d)
-    return hex(d)
-end
 function sony_args.nak(t, d, n)
     if n < 1 then
         args_warning(t, "a NAK carries one byte of error bits")
@@ -912,41 +711,14 @@ end
 
 ------------------------------------------------------------------ Louth frames
 
--- Louth (VDCP) commands by command type (CMD1's high nibble) and CMD2, with the name and decoder
--- of the answer frame (CMD2 with bit 7 set) where the command is answered by one; the public
--- names, as devsim's log prints them.
+-- Louth (VDCP) commands by command type (CMD1's high nibble) and CMD2, and the answer frames
+-- (CMD2 with bit 7 set) of those answered by one; the public names, made by the build from
+-- tools/common/command_names.txt as devsim's are.
 local louth_catalogue = {}
-local function L(kind, cmd2, name, args, answer, answer_args)
-    louth_catalogue[kind * 256 + cmd2] = { name = name, args = args, answer = answer,
-        answer_args = answer_args }
+local function L(kind, cmd2, name, args)
+    louth_catalogue[kind * 256 + cmd2] = { name = name, args = args }
 end
-L(0x1, 0x00, "STOP")
-L(0x1, 0x01, "PLAY")
-L(0x1, 0x02, "RECORD")
-L(0x1, 0x03, "FREEZE")
-L(0x1, 0x04, "STILL")
-L(0x1, 0x05, "STEP")
-L(0x1, 0x06, "CONTINUE")
-L(0x1, 0x07, "JOG", "jog")
-L(0x1, 0x08, "VARIABLE PLAY", "var")
-L(0x1, 0x09, "UNFREEZE")
-L(0x1, 0x0A, "EE MODE", "mode")
-L(0x2, 0x21, "CLOSE PORT", "port")
-L(0x2, 0x22, "SELECT PORT", "port")
-L(0x2, 0x23, "RECORD INIT", "id_tcs")
-L(0x2, 0x24, "PLAY CUE", "id")
-L(0x2, 0x25, "CUE WITH DATA", "id_tcs")
-L(0x2, 0x26, "DELETE ID", "id")
-L(0x2, 0x29, "CLEAR")
-L(0x3, 0x01, "OPEN PORT", "open", "PORT GRANT", "granted")
-L(0x3, 0x02, "NEXT", nil, "NEXT ID", "id_list")
-L(0x3, 0x05, "PORT STATUS REQUEST", "what", "PORT STATUS", "status")
-L(0x3, 0x06, "POSITION REQUEST", "what", "POSITION", "position")
-L(0x3, 0x07, "ACTIVE ID REQUEST", nil, "ACTIVE ID", "active_id")
-L(0x3, 0x10, "SYSTEM STATUS REQUEST", "hex", "SYSTEM STATUS", "system_status")
-L(0x3, 0x11, "ID LIST", nil, "ID LIST", "id_list")
-L(0x3, 0x14, "ID SIZE REQUEST", "id", "ID SIZE", "tc")
-L(0x3, 0x16, "ID REQUEST", "id", "ID", "found")
+-- @LOUTH_COMMANDS@
 
 local LH = argument_helpers("louth")
 local louth_warning, louth_fits, louth_tc, louth_id = LH.warning, LH.fits, LH.tc, LH.id
@@ -985,7 +757,7 @@ end
 function louth_args.port(t, d, n)
     if louth_fits(t, n, 1) then return "port " .. louth_port(t, d(0, 1)) end
 end
-function louth_args.open(t, d, n)
+function louth_args.open_port(t, d, n)
     if not louth_fits(t, n, 2) then return end
     t:add(F.louth_lock, d(1, 1))
     return "port " .. louth_port(t, d(0, 1)) .. (d(1, 1):uint() ~= 0 and " locked" or "")
@@ -1123,10 +895,11 @@ local function dissect_louth(range, pinfo, tree, conversation)
     local data_len = n - 5
     local data = data_len > 0 and range(4, data_len) or nil
     if data then t:add(F.louth_data, data) end
-    local row = louth_catalogue[rshift(cmd1, 4) * 256 + band(cmd2, 0x7F)]
+    local row = louth_catalogue[rshift(cmd1, 4) * 256 + cmd2]
+    local request = answer and louth_catalogue[rshift(cmd1, 4) * 256 + band(cmd2, 0x7F)]
     local name, args
-    if row and answer then
-        name, args = row.answer or (row.name .. " ANSWER"), row.answer_args or "hex"
+    if not row and request then -- an answer with no form of its own
+        name, args = request.name .. " ANSWER", "hex"
     elseif row then
         name, args = row.name, row.args
         if cmd2 == 0x23 and data_len == 16 then name = "RECORD INIT WITH DATA" end

@@ -1,0 +1,185 @@
+# Makes devsim's and the dissector's tables of command names from the one table of them
+# (tools/common/command_names.txt, whose top says how a row reads), in CMake's script mode:
+#   cmake -DTABLE=FILE -DFORMAT=cpp -DOUTPUT=FILE -P command_names.cmake
+#     the rows of devsim's kSony and kLouth, as C++ to include (tools/devsim/names.cpp)
+#   cmake -DTABLE=FILE -DFORMAT=lua -DTEMPLATE=vlm.in.lua -DOUTPUT=FILE -P command_names.cmake
+#     the dissector: TEMPLATE with its lines "-- @SONY_COMMANDS@" and "-- @LOUTH_COMMANDS@"
+#     replaced by the rows
+# A row that does not read as the table says, a command named twice, or (for the dissector) a
+# decoder the template does not define stops the build, naming the row.
+cmake_minimum_required(VERSION 3.25)
+
+foreach(variable TABLE FORMAT OUTPUT)
+  if(NOT DEFINED ${variable})
+    message(FATAL_ERROR "command_names.cmake: -D${variable}= is missing")
+  endif()
+endforeach()
+if(NOT FORMAT MATCHES "^(cpp|lua)$")
+  message(FATAL_ERROR "command_names.cmake: FORMAT is cpp or lua, not '${FORMAT}'")
+endif()
+if(FORMAT STREQUAL "lua")
+  file(READ "${TEMPLATE}" template)
+endif()
+
+set(HEX2 "^[0-9A-F][0-9A-F]$")
+set(DECODER "^[a-z][a-z0-9_]*$")
+set(NAME "^[A-Z0-9 +/()-]+$")
+
+function(refuse number why)
+  message(FATAL_ERROR "${TABLE}:${number}: ${why}")
+endfunction()
+
+# The dissector decodes with functions of the template's: `args` names one of `table`'s, or is
+# "none" (a command that takes no data).
+function(check_decoder number table args)
+  if(NOT args MATCHES "${DECODER}")
+    refuse(${number} "'${args}' is no decoder's name")
+  endif()
+  if(FORMAT STREQUAL "lua" AND NOT args STREQUAL "none")
+    string(FIND "${template}" "function ${table}.${args}(" at)
+    if(at EQUAL -1)
+      refuse(${number} "the dissector has no decoder ${table}.${args}")
+    endif()
+  endif()
+endfunction()
+
+function(check_name number name)
+  if(NOT name MATCHES "${NAME}")
+    refuse(${number} "the name '${name}' is not capitals, digits, spaces and + - / ( )")
+  endif()
+endfunction()
+
+# One row a command: `key` (the protocol and the bytes that tell the command) is taken once.
+function(claim number key)
+  get_property(taken GLOBAL PROPERTY command_keys)
+  if(key IN_LIST taken)
+    refuse(${number} "a second row for ${key}")
+  endif()
+  set_property(GLOBAL APPEND PROPERTY command_keys "${key}")
+endfunction()
+
+# A decoder as the dissector's rows give it: nil for none, else quoted.
+function(lua_decoder args out)
+  if(args STREQUAL "none")
+    set(${out} "nil" PARENT_SCOPE)
+  else()
+    set(${out} "\"${args}\"" PARENT_SCOPE)
+  endif()
+endfunction()
+
+# sony CMD1 CMD2 FIRST "NAME" DATA [ANSWER]
+function(sony_row number words)
+  list(LENGTH words count)
+  if(NOT (count EQUAL 6 OR count EQUAL 7))
+    refuse(${number} "a Sony row has CMD1, CMD2, FIRST, \"NAME\", DATA and maybe ANSWER")
+  endif()
+  list(GET words 1 cmd1)
+  list(GET words 2 cmd2)
+  list(GET words 3 first)
+  list(GET words 4 name)
+  list(GET words 5 data)
+  set(answer "hex")
+  if(count EQUAL 7)
+    list(GET words 6 answer)
+  endif()
+  if(NOT cmd1 MATCHES "^[0-9A-F][0-9A-Fx]$" OR NOT cmd2 MATCHES "${HEX2}" OR
+     NOT (first STREQUAL "-" OR first MATCHES "${HEX2}"))
+    refuse(${number} "CMD1 (or its group, as 2x), CMD2 and FIRST are hex digits")
+  endif()
+  check_name(${number} "${name}")
+  check_decoder(${number} sony_args "${data}")
+  check_decoder(${number} sony_args "${answer}")
+  claim(${number} "sony ${cmd1} ${cmd2} ${first}")
+
+  if(cmd1 MATCHES "^(.)x$") # a group: C++ has its first CMD1 and any count, Lua the "2x"
+    set(cpp_cmd1 "0x${CMAKE_MATCH_1}0, true")
+    set(lua_cmd1 "\"${cmd1}\"")
+  else()
+    set(cpp_cmd1 "0x${cmd1}, false")
+    set(lua_cmd1 "0x${cmd1}")
+  endif()
+  # FIRST: 0xF0, or for any first byte -1 in C++ and nil in Lua.
+  string(REGEX REPLACE "^([0-9A-F]+)$" "0x\\1" first "${first}")
+  string(REPLACE "-" "-1" cpp_first "${first}")
+  string(REPLACE "-" "nil" lua_first "${first}")
+  lua_decoder("${data}" lua_data)
+  set(lua_answer "")
+  if(count EQUAL 7)
+    set(lua_answer ", \"${answer}\"")
+  elseif(data STREQUAL "none")
+    set(lua_data "")
+  endif()
+  if(NOT lua_data STREQUAL "")
+    set(lua_data ", ${lua_data}")
+  endif()
+  set(SONY_CPP "${SONY_CPP}    {${cpp_cmd1}, 0x${cmd2}, ${cpp_first}, \"${name}\", Args::${data}},\n"
+      PARENT_SCOPE)
+  set(SONY_LUA "${SONY_LUA}C(${lua_cmd1}, 0x${cmd2}, ${lua_first}, \"${name}\"${lua_data}${lua_answer})\n"
+      PARENT_SCOPE)
+endfunction()
+
+# louth TYPE CMD2 "NAME" DATA
+function(louth_row number words)
+  list(LENGTH words count)
+  if(NOT count EQUAL 5)
+    refuse(${number} "a Louth row has TYPE, CMD2, \"NAME\" and DATA")
+  endif()
+  list(GET words 1 type)
+  list(GET words 2 cmd2)
+  list(GET words 3 name)
+  list(GET words 4 data)
+  if(NOT type MATCHES "^[0-9A-F]$" OR NOT cmd2 MATCHES "${HEX2}")
+    refuse(${number} "TYPE is one hex digit, CMD2 two")
+  endif()
+  check_name(${number} "${name}")
+  check_decoder(${number} louth_args "${data}")
+  claim(${number} "louth ${type} ${cmd2}")
+  lua_decoder("${data}" lua_data)
+  set(LOUTH_CPP "${LOUTH_CPP}    {0x${type}, 0x${cmd2}, \"${name}\", Args::${data}},\n" PARENT_SCOPE)
+  set(LOUTH_LUA "${LOUTH_LUA}L(0x${type}, 0x${cmd2}, \"${name}\", ${lua_data})\n" PARENT_SCOPE)
+endfunction()
+
+# The table's lines, numbered from 1: its semicolons (in comments) must not split them.
+file(READ "${TABLE}" text)
+string(ASCII 1 semicolon)
+string(REPLACE ";" "${semicolon}" text "${text}")
+string(REPLACE "\n" ";" lines "${text}")
+set(number 0)
+foreach(line IN LISTS lines)
+  math(EXPR number "${number} + 1")
+  if(line MATCHES "^[ \t]*(#|$)")
+    continue()
+  endif()
+  if(line MATCHES "${semicolon}")
+    refuse(${number} "a semicolon outside a comment")
+  endif()
+  string(REGEX REPLACE "[ \t]+#.*$" "" line "${line}") # a comment after the row
+  separate_arguments(words UNIX_COMMAND "${line}")
+  list(GET words 0 protocol)
+  if(protocol STREQUAL "sony")
+    sony_row(${number} "${words}")
+  elseif(protocol STREQUAL "louth")
+    louth_row(${number} "${words}")
+  else()
+    refuse(${number} "a row starts with sony or louth, not '${protocol}'")
+  endif()
+endforeach()
+if(NOT SONY_CPP OR NOT LOUTH_CPP)
+  message(FATAL_ERROR "${TABLE}: no Sony or no Louth rows")
+endif()
+
+if(FORMAT STREQUAL "cpp")
+  file(WRITE "${OUTPUT}"
+    "// Made by cmake/command_names.cmake from ${TABLE}: edit that table.\n"
+    "constexpr SonyName kSony[] = {\n${SONY_CPP}};\n"
+    "constexpr LouthName kLouth[] = {\n${LOUTH_CPP}};\n")
+else()
+  foreach(marker SONY LOUTH)
+    string(FIND "${template}" "-- @${marker}_COMMANDS@\n" at)
+    if(at EQUAL -1)
+      message(FATAL_ERROR "${TEMPLATE}: no line '-- @${marker}_COMMANDS@'")
+    endif()
+    string(REPLACE "-- @${marker}_COMMANDS@\n" "${${marker}_LUA}" template "${template}")
+  endforeach()
+  file(WRITE "${OUTPUT}" "${template}")
+endif()
