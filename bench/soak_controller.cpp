@@ -1191,7 +1191,8 @@ int soakRun(const Options& options) {
     const auto runStart = Clock::now();
     fprintf(out,
             "soak_controller: %.0f s measured after a %.1f s warm-up (every fault once on each "
-            "link, the emulator's histories full); time-out %d ms, %d operations between faults, at most %d calls a second on "
+            "link, the emulator's histories full); time-out %d ms, %d operations between faults, "
+            "at most %d calls a second on "
             "each link; controller pid %d, emulator pid %d\n",
             options.seconds, std::chrono::duration<double>(runStart - warmStart).count(),
             options.timeoutMs, options.gap, options.rate, getpid(), emulator.pid());
