@@ -15,11 +15,11 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
-#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <poll.h>
@@ -158,13 +158,9 @@ class Streams {
         }
     }
     void start() {
-        thread_ = std::thread([this] { read(); });
+        thread_.start([this] { read(); });
     }
-    void stop() {
-        stopping_ = true;
-        if (thread_.joinable())
-            thread_.join();
-    }
+    void stop() { thread_.stop(); }
     // Closes every stream, as pages going away do; what they got stays to be read.
     void closeAll() {
         stop();
@@ -180,7 +176,7 @@ class Streams {
   private:
     void read() {
         std::vector<pollfd> fds;
-        while (!stopping_) {
+        while (!thread_.stopping()) {
             std::unique_lock lock(mutex_);
             fds.clear();
             for (auto& s : streams_)
@@ -202,33 +198,20 @@ class Streams {
 
     std::mutex mutex_;
     std::vector<std::unique_ptr<Stream>> streams_;
-    std::atomic<bool> stopping_{false};
-    std::thread thread_;
+    soak::RunThread thread_;
 };
 
 // ---- What drives the rack: the GPI lines, two controllers, the API's timer.
 
-// Runs `step` every `periodMs` on a thread of its own until stopped.
-class Every {
-  public:
-    Every(int periodMs, std::function<void()> step)
-        : thread_([this, periodMs, step = std::move(step)] {
-              for (auto next = Clock::now(); !stopping_; next += Ms(periodMs)) {
-                  step();
-                  std::this_thread::sleep_until(next + Ms(periodMs));
-              }
-          }) {}
-    ~Every() { stop(); }
-    void stop() {
-        stopping_ = true;
-        if (thread_.joinable())
-            thread_.join();
-    }
-
-  private:
-    std::atomic<bool> stopping_{false};
-    std::thread thread_;
-};
+// Runs `step` every `periodMs` on `thread` until it is stopped.
+void every(soak::RunThread& thread, int periodMs, std::function<void()> step) {
+    thread.start([&thread, periodMs, step = std::move(step)] {
+        for (auto next = Clock::now(); !thread.stopping(); next += Ms(periodMs)) {
+            step();
+            std::this_thread::sleep_until(next + Ms(periodMs));
+        }
+    });
+}
 
 // A controller on one of the server's links: the status, the time, now and then play or stop.
 struct Controller {
@@ -348,14 +331,15 @@ int soakRun(const Options& o, const soak::TempDir& dir) {
     soak::waitUntil([&] { return streams.with([](auto& all) { return all[0]->live; }); }, kWaitMs);
     const long fdsWithOneStream = descriptorsOf(rack);
     uint8_t levels = 0;
-    Every gpi(kGpiStepMs, [&] {
+    ApiTimes api;
+    soak::RunThread gpi, udpCalls, serialCalls, probe;
+    every(gpi, kGpiStepMs, [&] {
         levels = static_cast<uint8_t>(levels == 0 || levels == 0x80 ? 1 : levels << 1);
         exchange("POST", "/api/gpi", "levels=" + std::to_string(levels));
     });
-    Every udpCalls(kControllerCallMs, [&] { udp.call(); });
-    Every serialCalls(kControllerCallMs, [&] { serial.call(); });
-    ApiTimes api;
-    Every probe(kApiProbeMs, [&] { api.probe(); });
+    every(udpCalls, kControllerCallMs, [&] { udp.call(); });
+    every(serialCalls, kControllerCallMs, [&] { serial.call(); });
+    every(probe, kApiProbeMs, [&] { api.probe(); });
 
     // The baseline: one page, as long as a tenth of the run (at least ten seconds).
     const double baseline = std::max(10.0, o.seconds / 10);
@@ -382,8 +366,8 @@ int soakRun(const Options& o, const soak::TempDir& dir) {
         watch.sample(since(runStart), static_cast<uint64_t>(std::max(0LL, entries)));
         std::this_thread::sleep_until(next + Ms(kSampleMs));
     }
-    for (Every* e : {&probe, &gpi, &udpCalls, &serialCalls})
-        e->stop();
+    for (soak::RunThread* part : {&probe, &gpi, &udpCalls, &serialCalls})
+        part->stop();
 
     // The last entry, then every stream up to it; then the pages go away.
     std::this_thread::sleep_for(Ms(500));
