@@ -49,7 +49,7 @@ struct Scene {
             error = "needs root for a network namespace of its own " + error;
             return;
         }
-        board.emplace(path);
+        board.emplace(path, sdiboard::Fault::None, sdiboard::kKeepAll); // counted at the end
         if (ctrldAnswers) {
             ctrld.emplace();
             ctrld->listen_udp("127.0.0.1", 32896);

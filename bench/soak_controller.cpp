@@ -119,6 +119,7 @@ struct Order {
 };
 struct Answer {
     uint64_t keepAlives; // "aliv" requests the TCP link received
+    bool historiesFull;  // every server has received and answered as much as its history keeps
 };
 struct Setup {
     uint16_t udp, mgmt, tcp;
@@ -220,7 +221,11 @@ int serveEmulator(int control) {
     Order order{};
     while (recv(control, &order, sizeof order, 0) == static_cast<ssize_t>(sizeof order)) {
         apply(*sims[static_cast<size_t>(order.link)], order);
-        const Answer answer{keepAlives.load()};
+        const bool full = std::all_of(sims.begin(), sims.end(), [](const auto& sim) {
+            const devsim::Counters c = sim->counters();
+            return std::min(c.received, c.answers) >= devsim::DevSim::kDefaultHistory;
+        });
+        const Answer answer{keepAlives.load(), full};
         if (send(control, &answer, sizeof answer, MSG_NOSIGNAL) != sizeof answer)
             break;
     }
@@ -1044,14 +1049,16 @@ std::string faultList(const std::array<unsigned, kFaultKinds>& faults) {
     return text;
 }
 
-// Each link's worker, started and run until every one has met every fault once: the warm-up.
+// Each link's worker, started and run until every one has met every fault once and the emulator's
+// memory has grown to what its servers' histories keep: the warm-up.
 std::vector<std::unique_ptr<Worker>> warmUp(Emulator& emulator, const Options& options) {
     std::vector<std::unique_ptr<Worker>> workers;
     for (LinkId link : {LinkId::udp, LinkId::tcp, LinkId::serial})
         workers.push_back(std::make_unique<Worker>(link, emulator, options));
     for (auto& w : workers)
         w->start();
-    while (!std::all_of(workers.begin(), workers.end(), [](const auto& w) { return w->warm(); }))
+    while (!std::all_of(workers.begin(), workers.end(), [](const auto& w) { return w->warm(); }) ||
+           !emulator.order({LinkId::udp, Fault::none, Kind::sony, 0, 0}).historiesFull)
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     return workers;
 }
@@ -1151,8 +1158,7 @@ bool reportEnd(FILE* out, const Captured& captured, const Totals& t, const Optio
             "controller: %s\n  %s (CPU printed, not judged: calls that wait out a time-out "
             "cost another CPU time than those answered)\n",
             verdict.figures.c_str(), soak::ProcWatch::criterion().c_str());
-    fprintf(out, "emulator (not judged: it keeps every message it received): %s\n",
-            emulatorFigures.figures.c_str());
+    fprintf(out, "emulator: %s\n", emulatorFigures.figures.c_str());
     const auto [printed, flushes] = captured.lines(STDOUT_FILENO, "mgmt_send_cmd: flush");
     const auto [traced, keepAliveLines] = captured.lines(STDERR_FILENO, "cnxn.cpp");
     fprintf(out,
@@ -1160,17 +1166,19 @@ bool reportEnd(FILE* out, const Captured& captured, const Totals& t, const Optio
             "flushed), %zu trace lines on standard error (%zu of keep-alives)\n",
             printed, flushes, traced, keepAliveLines);
     std::string verdictText = "passed";
-    if (t.problems || t.stuck || !verdict.flat)
+    if (t.problems || t.stuck || !verdict.flat || !emulatorFigures.flat)
         verdictText =
             "FAILED:" +
             std::string(t.problems ? " " + std::to_string(t.problems) + " problems;" : "") +
-            (verdict.flat ? "" : " not flat: " + verdict.why);
+            (verdict.flat ? "" : " not flat: " + verdict.why) +
+            (emulatorFigures.flat ? "" : " emulator not flat: " + emulatorFigures.why);
     fprintf(out,
             "soak controller %.0f s: calls %s; %llu faults injected; worst time-out overshoot "
-            "%.1f ms (%s); %llu stuck handles; %s (first -> last tenth): %s\n",
+            "%.1f ms (%s); %llu stuck handles; controller %s, emulator %s (first -> last tenth): "
+            "%s\n",
             options.seconds, t.calls.c_str(), (unsigned long long)t.faults, t.worst,
             t.worstLink.c_str(), (unsigned long long)t.stuck, verdict.brief.c_str(),
-            verdictText.c_str());
+            emulatorFigures.brief.c_str(), verdictText.c_str());
     return verdictText == "passed";
 }
 
@@ -1183,7 +1191,8 @@ int soakRun(const Options& options) {
     const auto runStart = Clock::now();
     fprintf(out,
             "soak_controller: %.0f s measured after a %.1f s warm-up (every fault once on each "
-            "link); time-out %d ms, %d operations between faults, at most %d calls a second on "
+            "link, the emulator's histories full); time-out %d ms, %d operations between faults, "
+            "at most %d calls a second on "
             "each link; controller pid %d, emulator pid %d\n",
             options.seconds, std::chrono::duration<double>(runStart - warmStart).count(),
             options.timeoutMs, options.gap, options.rate, getpid(), emulator.pid());

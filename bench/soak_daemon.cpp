@@ -47,6 +47,7 @@ using Event = Gpio; // a GPI event or a GPO request, as the daemon's datagram ca
 using Clock = std::chrono::steady_clock;
 using Ms = std::chrono::milliseconds;
 using sdiboard::Transfer;
+using sdiboard::Fault;
 
 constexpr const char* kUsage =
     R"(usage: soak_daemon SECONDS [--seed N] [--phase-ms MS] [--wrap 'PROGRAM ARGS...']
@@ -162,6 +163,7 @@ class CtrldSide {
             return;
         try {
             sim_ = std::make_unique<devsim::DevSim>();
+            sim_->keep_history(devsim::DevSim::kKeepEverything); // heard() checks every command
             sim_->listen_udp("127.0.0.1", kCtrldPort);
             sim_->start();
         } catch (const std::exception& e) {
@@ -442,7 +444,7 @@ class BoardSide {
   public:
     BoardSide(std::string path, const Plan& plan, unsigned seed, Sender& gpo)
         : path_(std::move(path)), plan_(plan), random_(seed), gpo_(gpo) {
-        board_ = std::make_unique<sdiboard::Board>(path_);
+        board_ = std::make_unique<sdiboard::Board>(path_, Fault::None, sdiboard::kKeepAll);
         episodes_.emplace_back();
     }
     ~BoardSide() { stop(); }
@@ -581,10 +583,12 @@ class BoardSide {
             board_.reset();
             unlink(away.c_str());
             seen_ = 0;
-            board_ = std::make_unique<sdiboard::Board>(path_, sdiboard::Fault::Absent); // silent
+            board_ = std::make_unique<sdiboard::Board>(path_, Fault::Absent, // silent
+                                                       sdiboard::kKeepAll);
             std::this_thread::sleep_until(episodes_.back().outageStart + o.length);
             board_.reset();
-            board_ = std::make_unique<sdiboard::Board>(path_); // powered up again: all zero
+            board_ = std::make_unique<sdiboard::Board>(path_, Fault::None, // powered up: all zero
+                                                       sdiboard::kKeepAll);
             presented_ = 0;
             if (levels_) { // the inputs are what they were: a change from the reset state
                 pending_.push_back({levels_, levels_});

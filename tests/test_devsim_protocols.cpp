@@ -4,6 +4,7 @@
 #include "common.h"
 #include "loopback.h"
 
+#include <array>
 #include <devsim/devsim.h>
 #include <devsim/names.h>
 #include <fcntl.h>
@@ -226,7 +227,11 @@ const Row kDiskServer[] = {
     {"20 22 01", "04"},
     {"20 25 4E 45 57 53 20 20 20 20 00 00 00 00 00 00 00 00", "04"},
     {"30 07", "30 87 00 4E 45 57 53 20 20 20 20"},
-    {"30 05 43", "30 85 43 88 00"}, // still, cue done
+    // Port status: the bitmap selects status bytes 1 to 8 in order (byte 1 here: still, cue done);
+    // this system's own 43 and 24 get the two bytes its server gives.
+    {"30 05 43", "30 85 43 88 00"}, {"30 05 24", "30 85 24 00 00"}, {"30 05 01", "30 85 01 88"},
+    {"30 05 02", "30 85 02 00"}, {"30 05 81", "30 85 81 88 00"}, {"30 05 00", "30 85 00"},
+    {"30 05 FF", "30 85 FF 88 00 00 00 00 00 00 00"},
     {"30 06 01", "30 86 01 00 00 00 00"},
     {"10 01", "04"}, {"30 05 43", "30 85 43 04 00"},
     {"10 04", "04"},
@@ -290,6 +295,17 @@ class Line {
         EXPECT_TRUE(summed(answer)) << hex(answer);
         return answer;
     }
+    // Writes `bytes` as they are, then adds what comes back to `got`: until it holds `count`
+    // bytes (at most a second each), then whatever more comes within `linger_ms` of the last.
+    void exchange(const std::string& bytes, size_t count, int linger_ms, Bytes& got) {
+        const Bytes out = bytes_of(bytes);
+        EXPECT_EQ(write(fd_, out.data(), out.size()), static_cast<ssize_t>(out.size()));
+        uint8_t chunk[64];
+        for (ssize_t n; poll(std::array{pollfd{fd_, POLLIN, 0}}.data(), 1,
+                             got.size() < count ? 1000 : linger_ms) > 0 &&
+                        (n = read(fd_, chunk, sizeof chunk)) > 0;)
+            got.insert(got.end(), chunk, chunk + n);
+    }
     // The current time of `sources` in frames at 25 a second; -1 for an answer of another kind.
     long time(uint8_t sources) {
         const Bytes a = ask({0x61, 0x0C, sources});
@@ -340,6 +356,59 @@ TEST(PublicController, reads_the_time_and_the_in_point_on_a_serial_line) {
                   ((in[3] >> 4) * 10 + (in[3] & 15)) * 25 + (in[2] >> 4) * 10 + (in[2] & 15),
               held);
     EXPECT_EQ(hex(line.ask({0x20, 0x77})), "11 12 01 24") << "an undefined command";
+}
+
+// --- bytes that form no valid frame on a serial line ------------------------------------------
+
+// Bytes written (in pieces 2 ms apart), the one answer they get ("" when they are dropped). Each
+// is followed at once by a valid frame, which must get its own answer: nothing more, nothing less.
+const std::tuple<const char*, bool, std::vector<const char*>, const char*> kBadBytes[] = {
+    {"wrongly summed", false, {"20 01 00"}, "11 12 04 27"},
+    {"a count short of the frame", false, {"20 01 05 06 07 21"}, "11 12 04 27"},
+    {"a count short of the frame, in two writes", false, {"20 01 05", "06 07 21"}, "11 12 04 27"},
+    {"a count past everything sent", false, {"2F 01 21"}, ""},
+    {"garbage before a frame", false, {"FF FE 20 01 21"}, "10 01 11"},
+    {"stray bytes", true, {"FF FF FF"}, "05 04"},
+    {"a count short of the frame", true, {"02 02 10 07 05 E4"}, "05 04"},
+    {"a count past everything sent", true, {"02 09 10 01 EF"}, ""},
+};
+
+TEST(SerialLine, bytes_that_form_no_frame_get_one_answer_and_the_next_frame_its_own) {
+    for (const auto& [name, louth, pieces, answer] : kBadBytes) {
+        devsim::DevSim sim;
+        Line line(sim.open_pty());
+        sim.set_protocol(devsim::Link::serial,
+                         louth ? devsim::Protocol::louth : devsim::Protocol::sony);
+        sim.start();
+        Bytes got, next;
+        for (const char* piece : pieces)
+            line.exchange(piece, 0, 2, got);
+        line.exchange("", bytes_of(answer).size(), 0, got);
+        EXPECT_EQ(hex(got), answer) << name;
+        line.exchange(louth ? "02 02 10 01 EF" : "20 01 21", 1, 50, next);
+        EXPECT_EQ(hex(next), louth ? "04" : "10 01 11") << name;
+    }
+}
+
+// --- the history and the counters --------------------------------------------------------------
+
+TEST(History, keeps_the_last_messages_and_counts_every_one) {
+    Controller c;
+    c.sim.keep_history(2);
+    c.sim.script(devsim::Reply::late(1)); // a fault, answered all the same
+    for (const char* request : {"20 00", "20 01", "20 77", "61 20 01", "20 05"})
+        c.sony(request);
+    ASSERT_TRUE(c.sim.wait_replies_sent(5, 2000));
+    const auto received = c.sim.received();
+    const auto sent = c.sim.sent();
+    ASSERT_EQ(received.size(), 2u);
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(received[0].text + ", " + received[1].text, "STATUS SENSE bytes 0 to 0, STANDBY ON");
+    EXPECT_EQ(sent[0].text + ", " + sent[1].text, "STATUS DATA 00, ACK");
+    const devsim::Counters n = c.sim.counters();
+    EXPECT_EQ(std::vector<uint64_t>({n.received, n.answers, n.naks, n.faults}),
+              std::vector<uint64_t>({5, 5, 1, 1}))
+        << "received, answered, NAKed (20 77 is no command), faults";
 }
 
 // --- names -----------------------------------------------------------------------------------

@@ -14,6 +14,7 @@ namespace {
 
 using Bytes = std::array<unsigned char, 3>;
 using sdiboard::Fault;
+const Bytes kFloating = {0xFF, 0xFF, 0xFF}; // a bus no board drives
 
 Bytes readRegister(unsigned char reg) {
     Bytes frame = {0x42, reg, 0x00};
@@ -22,15 +23,14 @@ Bytes readRegister(unsigned char reg) {
 }
 
 TEST(TlapiSim, only_an_answer_of_three_bytes_in_time_is_taken) {
-    const Bytes floating = {0xFF, 0xFF, 0xFF};
     // the board (none: nothing listens on the socket), what a read gets
     const std::tuple<const char*, std::optional<Fault>, Bytes> cases[] = {
         {"healthy board", Fault::None, {0x42, 0x31, 0x5A}},
-        {"no board", std::nullopt, floating},
-        {"silent board", Fault::Absent, floating},
-        {"answers of 2 bytes", Fault::ShortAnswers, floating},
-        {"answers of 4 bytes", Fault::LongAnswers, floating},
-        {"answers after 50 ms", Fault::LateAnswers, floating},
+        {"no board", std::nullopt, kFloating},
+        {"silent board", Fault::Absent, kFloating},
+        {"answers of 2 bytes", Fault::ShortAnswers, kFloating},
+        {"answers of 4 bytes", Fault::LongAnswers, kFloating},
+        {"answers after 50 ms", Fault::LateAnswers, kFloating},
     };
     for (const auto& [name, fault, read] : cases) {
         std::optional<sdiboard::Board> board;
@@ -44,13 +44,25 @@ TEST(TlapiSim, only_an_answer_of_three_bytes_in_time_is_taken) {
     }
 }
 
-TEST(TlapiSim, late_answer_is_not_taken_for_the_next_transfer) {
-    sdiboard::Board board(board_socket("late"), Fault::LateAnswers);
-    board.setRegister(sdiboard::kGpoRegister, 0x5A);
-    EXPECT_EQ(readRegister(sdiboard::kGpoRegister), (Bytes{0xFF, 0xFF, 0xFF}));
-    std::this_thread::sleep_for(std::chrono::milliseconds(80)); // its answer is waiting now
-    EXPECT_EQ(readRegister(sdiboard::kGpiRegister), (Bytes{0xFF, 0xFF, 0xFF}))
-        << "the answer for register 0x31 was taken for 0x30";
+TEST(TlapiSim, an_answer_that_missed_its_window_is_never_taken_for_another_transfer) {
+    const Bytes late = {0x42, sdiboard::kGpoRegister, 0x5A},
+                own = {0x42, sdiboard::kGpiRegister, 0};
+    // how late the first answer comes, and the pause before the next transfer: the late answer
+    // arrives inside the next transfer's window, or is already waiting when it starts
+    const std::tuple<const char*, int, int> cases[] = {
+        {"arrives during the next transfer", 30, 0},
+        {"arrives between the transfers", 30, 60},
+    };
+    for (const auto& [name, lateMs, pauseMs] : cases) {
+        sdiboard::Board board(board_socket("late"));
+        board.setRegister(sdiboard::kGpoRegister, 0x5A);
+        board.answerLate(lateMs);
+        EXPECT_EQ(readRegister(sdiboard::kGpoRegister), kFloating) << name;
+        std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
+        const Bytes next = readRegister(sdiboard::kGpiRegister);
+        EXPECT_NE(next, late) << name << ": the answer for register 0x31 was taken for 0x30";
+        EXPECT_TRUE(next == own || next == kFloating) << name << ": " << int(next[2]);
+    }
 }
 
 } // namespace

@@ -19,31 +19,37 @@ constexpr const char* kDefaultBoardSocket = "/tmp/sdiboard.sock";
 // How long the board has to clock its bytes back; later answers belong to no transfer.
 constexpr int kAnswerWindowMs = 20;
 constexpr int kMaxTransfer = 64;
-// A board that never stops answering must not hold a transfer: at most this many late answers
-// are dropped before one.
-constexpr int kMaxLateAnswers = 64;
 // What a bus whose data line floats high reads when no board drives it.
 constexpr unsigned char kFloatingBus = 0xFF;
 
-int clientFd = -1;
-
-// The client socket, opened on first use. Binding only the family asks the kernel for a unique
-// abstract address (autobind): the emulator can answer to it and no file is left behind.
-int clientSocket() {
-    if (clientFd >= 0)
-        return clientFd;
-    int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return -1;
-    sockaddr_un self{};
-    self.sun_family = AF_UNIX;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&self), sizeof self.sun_family) != 0) {
-        close(fd);
-        return -1;
+// The client end of one transfer. Each transfer has a socket of its own, bound to a fresh
+// abstract address (autobind: binding only the family asks the kernel for a unique name, and no
+// file is left behind), closed when the transfer ends. The board answers to the address that
+// asked, so an answer that comes after its window finds its address gone and is dropped by the
+// kernel: it can reach no later transfer, however late it comes and whatever the board sends.
+class TransferSocket {
+  public:
+    TransferSocket() : fd_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un self{};
+        self.sun_family = AF_UNIX;
+        if (fd_ >= 0 &&
+            bind(fd_, reinterpret_cast<sockaddr*>(&self), sizeof self.sun_family) != 0) {
+            close(fd_);
+            fd_ = -1;
+        }
     }
-    clientFd = fd;
-    return fd;
-}
+    ~TransferSocket() {
+        if (fd_ >= 0)
+            close(fd_);
+    }
+    TransferSocket(const TransferSocket&) = delete;
+    TransferSocket& operator=(const TransferSocket&) = delete;
+
+    int fd() const { return fd_; }
+
+  private:
+    int fd_;
+};
 
 bool boardAddress(sockaddr_un* address) {
     const char* path = getenv("TLAPI_SIM_SOCKET");
@@ -55,14 +61,6 @@ bool boardAddress(sockaddr_un* address) {
         return false;
     strcpy(address->sun_path, path);
     return true;
-}
-
-// An answer that missed its window must not be taken for the answer of the next transfer.
-void dropLateAnswers(int fd) {
-    unsigned char discard[kMaxTransfer];
-    for (int n = 0; n < kMaxLateAnswers && recv(fd, discard, sizeof discard, MSG_DONTWAIT) >= 0;
-         ++n) {
-    }
 }
 
 // Waits for one answer within the window; true when it came with exactly `length` bytes.
@@ -93,13 +91,11 @@ int transfer(const unsigned char* data, unsigned char* clockedBack, int length) 
         return -1;
     std::array<unsigned char, kMaxTransfer> answer;
     sockaddr_un board;
-    int fd = clientSocket();
     bool answered = false;
-    if (fd >= 0 && boardAddress(&board)) {
-        dropLateAnswers(fd);
-        ssize_t sent = sendto(fd, data, static_cast<size_t>(length), MSG_NOSIGNAL,
+    if (TransferSocket client; client.fd() >= 0 && boardAddress(&board)) {
+        ssize_t sent = sendto(client.fd(), data, static_cast<size_t>(length), MSG_NOSIGNAL,
                               reinterpret_cast<sockaddr*>(&board), sizeof board);
-        answered = sent == length && receiveAnswer(fd, answer.data(), length);
+        answered = sent == length && receiveAnswer(client.fd(), answer.data(), length);
     }
     if (!answered)
         answer.fill(kFloatingBus);
@@ -111,7 +107,7 @@ int transfer(const unsigned char* data, unsigned char* clockedBack, int length) 
 } // namespace
 
 extern "C" int SPIInit(void) {
-    return clientSocket() >= 0 ? 0 : -1;
+    return TransferSocket().fd() >= 0 ? 0 : -1;
 }
 
 extern "C" int SPIInitMaster(int, int, int, int, int) {

@@ -3,7 +3,7 @@
 // lights its lamp, the transport runs, the JSON API agrees with the library, and the page fetches
 // nothing from anywhere but the rack. Run inside a network namespace of its own (fixed ports):
 //   node rack.test.mjs BUILD NODE_FOLDER SCREENSHOT
-import { execFileSync, spawn } from 'node:child_process';
+import { execFileSync, spawn, spawnSync } from 'node:child_process';
 import dgram from 'node:dgram';
 import { existsSync, mkdtempSync, rmSync, writeFileSync } from 'node:fs';
 import { createRequire } from 'node:module';
@@ -121,6 +121,14 @@ const checks = [
     }
     await until('the fault used', async () => (await text('#faults')) === '');
   }],
+  ['the Corrupt button: the next answer is wrongly summed, and the log shows it beside its frame', async () => {
+    await page.click('[data-fault="corrupt"]');
+    await until('the fault shown', async () => (await text('#faults')).includes('corrupt checksum'));
+    if (!/checksum is wrong/.test(spawnSync(`${build}/tools/zqctl/zqctl`, ['-u', '127.0.0.1:32896', 'stop']).stderr))
+      throw new Error('the corrupt answer was taken');
+    await pageLogged('udp :32896', /20 00 20\s+STOP/);
+    await pageLogged('udp :32896', /\u2190\s*10 01 12\s+ACK \(bad checksum\)/);
+  }],
   ['the JSON API and the page show what the library reads over the wire, IN and OUT too', async () => {
     zqctl('stop');
     // An edit point's data sense answers 74 1x and the point's BCD timecode, frames first.
@@ -152,7 +160,8 @@ const checks = [
     const rows = [['gpi', { line: '8', action: 'on' }, 400], ['gpi', { line: '1', action: 'flip' }, 400],
       ['gpi', { levels: '0x100' }, 400], ['local', { local: 'yes' }, 400], ['load', { clip: 'NOPE' }, 404],
       ['fault', { kind: 'nak', bits: '256' }, 400], ['fault', { kind: 'late', ms: '0' }, 400],
-      ['fault', { kind: 'corrupt' }, 400], ['gpi', { line: '1', action: 'on' }, 403, { Origin: 'http://example.com' }],
+      ['fault', { kind: 'restart', ms: '60001' }, 400], ['fault', { kind: 'refuse', byte: '0x100' }, 400],
+      ['gpi', { line: '1', action: 'on' }, 403, { Origin: 'http://example.com' }],
       ['gpi?line=9&action=on', {}, 400], ['gpi', { levels: '5', line: '1' }, 400],
       ['../rack.js%00.html'], ['../index.html/'], ['../rackXjs'], ['nothing']];
     for (const [what, fields, status = 404, headers] of rows) {

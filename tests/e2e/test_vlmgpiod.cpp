@@ -81,7 +81,7 @@ class Vlmgpiod : public testing::Test {
     void restart(Fault fault, const std::vector<std::string>& options) {
         daemon.reset();
         board.reset();
-        board.emplace(path, fault);
+        board.emplace(path, fault, sdiboard::kKeepAll); // counted from the start
         start(options);
     }
 
@@ -101,7 +101,7 @@ struct Ctrld : devsim::DevSim {
 
 TEST_F(Vlmgpiod, gpi_transitions_reach_ctrld_then_become_events_in_line_order) {
     Ctrld ctrld;
-    board.emplace(path);
+    board.emplace(path, Fault::None, sdiboard::kKeepAll);
     board->setGpi(0x05); // latched before start-up: the first poll reports it
     start({});
     const std::string header = "00 01 00 06 00 00 00 00 00 00 "; // ComHdr: type 1, size 6
@@ -129,7 +129,7 @@ TEST_F(Vlmgpiod, gpi_transitions_reach_ctrld_then_become_events_in_line_order) {
 }
 
 TEST_F(Vlmgpiod, gpo_requests_of_eight_bytes_or_more_are_written) {
-    board.emplace(path);
+    board.emplace(path, Fault::None, sdiboard::kKeepAll);
     start({});
     std::vector<uint8_t> twelve = datagram({7, 0});
     twelve.insert(twelve.end(), {0xDE, 0xAD, 0xBE, 0xEF});
@@ -156,7 +156,7 @@ TEST_F(Vlmgpiod, gpo_requests_of_eight_bytes_or_more_are_written) {
 // gpioctl as a person runs it: a monitor line per edge, the daemon's own and a relayed one, none
 // for a datagram of another size; the setter's pairs and mask reaching the GPO register.
 TEST_F(Vlmgpiod, gpioctl_monitors_edges_and_sets_lines) {
-    board.emplace(path);
+    board.emplace(path, Fault::None, sdiboard::kKeepAll);
     start({});
     gpi.reset(); // the monitor takes the event port
     FILE* monitor = popen(GPIOCTL_PATH " -n 4 monitor 2>&1", "r");

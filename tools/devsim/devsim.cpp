@@ -99,6 +99,12 @@ Reply Reply::close() {
     return r;
 }
 
+bool Reply::own_answer() const {
+    return frame.empty() && !silent && delay_ms == 0 && !corrupt_checksum && !from_other_address &&
+           raw.empty() && louth.empty() && !other_unit && pieces.empty() && restart_ms < 0 &&
+           !close_connection;
+}
+
 DevSim::DevSim() : louth_(std::make_unique<LouthServer>(model_)) {
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)
@@ -167,9 +173,36 @@ void DevSim::on_traffic(std::function<void(const Traffic&)> observer) {
     traffic_observer_ = std::move(observer);
 }
 
+void DevSim::keep_history(size_t messages) {
+    std::lock_guard lock(mutex_);
+    history_ = messages;
+    while (received_.size() > history_)
+        received_.pop_front();
+    while (sent_.size() > history_)
+        sent_.pop_front();
+}
+
+template <typename T> void DevSim::keep(std::deque<T>& history, T entry) {
+    if (history_ == 0)
+        return;
+    if (history.size() >= history_)
+        history.pop_front();
+    history.push_back(std::move(entry));
+}
+
 std::vector<Received> DevSim::received() const {
     std::lock_guard lock(mutex_);
-    return received_;
+    return {received_.begin(), received_.end()};
+}
+
+std::vector<Traffic> DevSim::sent() const {
+    std::lock_guard lock(mutex_);
+    return {sent_.begin(), sent_.end()};
+}
+
+Counters DevSim::counters() const {
+    std::lock_guard lock(mutex_);
+    return counters_;
 }
 
 size_t DevSim::count_tag(const std::string& tag) const {
@@ -181,13 +214,13 @@ size_t DevSim::count_tag(const std::string& tag) const {
 bool DevSim::wait_received(size_t count, int timeout_ms) const {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
-                             [&] { return received_.size() >= count; });
+                             [&] { return counters_.received >= count; });
 }
 
 bool DevSim::wait_replies_sent(size_t count, int timeout_ms) const {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
-                             [&] { return replies_sent_ >= count; });
+                             [&] { return counters_.answers >= count; });
 }
 
 void DevSim::serve() {
@@ -207,6 +240,12 @@ void DevSim::serve() {
             clients.push_back(id);
         }
         int timeout = outbox_.wait_ms(now);
+        if (serial_.holds()) { // until a frame begun is given up
+            const auto gap_ends = std::chrono::ceil<std::chrono::milliseconds>(serial_last_byte_ +
+                                                                               kInterByteGap - now);
+            const int ms = static_cast<int>(std::max<long>(1, gap_ends.count() + 1));
+            timeout = timeout < 0 ? ms : std::min(timeout, ms);
+        }
         if (down_) {
             const auto left = std::chrono::ceil<std::chrono::milliseconds>(down_until_ - now);
             timeout = static_cast<int>(std::max<long>(0, left.count()));
@@ -232,6 +271,8 @@ void DevSim::serve() {
             accept_tcp();
         if (fds[4].revents)
             receive_serial();
+        else if (serial_quiet(Clock::now()))
+            take_serial_frames();
         if (fds[5].revents)
             receive_mgmt();
         for (size_t i = fixed; i < fds.size(); ++i)
@@ -264,7 +305,8 @@ void DevSim::record(const Endpoint& from, Received message) {
     std::function<void(const Received&)> observer;
     {
         std::lock_guard lock(mutex_);
-        received_.push_back(message);
+        ++counters_.received;
+        keep(received_, message);
         observer = observer_;
     }
     changed_.notify_all();
@@ -276,10 +318,22 @@ void DevSim::record(const Endpoint& from, Received message) {
 void DevSim::tap(const Endpoint& at, Direction direction, Bytes bytes, std::string text) {
     std::unique_lock lock(mutex_);
     auto observer = traffic_observer_;
+    // The history keeps the answers by name: a transfer's raw bytes (no name) are not kept.
+    const bool kept = direction == Direction::sent && !text.empty() && history_ > 0;
+    if (!observer && !kept)
+        return;
+    Traffic traffic{direction, at.link,          at.protocol,    at.local,
+                    at.peer,   std::move(bytes), std::move(text)};
+    if (kept)
+        keep(sent_, traffic);
     lock.unlock();
     if (observer)
-        observer({direction, at.link, at.protocol, at.local, at.peer, std::move(bytes),
-                  std::move(text)});
+        observer(traffic);
+}
+
+void DevSim::count_answer(bool nak) {
+    std::lock_guard lock(mutex_);
+    counters_.naks += nak;
 }
 
 void DevSim::fault_at_command(size_t command, Reply reply) {
@@ -300,6 +354,7 @@ Reply DevSim::next_reply() {
     if (!script_.empty()) {
         Reply reply = std::move(script_.front());
         script_.pop_front();
+        counters_.faults += !reply.own_answer();
         return reply;
     }
     auto fault = faults_.end();
@@ -309,10 +364,12 @@ Reply DevSim::next_reply() {
         if (due && fault == faults_.end())
             fault = f;
     }
-    if (fault == faults_.end())
-        return default_;
-    Reply reply = std::move(fault->reply);
-    faults_.erase(fault);
+    Reply reply = default_;
+    if (fault != faults_.end()) {
+        reply = std::move(fault->reply);
+        faults_.erase(fault);
+    }
+    counters_.faults += !reply.own_answer();
     return reply;
 }
 
@@ -333,6 +390,7 @@ void DevSim::answer_sony(const Endpoint& from, const Bytes& frame) {
         answer = with_checksum(sony_.answer(frame));
     if (reply.corrupt_checksum && !answer.empty())
         ++answer.back();
+    count_answer(reply.raw.empty() && answer.size() >= 2 && answer[0] == 0x11 && answer[1] == 0x12);
     const std::string text = reply.raw.empty() ? describe_sony(answer) : "";
     send_reply(from, reply, reply.raw.empty() ? framed(from, answer) : reply.raw, text);
 }
@@ -350,6 +408,7 @@ void DevSim::answer_louth(const Endpoint& from, const Bytes& frame) {
     }
     if (whole_frame && reply.corrupt_checksum)
         ++answer.back();
+    count_answer(reply.raw.empty() && !answer.empty() && answer[0] == 0x05);
     const std::string text = reply.raw.empty() ? describe_louth(answer) : "";
     send_reply(from, reply, reply.raw.empty() ? framed(from, answer) : reply.raw, text);
 }

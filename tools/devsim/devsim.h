@@ -7,6 +7,7 @@
 #include "mgmt.h"
 #include "model.h"
 #include "outbox.h"
+#include "serial_line.h"
 #include "sony_answers.h"
 #include "transfers.h"
 
@@ -65,6 +66,9 @@ struct Reply {
     static Reply close();
     // Louth: exactly this answer, framed for the link (behind the datagram header on UDP).
     static Reply louth_answer(Bytes answer);
+
+    // Whether this is the server's own answer, at once: no fault and no frame of its own.
+    bool own_answer() const;
 };
 
 // One message received, with its exact bytes and what it is.
@@ -93,10 +97,25 @@ struct Traffic {
     std::string text;            // decoded; empty for a transfer's raw bytes and dropped bytes
 };
 
+// What the emulator counts from its start, exactly, however little of it the history keeps.
+struct Counters {
+    uint64_t received = 0; // messages: datagrams, TCP messages, serial frames
+    uint64_t answers = 0;  // answers sent whole
+    uint64_t naks = 0;     // commands answered with a Sony NAK (11 12) or a Louth refusal (05)
+    uint64_t faults = 0;   // commands answered otherwise than by the server's own answer at once:
+                           // a scripted reply, a fault at a command or a frame, a faulty default
+};
+
 // One emulator serving any of its links from one thread. Set the links up, then start().
 // Set-up failures throw std::runtime_error. Every other member may be called from any thread.
 class DevSim {
   public:
+    // The messages received and the answers sent that the history keeps: an emulator left
+    // running for weeks keeps the last 500 of each; a test that reads every message of a
+    // long run keeps them all (a recording, --pcap, keeps everything in a file instead).
+    static constexpr size_t kDefaultHistory = 500;
+    static constexpr size_t kKeepEverything = SIZE_MAX;
+
     DevSim();
     ~DevSim();
     DevSim(const DevSim&) = delete;
@@ -144,9 +163,19 @@ class DevSim {
     void on_receive(std::function<void(const Received&)> observer);
     void on_traffic(std::function<void(const Traffic&)> observer);
 
+    // How many messages received, and as many answers sent, the history keeps from now on (the
+    // oldest go first); kDefaultHistory until set.
+    void keep_history(size_t messages);
+    // The messages received that the history keeps, oldest first; those with this TCP tag.
     std::vector<Received> received() const;
     size_t count_tag(const std::string& tag) const;
-    // Wait until that many messages were received / answers fully sent; false on time-out.
+    // The answers sent that the history keeps, oldest first, as on_traffic gets them (each
+    // datagram on UDP; on TCP and the serial line the whole answer), those with a name only: a
+    // transfer's raw bytes are not kept.
+    std::vector<Traffic> sent() const;
+    Counters counters() const;
+    // Wait until that many messages were received / answers fully sent since the start (the
+    // counters, not the history); false on time-out.
     bool wait_received(size_t count, int timeout_ms) const;
     bool wait_replies_sent(size_t count, int timeout_ms) const;
 
@@ -169,7 +198,9 @@ class DevSim {
     void wake(char why);
     void record(const Endpoint& from, Received message);
     void tap(const Endpoint& at, Direction direction, Bytes bytes, std::string text);
+    template <typename T> void keep(std::deque<T>& history, T entry); // under the lock
     Reply next_reply();
+    void count_answer(bool nak);
     // A fault that answers instead of the server: true when it did.
     bool instead_of_answer(const Endpoint& from, const Reply& reply);
     void answer_sony(const Endpoint& from, const Bytes& frame);
@@ -183,7 +214,10 @@ class DevSim {
     void accept_tcp();
     void receive_tcp(unsigned id);
     void close_tcp_client(unsigned id);
+    Endpoint serial_endpoint() const;
     void receive_serial();
+    bool serial_quiet(Clock::time_point now);
+    void take_serial_frames();
     void receive_mgmt();
     void send(const Outbox::Outgoing& out);
     void go_down(int ms);
@@ -197,7 +231,7 @@ class DevSim {
     std::map<unsigned, TcpClient> tcp_clients_; // serving thread only
     unsigned next_tcp_ = 0;
     std::string pty_path_;
-    Bytes serial_buffer_;
+    SerialLine serial_;
     Clock::time_point serial_last_byte_{};
     static constexpr auto kInterByteGap = std::chrono::milliseconds(10);
     bool louth_udp_ = false, louth_serial_ = false;
@@ -220,8 +254,10 @@ class DevSim {
     size_t commands_ = 0; // Sony and Louth commands answered
     Reply default_;
     std::optional<int> restart_asked_;
-    std::vector<Received> received_;
-    size_t replies_sent_ = 0;
+    size_t history_ = kDefaultHistory;
+    std::deque<Received> received_;
+    std::deque<Traffic> sent_;
+    Counters counters_;
     std::function<void(const Received&)> observer_;
     std::function<void(const Traffic&)> traffic_observer_;
     SonyAnswers sony_{model_};

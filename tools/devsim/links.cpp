@@ -69,19 +69,6 @@ UniqueFd bound_socket(int type, const sockaddr_in& address) {
     return fd;
 }
 
-// The length of the Sony frame at `at` ((CMD1 & 0x0F) + 3 bytes) when all of it is there, else 0.
-size_t sony_frame_length(const Bytes& bytes, size_t at) {
-    const size_t length = (bytes[at] & 0x0Fu) + 3;
-    return bytes.size() - at >= length ? length : 0;
-}
-
-// Whether a whole Sony frame with a right checksum is at `at`.
-bool sony_frame_whole(const Bytes& bytes, size_t at) {
-    const size_t length = sony_frame_length(bytes, at);
-    return length > 0 &&
-           byte_sum(std::span(bytes).subspan(at, length - 1)) == bytes[at + length - 1];
-}
-
 // The first `n` bytes of `buffer`, taken off it.
 Bytes take(Bytes& buffer, size_t n) {
     Bytes front(buffer.begin(), buffer.begin() + static_cast<long>(n));
@@ -249,48 +236,51 @@ void DevSim::receive_tcp(unsigned id) {
     }
 }
 
+Endpoint DevSim::serial_endpoint() const {
+    return {Link::serial,
+            louth_serial_ ? Protocol::louth : Protocol::sony,
+            pty_master_.get(),
+            {},
+            {},
+            0};
+}
+
 void DevSim::receive_serial() {
     uint8_t chunk[256];
     ssize_t n = read(pty_master_.get(), chunk, sizeof chunk);
     if (n <= 0 || down_)
         return;
-    // Bytes that waited longer than a deck's inter-byte gap began a frame that never came whole:
-    // a deck's receiver drops them and starts afresh with the next byte.
-    const Endpoint endpoint{Link::serial,
-                            louth_serial_ ? Protocol::louth : Protocol::sony,
-                            pty_master_.get(),
-                            {},
-                            {},
-                            0};
-    // Bytes dropped are no frame, but they crossed the line: a recorder sees them too.
-    const auto now = Clock::now();
-    if (now - serial_last_byte_ > kInterByteGap && !serial_buffer_.empty())
-        tap(endpoint, Direction::received, std::exchange(serial_buffer_, {}), "");
-    serial_last_byte_ = now;
-    serial_buffer_.insert(serial_buffer_.end(), chunk, chunk + n);
-    auto take_frame = [&](size_t length) {
-        const Bytes frame = take(serial_buffer_, length);
-        record(endpoint, {Link::serial, frame, frame, "", 0, {}, endpoint.protocol, ""});
-        return frame;
-    };
-    for (size_t length; louth_serial_ && (length = louth_command_length(serial_buffer_)) > 0;)
-        answer_louth(endpoint, take_frame(length));
-    while (!louth_serial_ && !serial_buffer_.empty()) {
-        const size_t length = sony_frame_length(serial_buffer_, 0);
-        if (length == 0)
-            return;
-        // A frame whose checksum is wrong, followed by the start of one whose checksum is right:
-        // the bytes before that one are garbage. Alone, it is answered with its NAK.
-        if (!sony_frame_whole(serial_buffer_, 0)) {
-            size_t next = 1;
-            while (next < serial_buffer_.size() && !sony_frame_whole(serial_buffer_, next))
-                ++next;
-            if (next < serial_buffer_.size()) {
-                tap(endpoint, Direction::received, take(serial_buffer_, next), "");
-                continue;
-            }
+    if (serial_quiet(Clock::now())) // what came before the silence, first
+        take_serial_frames();
+    serial_last_byte_ = Clock::now();
+    serial_.add(chunk, static_cast<size_t>(n));
+    take_serial_frames();
+}
+
+// Bytes that waited longer than a deck's inter-byte gap began a frame that never came whole: a
+// deck's receiver gives up on it and starts afresh with the next byte.
+bool DevSim::serial_quiet(Clock::time_point now) {
+    if (!serial_.holds() || now - serial_last_byte_ <= kInterByteGap)
+        return false;
+    serial_.quiet();
+    return true;
+}
+
+void DevSim::take_serial_frames() {
+    const Endpoint endpoint = serial_endpoint();
+    Bytes taken;
+    for (LineStep step; (step = serial_.next(louth_serial_, taken)).kind != LineStep::wait;) {
+        // Bytes dropped are no frame, but they crossed the line: a recorder sees them too.
+        if (step.kind == LineStep::garbage) {
+            tap(endpoint, Direction::received, std::move(taken), "");
+            continue;
         }
-        answer_sony(endpoint, take_frame(length));
+        // A valid frame, or a bad one answered once (its NAK, or a Louth refusal).
+        record(endpoint, {Link::serial, taken, taken, "", 0, {}, endpoint.protocol, ""});
+        if (louth_serial_)
+            answer_louth(endpoint, taken);
+        else
+            answer_sony(endpoint, taken);
     }
 }
 
@@ -333,7 +323,7 @@ void DevSim::send(const Outbox::Outgoing& out) {
         tap(out.to, Direction::sent, out.whole, out.text);
     {
         std::lock_guard lock(mutex_);
-        ++replies_sent_;
+        ++counters_.answers;
     }
     changed_.notify_all();
 }
@@ -346,7 +336,7 @@ void DevSim::go_down(int ms) {
     tcp_clients_.clear();
     tcp_listener_.reset();
     outbox_.clear();
-    serial_buffer_.clear();
+    serial_.clear();
     louth_ = std::make_unique<LouthServer>(model_);
     down_ = true;
     down_until_ = Clock::now() + std::chrono::milliseconds(ms);

@@ -54,6 +54,10 @@ constexpr StatusBit kStatusBits[] = {
     {0x80, [](const Model::Snapshot& s) { return s.cued; }},
 };
 
+// The port status requests of this system's library, which its server answers with the request
+// byte and two bytes: the status bits and 0 for 0x43, two zero bytes for 0x24 (errors).
+constexpr uint8_t kOwnStatusRequest = 0x43, kOwnErrorsRequest = 0x24;
+
 } // namespace
 
 Bytes louth_frame(Bytes body) {
@@ -64,16 +68,6 @@ Bytes louth_frame(Bytes body) {
 
 Bytes louth_datagram(const Bytes& bytes, size_t size) {
     return datagram(kLouthDatagram, bytes, size);
-}
-
-size_t louth_command_length(const Bytes& stream) {
-    if (stream.empty())
-        return 0;
-    if (stream[0] != kStart)
-        return 1;
-    if (stream.size() < 2 || stream.size() < stream[1] + size_t{3})
-        return 0;
-    return stream[1] + size_t{3};
 }
 
 LouthServer::LouthServer(Model& model) : model_(model) {}
@@ -98,13 +92,29 @@ bool LouthServer::transport(uint8_t cmd2, const Bytes& data) {
     return true;
 }
 
-uint8_t LouthServer::port_status() const {
+uint8_t LouthServer::port_state() const {
     const Model::Snapshot s = model_.snapshot();
     uint8_t bits = 0;
     for (const StatusBit& bit : kStatusBits)
         if (bit.on(s))
             bits |= bit.mask;
     return bits;
+}
+
+// CMD1, 85, the bitmap, then the status bytes it selects: bit n selects status byte n + 1, and
+// they come in that order. Byte 1 is the port's state; the others (the port's errors and
+// conditions, the disk's) hold nothing devsim models and read 0.
+Bytes LouthServer::port_status(uint8_t cmd1, uint8_t bitmap) const {
+    Bytes answer = {cmd1, 0x85, bitmap};
+    if (bitmap == kOwnStatusRequest || bitmap == kOwnErrorsRequest) {
+        answer.push_back(bitmap == kOwnStatusRequest ? port_state() : 0);
+        answer.push_back(0);
+        return answer;
+    }
+    for (int bit = 0; bit < 8; ++bit)
+        if (bitmap & 1u << bit)
+            answer.push_back(bit == 0 ? port_state() : 0);
+    return answer;
 }
 
 Bytes LouthServer::answer(const Bytes& command) {
@@ -160,11 +170,10 @@ Bytes LouthServer::sense(uint8_t unit, uint8_t cmd2, const Bytes& data) {
             locked_[data[0]] = data[1] != 0;
         return louth_frame({cmd1, 0x81, static_cast<uint8_t>(granted ? 1 : 0)});
     }
-    case 0x05: // port status (0x43) or errors (0x24): the request byte, then two bytes
+    case 0x05:
         if (data.empty())
             return {kNak, kUnknownCommand};
-        return louth_frame(
-            {cmd1, 0x85, data[0], data[0] == 0x43 ? port_status() : uint8_t{0}, 0x00});
+        return louth_frame(port_status(cmd1, data[0]));
     case 0x06:
         return louth_frame(
             concat({cmd1, 0x86, 0x01}, frames_to_bcd(model_.standard(), model_.position())));

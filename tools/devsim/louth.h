@@ -21,10 +21,6 @@ inline Bytes louth_datagram(const Bytes& bytes) {
     return louth_datagram(bytes, bytes.size());
 }
 
-// How many bytes at the front of `stream` make one command frame: 0 while it is incomplete. A
-// stream that does not start with 0x02 has its first byte taken alone, so the reader resyncs.
-size_t louth_command_length(const Bytes& stream);
-
 // The disk server behind a Louth link, answering from the server's model: transport commands move
 // it, record init creates a clip, cueing loads one, deletion removes them, and the senses (port
 // status, position, active ID, system status, the ID list, an ID's size and whether it is there)
@@ -41,7 +37,8 @@ class LouthServer {
     Bytes sense(uint8_t unit, uint8_t cmd2, const Bytes& data);
     Bytes list_entry(uint8_t unit, uint8_t cmd2);
     bool transport(uint8_t cmd2, const Bytes& data);
-    uint8_t port_status() const;
+    uint8_t port_state() const;
+    Bytes port_status(uint8_t cmd1, uint8_t bitmap) const;
 
     Model& model_;
     size_t next_ = SIZE_MAX;         // the next clip the ID list gives

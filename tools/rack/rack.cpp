@@ -18,8 +18,8 @@ namespace {
 
 using devsim::Bytes;
 
-constexpr int kSampleMs = 20; // the panel is looked at 50 times a second
-constexpr int kLateMs = 500;  // well past a controller's usual time-out
+constexpr int kSampleMs = 20;      // the panel is looked at 50 times a second
+constexpr size_t kShownBytes = 32; // of a message in the log (a transfer's are many)
 
 const char* const kStates[] = {"stopped", "playing", "still",   "fast_forward", "rewind",
                                "jog",     "var",     "shuttle", "recording",    "ejected"};
@@ -52,6 +52,57 @@ int32_t big_endian(const uint8_t* p) {
     return static_cast<int32_t>(static_cast<uint32_t>(p[0]) << 24 | p[1] << 16 | p[2] << 8 | p[3]);
 }
 
+// Where a message came or went, as the log names it: "udp :32896", "tcp :32897 ver", "serial",
+// "mgmt".
+std::string source_of(devsim::Link link, devsim::Protocol protocol, uint16_t local_port,
+                      const std::string& tag) {
+    if (protocol == devsim::Protocol::management)
+        return "mgmt";
+    std::string source = kLinks[static_cast<int>(link)];
+    if (link != devsim::Link::serial)
+        source += " :" + std::to_string(local_port);
+    if (protocol == devsim::Protocol::connection)
+        source += " " + trimmed(tag);
+    return source;
+}
+
+// The faults the page arms, and the value each takes (field "" for none): its range, its
+// default, and the reply it makes.
+struct FaultRow {
+    const char* kind;
+    const char* field;
+    int64_t low, high, fallback;
+    const char* label; // printf format of the value
+    devsim::Reply (*reply)(int64_t value);
+};
+const FaultRow kFaultRows[] = {
+    {"nak", "bits", 0, 0xFF, 0x01, "NAK %02llX",
+     [](int64_t v) { return devsim::Reply::nak(static_cast<uint8_t>(v)); }},
+    {"refuse", "byte", 0, 0xFF, 0x01, "refusal 05 %02llX",
+     [](int64_t v) {
+         return devsim::Reply::louth_answer({0x05, static_cast<uint8_t>(v)});
+     }},
+    {"silence", "", 0, 0, 0, "silence", [](int64_t) { return devsim::Reply::silence(); }},
+    {"late", "ms", 1, 60000, 500, "late %lld ms",
+     [](int64_t v) { return devsim::Reply::late(static_cast<int>(v)); }},
+    {"corrupt", "", 0, 0, 0, "corrupt checksum",
+     [](int64_t) {
+         devsim::Reply r;
+         r.corrupt_checksum = true;
+         return r;
+     }},
+    {"restart", "ms", 0, 60000, 2000, "restart %lld ms",
+     [](int64_t v) { return devsim::Reply::restart(static_cast<int>(v)); }},
+    {"close", "", 0, 0, 0, "close", [](int64_t) { return devsim::Reply::close(); }},
+};
+
+const FaultRow* fault_row(const std::string& kind) {
+    for (const FaultRow& row : kFaultRows)
+        if (kind == row.kind)
+            return &row;
+    return nullptr;
+}
+
 } // namespace
 
 std::string json_string(const std::string& text) {
@@ -75,10 +126,12 @@ std::string json_string(const std::string& text) {
 Rack::Rack(const sdiboard::Options& board, const cli::CommandLine& line, uint16_t gpi_port,
            std::function<void(const std::string&)> print)
     : print_(std::move(print)), board_options_(board) {
+    sim_.keep_history(0);
     const devsim::Links server = devsim::read_command_line(sim_, line);
     try {
         links_ = devsim::set_up(sim_, server, own_links_);
-        board_ = std::make_unique<sdiboard::Board>(board.path, board.fault);
+        // The rack's own log is what it shows: the emulators keep no history of their own.
+        board_ = std::make_unique<sdiboard::Board>(board.path, board.fault, 0);
     } catch (...) {
         devsim::remove_links(sim_, own_links_);
         throw;
@@ -93,6 +146,10 @@ Rack::Rack(const sdiboard::Options& board, const cli::CommandLine& line, uint16_
             log("board", {0x42, static_cast<uint8_t>(write.reg | 0x80), write.value}, text);
     });
     sim_.on_receive([this](const devsim::Received& message) { received(message); });
+    sim_.on_traffic([this](const devsim::Traffic& crossing) {
+        if (crossing.direction == devsim::Direction::sent && !crossing.text.empty())
+            answered(crossing);
+    });
     gpi_port_ = gpi_port;
     if (gpi_port != 0) {
         const sockaddr_in address = loopback_address(gpi_port);
@@ -106,6 +163,7 @@ Rack::Rack(const sdiboard::Options& board, const cli::CommandLine& line, uint16_
         }
     }
     sim_.start();
+    sample_panel(); // the first state a stream sends
     watcher_ = std::thread([this] { watch(); });
 }
 
@@ -126,20 +184,26 @@ void Rack::close() {
     changed_.notify_all();
 }
 
-void Rack::log(const std::string& source, const Bytes& bytes, const std::string& text) {
-    const std::string time = clock_text(), bytes_hex = hex(bytes);
+void Rack::log(const std::string& source, const Bytes& bytes, const std::string& text,
+               bool answer) {
+    const std::string time = clock_text();
+    std::string bytes_hex = hex(Bytes(
+        bytes.begin(), bytes.begin() + static_cast<long>(std::min(bytes.size(), kShownBytes))));
+    if (bytes.size() > kShownBytes)
+        bytes_hex += " ...";
     {
         std::lock_guard lock(mutex_);
         ++log_seq_;
-        log_.push_back({log_seq_, "{\"seq\":" + std::to_string(log_seq_) + ",\"time\":" +
-                                      json_string(time) + ",\"source\":" + json_string(source) +
-                                      ",\"hex\":" + json_string(bytes_hex) +
-                                      ",\"text\":" + json_string(text) + "}"});
+        std::string json =
+            "{\"seq\":" + std::to_string(log_seq_) + ",\"time\":" + json_string(time) +
+            ",\"source\":" + json_string(source) + ",\"answer\":" + (answer ? "true" : "false") +
+            ",\"hex\":" + json_string(bytes_hex) + ",\"text\":" + json_string(text) + "}";
+        log_.push_back({log_seq_, json, event("log", json, log_seq_)});
         if (log_.size() > kLogLength)
             log_.pop_front();
         if (print_) // under the lock, so the console keeps the log's order
-            print_(source + (bytes_hex.empty() ? "" : "  " + bytes_hex) +
-                   (text.empty() ? "" : "  " + text));
+            print_(source + (answer ? " answer" : "") +
+                   (bytes_hex.empty() ? "" : "  " + bytes_hex) + (text.empty() ? "" : "  " + text));
     }
     changed_.notify_all();
 }
@@ -147,18 +211,31 @@ void Rack::log(const std::string& source, const Bytes& bytes, const std::string&
 void Rack::received(const devsim::Received& message) {
     using devsim::Protocol;
     const bool command = message.protocol == Protocol::sony || message.protocol == Protocol::louth;
-    std::string source =
-        message.protocol == Protocol::management ? "mgmt" : kLinks[static_cast<int>(message.link)];
-    if (message.link != devsim::Link::serial)
-        source += " :" + std::to_string(message.local_port);
-    if (message.protocol == Protocol::connection)
-        source += " " + trimmed(message.tag);
-    log(source, message.frame.empty() ? message.wire : message.frame, message.text);
+    log(source_of(message.link, message.protocol, message.local_port, message.tag),
+        message.frame.empty() ? message.wire : message.frame, message.text);
     if (command) { // it took the next fault armed, if any
         std::lock_guard lock(mutex_);
         if (!faults_.empty())
             faults_.pop_front();
     }
+}
+
+// An answer as the log shows it: the frame, without the datagram's or the stream message's
+// header in front of it.
+void Rack::answered(const devsim::Traffic& answer) {
+    using devsim::Protocol;
+    const Bytes& bytes = answer.bytes;
+    size_t header = 0;
+    std::string tag;
+    if (answer.link == devsim::Link::udp && answer.protocol != Protocol::management)
+        header = devsim::kDatagramHeader;
+    if (answer.link == devsim::Link::tcp && bytes.size() >= devsim::kStreamHeader) {
+        tag.assign(bytes.begin(), bytes.begin() + 4);
+        header = tag == "s9p " ? devsim::kStreamHeader : 0;
+    }
+    header = std::min(header, bytes.size());
+    log(source_of(answer.link, answer.protocol, ntohs(answer.local.sin_port), tag),
+        Bytes(bytes.begin() + static_cast<long>(header), bytes.end()), answer.text, true);
 }
 
 void Rack::watch() {
@@ -173,17 +250,37 @@ void Rack::watch() {
                              std::to_string(big_endian(datagram + 4))
                        : "not an event (" + std::to_string(n) + " bytes)");
         }
-        const devsim::Model::Snapshot server = sim_.model().snapshot();
-        const std::string panel = state_json(server, false), position = position_json(server);
-        std::lock_guard lock(mutex_);
-        if (panel != state_ || position != position_) {
-            state_seq_ += panel != state_;
-            position_seq_ += position != position_;
-            state_ = panel;
-            position_ = position;
-            changed_.notify_all();
-        }
+        sample_panel();
     }
+}
+
+// The panel as the model and the board stand now; what changed becomes the event every stream
+// sends, made here once. The watcher alone writes the panel, so what it read stays current.
+void Rack::sample_panel() {
+    const devsim::Model::Snapshot server = sim_.model().snapshot();
+    const std::string panel = state_json(server, false), position = position_json(server);
+    std::unique_lock lock(mutex_);
+    const bool new_state = panel != state_, new_position = position != position_;
+    lock.unlock();
+    if (!new_state && !new_position)
+        return;
+    const Event state_event = new_state ? event("state", state_json(server, true)) : nullptr;
+    const Event position_event = event("position", position);
+    lock.lock();
+    if (new_state) {
+        state_ = panel;
+        state_event_ = state_event;
+        ++state_seq_;
+    }
+    position_ = position;
+    position_event_ = position_event;
+    position_seq_ += new_position;
+    changed_.notify_all();
+}
+
+Rack::Event Rack::event(const std::string& name, const std::string& json, uint64_t id) {
+    return std::make_shared<const std::string>((id ? "id: " + std::to_string(id) + "\n" : "") +
+                                               "event: " + name + "\ndata: " + json + "\n\n");
 }
 
 std::string Rack::position_json(const devsim::Model::Snapshot& server) {
@@ -249,25 +346,24 @@ std::string Rack::log_json(uint64_t after) const {
     return "{\"last\":" + std::to_string(log_seq_) + ",\"entries\":[" + entries + "]}";
 }
 
-std::string Rack::next_events(Cursor& cursor, std::chrono::milliseconds wait) const {
+void Rack::next_events(Cursor& cursor, std::chrono::milliseconds wait,
+                       std::vector<Event>& events) const {
+    events.clear();
     std::unique_lock lock(mutex_);
     changed_.wait_for(lock, wait, [&] {
         return stop_ || cursor.state != state_seq_ || cursor.position != position_seq_ ||
                cursor.log != log_seq_;
     });
-    std::string logged;
-    for (const Entry& entry : log_)
-        if (entry.seq > cursor.log)
-            logged +=
-                "id: " + std::to_string(entry.seq) + "\nevent: log\ndata: " + entry.json + "\n\n";
-    const bool state = cursor.state != state_seq_, position = cursor.position != position_seq_;
+    if (cursor.state != state_seq_)
+        events.push_back(state_event_); // the position with it
+    else if (cursor.position != position_seq_)
+        events.push_back(position_event_);
+    // The entries kept are numbered without a gap: the first one after the cursor is found
+    // at once.
+    const uint64_t oldest = log_.empty() ? log_seq_ + 1 : log_.front().seq;
+    for (size_t i = cursor.log < oldest ? 0 : cursor.log - oldest + 1; i < log_.size(); ++i)
+        events.push_back(log_[i].event);
     cursor = {state_seq_, position_seq_, log_seq_};
-    lock.unlock();
-    if (state)
-        return "event: state\ndata: " + state_json() + "\n\n" + logged;
-    if (position)
-        return "event: position\ndata: " + position_json(sim_.model().snapshot()) + "\n\n" + logged;
-    return logged;
 }
 
 void Rack::gpi(const std::string& line_text, const std::string& action) {
@@ -305,28 +401,25 @@ void Rack::load(const std::string& clip) {
         throw Refusal(404, "no clip " + cli::quote(clip) + " in the store");
 }
 
+const char* Rack::fault_field(const std::string& kind) {
+    const FaultRow* row = fault_row(kind);
+    return row ? row->field : "";
+}
+
 void Rack::fault(const std::string& kind, const std::string& value) {
-    devsim::Reply reply;
-    std::string label;
-    if (kind == "nak") {
-        const auto bits =
-            static_cast<uint8_t>(value.empty() ? 0x01 : cli::integer(value, 0, 0xFF, "bits", true));
-        reply = devsim::Reply::nak(bits);
-        label = "NAK " + hex({bits});
-    } else if (kind == "silence" && value.empty()) {
-        reply = devsim::Reply::silence();
-        label = "silence";
-    } else if (kind == "late") {
-        const int ms =
-            value.empty() ? kLateMs : static_cast<int>(cli::integer(value, 1, 60000, "ms"));
-        reply = devsim::Reply::late(ms);
-        label = "late " + std::to_string(ms) + " ms";
-    } else {
+    const FaultRow* row = fault_row(kind);
+    if (!row || (!*row->field && !value.empty()))
         throw cli::Refused("fault: " + cli::quote(kind) +
-                           " is not nak [BITS], silence or late [MS]");
-    }
+                           " is not nak [BITS], refuse [BYTE], silence, late [MS], corrupt, "
+                           "restart [MS] or close");
+    const bool hexadecimal = std::string(row->field) != "ms";
+    const int64_t v = value.empty()
+                          ? row->fallback
+                          : cli::integer(value, row->low, row->high, row->field, hexadecimal);
+    char label[48];
+    snprintf(label, sizeof label, row->label, static_cast<long long>(v));
     std::lock_guard lock(mutex_); // armed and counted together, before a command can take it
-    sim_.script(reply);
+    sim_.script(row->reply(v));
     faults_.push_back(label);
 }
 

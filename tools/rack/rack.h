@@ -61,9 +61,13 @@ class Rack {
     // The whole state, and the log entries after `after` (at most kLogLength), as JSON.
     std::string state_json() const;
     std::string log_json(uint64_t after) const;
-    // Waits at most `wait` for anything newer than `cursor`, then returns it as server-sent
-    // events and moves `cursor` on; "" when nothing came. `stopped` once the rack is closing.
-    std::string next_events(Cursor& cursor, std::chrono::milliseconds wait) const;
+    // One server-sent event, made once and shared by every stream that sends it.
+    using Event = std::shared_ptr<const std::string>;
+    // Waits at most `wait` for anything newer than `cursor`, then puts it in `events` (emptied
+    // first; none when nothing came) and moves `cursor` on: the state (the position with it) or
+    // the position, then each log entry. `stopped` once the rack is closing.
+    void next_events(Cursor& cursor, std::chrono::milliseconds wait,
+                     std::vector<Event>& events) const;
     bool stopped() const { return stop_; }
     void close(); // ends every event stream
 
@@ -72,18 +76,32 @@ class Rack {
     void gpi_levels(const std::string& levels);                   // all eight, "0x05"
     void local(const std::string& on_off);
     void load(const std::string& clip);
-    // The next command gets this fault: "nak" (error bits `value`, hexadecimal, default 01),
-    // "silence" or "late" (`value` ms, default 500).
+    // The next command (Sony or Louth, on any link) gets this fault instead of its answer:
+    //   nak [bits]     a NAK with these error bits (default 0x01; Sony)
+    //   refuse [byte]  the refusal 05 and this byte (default 0x01; Louth)
+    //   silence        no answer
+    //   late [ms]      its answer this late (1 to 60000, default 500)
+    //   corrupt        its answer with a wrong checksum
+    //   restart [ms]   the server restarts, away this long (0 to 60000, default 2000)
+    //   close          TCP: the server closes the connection (elsewhere: silence)
+    // A fault of the other protocol leaves the command its own answer.
     void fault(const std::string& kind, const std::string& value);
+    // The field of a fault's value: "bits", "byte", "ms", or "" for a fault that takes none.
+    static const char* fault_field(const std::string& kind);
 
   private:
     struct Entry {
         uint64_t seq;
         std::string json;
+        Event event;
     };
-    void log(const std::string& source, const std::vector<uint8_t>& bytes, const std::string& text);
+    static Event event(const std::string& name, const std::string& json, uint64_t id = 0);
+    void log(const std::string& source, const std::vector<uint8_t>& bytes, const std::string& text,
+             bool answer = false);
     void received(const devsim::Received& message);
+    void answered(const devsim::Traffic& answer);
     void watch();
+    void sample_panel();
     // The state as one snapshot of the model shows it: without the position, which moves on
     // its own, when not `with_position`; and the position alone.
     std::string state_json(const devsim::Model::Snapshot& server, bool with_position) const;
@@ -94,9 +112,10 @@ class Rack {
     mutable std::condition_variable changed_;
     std::deque<Entry> log_;
     uint64_t log_seq_ = 0, state_seq_ = 1, position_seq_ = 1;
-    std::string state_, position_;   // as last sampled
-    uint8_t switches_ = 0;           // where the GPI switches stand
-    std::deque<std::string> faults_; // armed, for the next commands in turn
+    std::string state_, position_;       // as last sampled...
+    Event state_event_, position_event_; // ...and as the streams send them
+    uint8_t switches_ = 0;               // where the GPI switches stand
+    std::deque<std::string> faults_;     // armed, for the next commands in turn
     int gpi_fd_ = -1;
     uint16_t gpi_port_ = 0;
     std::atomic<bool> stop_{false};

@@ -20,7 +20,13 @@ namespace rack {
 
 namespace {
 
-constexpr auto kQuietStream = std::chrono::seconds(15); // a comment line keeps a stream alive
+// Each event stream holds one of the server's threads for as long as its page stays, so the pool
+// has one for each page it serves at once and a few more for everything else: the page's files
+// and the API stay quick however many pages are open. A page past that many is refused.
+constexpr size_t kStreams = 64, kWorkers = 8;
+// A comment line keeps a quiet stream alive, and a write to a page that went away fails: its
+// thread is free again within two of these.
+constexpr auto kQuietStream = std::chrono::seconds(2);
 
 void reply(httplib::Response& res, int status, const std::string& json) {
     res.status = status;
@@ -98,17 +104,32 @@ Web::Web(Rack& rack, const std::string& address, uint16_t port, const std::strin
             reply(res, 400, error_json(refused.what()));
         }
     });
+    server.new_task_queue = [] { return new httplib::ThreadPool(kStreams + kWorkers); };
     server.Get("/api/events", [this](const httplib::Request&, httplib::Response& res) {
-        auto cursor = std::make_shared<Cursor>();
+        if (streams_.fetch_add(1) >= kStreams) {
+            --streams_;
+            reply(res, 503, error_json(std::to_string(kStreams) + " pages are open already"));
+            return;
+        }
+        // The page's place in the stream, and room for what it sends next: made once, so that
+        // a stream allocates nothing while it runs.
+        auto reader = std::make_shared<std::pair<Cursor, std::vector<Rack::Event>>>();
+        reader->second.reserve(Rack::kLogLength + 1);
         res.set_chunked_content_provider(
-            "text/event-stream", [this, cursor](size_t, httplib::DataSink& sink) {
-                std::string events = rack_.next_events(*cursor, kQuietStream);
+            "text/event-stream",
+            [this, reader](size_t, httplib::DataSink& sink) {
+                auto& [cursor, events] = *reader;
+                rack_.next_events(cursor, kQuietStream, events);
                 if (rack_.stopped())
                     return false;
                 if (events.empty())
-                    events = ": quiet\n\n";
-                return sink.write(events.data(), events.size());
-            });
+                    return sink.write(": quiet\n\n", 9);
+                for (const Rack::Event& event : events)
+                    if (!sink.write(event->data(), event->size()))
+                        return false;
+                return true;
+            },
+            [this](bool) { --streams_; });
     });
 
     // Each action answers with the state it leaves, or with an error and its status. Its fields
@@ -161,7 +182,7 @@ Web::Web(Rack& rack, const std::string& address, uint16_t port, const std::strin
          [this](const httplib::Request& req) { rack_.load(req.get_param_value("clip")); });
     post("/api/fault", [this](const httplib::Request& req) {
         const std::string kind = req.get_param_value("kind");
-        rack_.fault(kind, req.get_param_value(kind == "nak" ? "bits" : "ms"));
+        rack_.fault(kind, req.get_param_value(Rack::fault_field(kind)));
     });
 
     errno = 0;

@@ -33,6 +33,7 @@ class Web {
     std::unique_ptr<httplib::Server> server_;
     uint16_t port_ = 0;
     std::atomic<bool> served_{false}; // the server has stopped listening
+    std::atomic<size_t> streams_{0}; // event streams open
     std::thread thread_;
 };
 

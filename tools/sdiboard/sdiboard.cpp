@@ -3,6 +3,7 @@
 
 #include "paths.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -35,7 +36,8 @@ std::string defaultSocketPath() {
     return path != nullptr && *path != '\0' ? path : "/tmp/sdiboard.sock";
 }
 
-Board::Board(std::string path, Fault fault) : path_(std::move(path)), fault_(fault) {
+Board::Board(std::string path, Fault fault, size_t history)
+    : path_(std::move(path)), fault_(fault), history_(history) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path_.size() >= sizeof address.sun_path) {
@@ -97,6 +99,23 @@ void Board::setRegister(uint8_t reg, uint8_t value) {
     registers_[reg & 0x7F] = value;
 }
 
+void Board::answerLate(int ms, int count) {
+    std::lock_guard lock(mutex_);
+    lateMs_ = ms;
+    lateCount_ = count;
+}
+
+// How late the answer about to go out is, in ms.
+int Board::lateness() {
+    std::lock_guard lock(mutex_);
+    int ms = fault_ == Fault::LateAnswers ? 50 : 0;
+    if (lateCount_ > 0) {
+        --lateCount_;
+        ms += lateMs_;
+    }
+    return ms;
+}
+
 std::vector<Transfer> Board::transfers() const {
     std::lock_guard lock(mutex_);
     return transfers_;
@@ -131,8 +150,8 @@ void Board::serve() {
         uint8_t reply[kFrameSize + 1] = {};
         if (!answer(frame, size, reply))
             continue;
-        if (fault_ == Fault::LateAnswers)
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        if (const int ms = lateness(); ms > 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(ms));
         const size_t replySize = fault_ == Fault::ShortAnswers  ? kFrameSize - 1
                                  : fault_ == Fault::LongAnswers ? kFrameSize + 1
                                                                 : kFrameSize;
@@ -167,7 +186,7 @@ uint8_t Board::read(uint8_t reg) {
         pendingTransitions_ = 0;
         registers_[kTransitionRegister] = 0;
     }
-    transfers_.push_back({false, reg, value, std::chrono::steady_clock::now()});
+    keep({false, reg, value, std::chrono::steady_clock::now()});
     changed_.notify_all();
     return value;
 }
@@ -182,12 +201,22 @@ void Board::write(uint8_t reg, uint8_t value) {
             registers_[reg] = value;
         if (fault_ == Fault::StuckScratch && reg == kScratchRegister && value == 0x42)
             scratchStuck_ = true;
-        transfers_.push_back(taken);
+        keep(taken);
         watcher = watcher_;
         changed_.notify_all();
     }
     if (watcher)
         watcher(taken);
+}
+
+// The oldest half goes once the history holds twice what it keeps: a trim now and then, not a
+// shift at every transfer.
+void Board::keep(const Transfer& transfer) {
+    const size_t size = transfers_.size();
+    if (history_ != kKeepAll && size >= history_ &&
+        size - history_ >= std::max<size_t>(history_, 1))
+        transfers_.erase(transfers_.begin(), transfers_.end() - static_cast<long>(history_));
+    transfers_.push_back(transfer);
 }
 
 } // namespace sdiboard

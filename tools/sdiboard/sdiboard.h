@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -36,6 +37,12 @@ struct Transfer {
     std::chrono::steady_clock::time_point when;
 };
 
+// How many transfers a board keeps for transfers() and waitFor(): a board left running for weeks
+// keeps the last few thousand; a test or a soak that counts transfers from the start keeps them
+// all.
+constexpr size_t kDefaultHistory = 4096;
+constexpr size_t kKeepAll = SIZE_MAX;
+
 // The socket path the tlapi sim uses: $TLAPI_SIM_SOCKET, else /tmp/sdiboard.sock.
 std::string defaultSocketPath();
 
@@ -44,7 +51,9 @@ class Board {
     // Binds `path` and starts serving. A socket no one serves any more is replaced; anything else
     // at `path` (a file, a socket another board serves) is refused untouched. Throws
     // std::runtime_error (std::system_error when a call fails) when the socket cannot be set up.
-    explicit Board(std::string path, Fault fault = Fault::None);
+    // The board keeps at least the last `history` transfers (between two trims up to twice as
+    // many), or every one with kKeepAll.
+    explicit Board(std::string path, Fault fault = Fault::None, size_t history = kDefaultHistory);
     // Stops serving and removes the socket file, unless another board has taken the path since.
     ~Board();
     Board(const Board&) = delete;
@@ -61,7 +70,11 @@ class Board {
     uint8_t registerValue(uint8_t reg) const;
     void setRegister(uint8_t reg, uint8_t value);
 
-    // Every transfer answered so far, oldest first.
+    // The next `count` answers go out `ms` late (on top of the --late fault's 50 ms), for a
+    // test of what the SPI client does with an answer that missed its window.
+    void answerLate(int ms, int count = 1);
+
+    // The transfers answered that the board keeps (see the constructor), oldest first.
     std::vector<Transfer> transfers() const;
     // Waits until `done(transfers)` holds, at most `timeoutMs` (0: checks once); whether it held.
     // `done` runs with the board's lock held: it must not call the board.
@@ -75,6 +88,8 @@ class Board {
     bool answer(const uint8_t* frame, long size, uint8_t* reply);
     uint8_t read(uint8_t reg);
     void write(uint8_t reg, uint8_t value);
+    void keep(const Transfer& transfer); // under the lock
+    int lateness();
 
     std::string path_;
     Fault fault_;
@@ -87,7 +102,9 @@ class Board {
     uint8_t pendingLevels_ = 0;
     uint8_t pendingTransitions_ = 0;
     bool scratchStuck_ = false;
+    size_t history_;
     std::vector<Transfer> transfers_;
+    int lateMs_ = 0, lateCount_ = 0;
     std::function<void(const Transfer&)> watcher_;
     std::thread thread_;
 };

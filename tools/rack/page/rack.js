@@ -89,11 +89,11 @@ function showState(state) {
 function addLog(entry) {
   const log = $('#log');
   const atEnd = log.scrollTop + log.clientHeight >= log.scrollHeight - 4;
-  const row = element('li');
+  const row = element('li', entry.answer ? 'answer' : '');
   row.dataset.source = entry.source;
   row.append(
     element('span', 'time', `${entry.time}  `),
-    element('span', 'source', entry.source),
+    element('span', 'source', entry.answer ? `${entry.source} \u2190` : entry.source),
     element('span', 'hex', entry.hex),
     element('span', 'text', entry.text ? `  ${entry.text}` : ''),
   );
@@ -118,8 +118,12 @@ function build() {
   }
   for (const button of document.querySelectorAll('[data-local]'))
     button.addEventListener('click', () => act('/api/local', { local: button.dataset.local }));
+  // A fault takes the value of its field's box: the error bits, the refusal's byte, the ms.
   for (const button of document.querySelectorAll('[data-fault]'))
-    button.addEventListener('click', () => act('/api/fault', { kind: button.dataset.fault }));
+    button.addEventListener('click', () => {
+      const { fault, field } = button.dataset;
+      act('/api/fault', field ? { kind: fault, [field]: $(`#fault-${field}`).value } : { kind: fault });
+    });
 }
 
 // The stream sends the whole state and the log kept so far on every connection, then what
