@@ -450,25 +450,22 @@ int soakRun(const Options& o, const soak::TempDir& dir) {
 
 } // namespace
 
+// The whole run inside the programs' shared runner, whose standard output is checked to the end.
 int main(int argc, char** argv) {
-    Options options;
-    if (const int status = cli::run("soak_rack", [&] {
-            options = parse(argc, argv);
-            return 0;
-        }))
-        return status;
-    if (geteuid() != 0) {
-        fprintf(stderr, "soak_rack: needs root for a network namespace of its own\n");
-        return 77;
-    }
-    setvbuf(stdout, nullptr, _IOLBF, 0);
-    const soak::TempDir dir("vlm-soak-rack");
-    const std::string entered =
-        dir.path().empty() ? "mkdtemp failed" : soak::enterFreshNetworkNamespace();
-    if (!entered.empty()) {
-        fprintf(stderr, "soak_rack: %s\n", entered.c_str());
-        return 1;
-    }
-    signal(SIGPIPE, SIG_IGN);
-    return soakRun(options, dir);
+    return cli::run("soak_rack", [&] {
+        const Options options = parse(argc, argv);
+        if (geteuid() != 0) {
+            fprintf(stderr, "soak_rack: needs root for a network namespace of its own\n");
+            return 77;
+        }
+        const soak::TempDir dir("vlm-soak-rack");
+        const std::string entered =
+            dir.path().empty() ? "mkdtemp failed" : soak::enterFreshNetworkNamespace();
+        if (!entered.empty()) {
+            fprintf(stderr, "soak_rack: %s\n", entered.c_str());
+            return 1;
+        }
+        signal(SIGPIPE, SIG_IGN);
+        return soakRun(options, dir);
+    });
 }
