@@ -64,7 +64,7 @@ TEST(Recorder, each_crossing_is_a_record_as_the_peer_saw_it) {
     if (system("tshark -v >/dev/null 2>&1") != 0)
         GTEST_SKIP() << "tshark is not installed";
     char path[] = "/tmp/vlm-recorder-XXXXXX.pcap";
-    const devsim::UniqueFd file(mkstemps(path, 5));
+    const UniqueFd file(mkstemps(path, 5));
     devsim::DevSim sim;
     const sockaddr_in server = loopback_address(sim.listen_udp("127.0.0.1", 0));
     devsim::Recorder recorder(file.get(), sim.open_pty());
@@ -75,7 +75,7 @@ TEST(Recorder, each_crossing_is_a_record_as_the_peer_saw_it) {
     sim.start();
     UdpEndpoint me;
     me.send_to(server, Bytes{0, 1, 0, 3, 0, 0, 0, 0, 0, 0, 0x20, 0x01, 0x21});
-    const devsim::UniqueFd line(open(sim.pty_path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    const UniqueFd line(open(sim.pty_path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
     const uint8_t wrong_then_play[] = {0x20, 0x01, 0x00, 0x20, 0x01, 0x21};
     EXPECT_EQ(write(line.get(), wrong_then_play, 6), 6);
     EXPECT_TRUE(sim.wait_replies_sent(2, 2000));

@@ -3,7 +3,6 @@
 // records every message it gets with its name and arguments decoded.
 #pragma once
 
-#include "fd.h"
 #include "mgmt.h"
 #include "model.h"
 #include "outbox.h"
@@ -24,6 +23,7 @@
 #include <string>
 #include <thread>
 #include <toolkit.h>
+#include <unique_fd.h>
 #include <vector>
 
 namespace devsim {

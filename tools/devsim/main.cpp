@@ -26,7 +26,8 @@ const char kUsage[] =
     "sense answers from; prints each command as hex bytes, its name and its arguments.\n"
     "options:\n"
     "  --pcap FILE    write every link's traffic, the serial line's too, to FILE, a new pcap\n"
-    "                 file for the dissector (tools/wireshark/vlm.lua)\n";
+    "                 file for the dissector (vlm.lua, among Wireshark's plugins or in the\n"
+    "                 build tree as tools/wireshark/vlm.lua)\n";
 
 const char kUsageEnd[] =
     "  -h, --help     print this help and exit\n"
@@ -66,7 +67,7 @@ int run(int argc, char** argv) {
 
     std::vector<std::string> own_links; // pty links made, removed at exit while still ours
     std::string where;
-    devsim::UniqueFd pcap_file;
+    UniqueFd pcap_file;
     std::optional<devsim::Recorder> recorder;
     try {
         where = devsim::set_up(sim, links, own_links);

@@ -1,4 +1,4 @@
-// The emulator's links in a pcap file for the dissector (tools/wireshark/vlm.lua): every
+// The emulator's links in a pcap file for the dissector (vlm.lua, made from vlm.in.lua): every
 // datagram, stream message and serial frame that crosses them, as the traffic observer hands it
 // over, written by the shared pcap writer from the server's side.
 #pragma once

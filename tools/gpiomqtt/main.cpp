@@ -26,6 +26,7 @@
 #include <stdexcept>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <unique_fd.h>
 #include <unistd.h>
 
 namespace gpiomqtt {
@@ -46,17 +47,6 @@ __attribute__((format(printf, 1, 2))) void note(const char* format, ...) {
     va_end(arguments);
     fprintf(stderr, "gpiomqtt: %s\n", text);
 }
-
-struct Fd {
-    int fd = -1;
-    explicit Fd(int value) : fd(value) {}
-    ~Fd() {
-        if (fd >= 0)
-            close(fd);
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-};
 
 int udp_socket() {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -133,7 +123,7 @@ class Gateway {
 
     const Options& options_;
     const BoardIds ids_;
-    Fd gpi_, gpo_, forward_;
+    UniqueFd gpi_, gpo_, forward_;
     std::unique_ptr<mosquitto, void (*)(mosquitto*)> client_{nullptr, mosquitto_destroy};
 
     std::mutex mutex_; // guards everything below; held across a state's update and publication
@@ -160,7 +150,7 @@ class Gateway {
 
 void Gateway::start() {
     const sockaddr_in address = loopback_address(LOOP_GPI_PORT);
-    if (bind(gpi_.fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    if (bind(gpi_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
         throw std::runtime_error(
             std::string("127.0.0.1:42000: ") + strerror(errno) +
             (errno == EADDRINUSE ? " (a program receives there: run it behind --forward)" : ""));
@@ -222,7 +212,7 @@ bool Gateway::try_connect() {
 }
 
 void Gateway::run(int signals) {
-    pollfd watched[2] = {{gpi_.fd, POLLIN, 0}, {signals, POLLIN, 0}};
+    pollfd watched[2] = {{gpi_.get(), POLLIN, 0}, {signals, POLLIN, 0}};
     for (;;) {
         const unsigned retry = std::min(kReconnectFirst * failedAttempts_, kReconnectLongest);
         const int ready = poll(watched, 2, attempting_ ? -1 : static_cast<int>(retry * 1000));
@@ -246,13 +236,13 @@ void Gateway::receive_datagrams() {
     const sockaddr_in onward = loopback_address(options_.forward);
     uint8_t datagram[1500];
     for (;;) {
-        const ssize_t got = recv(gpi_.fd, datagram, sizeof datagram, MSG_DONTWAIT | MSG_TRUNC);
+        const ssize_t got = recv(gpi_.get(), datagram, sizeof datagram, MSG_DONTWAIT | MSG_TRUNC);
         if (got < 0)
             return;
         const size_t size = std::min(static_cast<size_t>(got), sizeof datagram);
         const TaiTime received = tai_now();
         if (options_.forward != 0)
-            sendto(forward_.fd, datagram, size, 0, reinterpret_cast<const sockaddr*>(&onward),
+            sendto(forward_.get(), datagram, size, 0, reinterpret_cast<const sockaddr*>(&onward),
                    sizeof onward);
         std::lock_guard lock(mutex_);
         // A datagram cut to the buffer is longer than 8 bytes all the same.
@@ -347,7 +337,7 @@ void Gateway::on_message(const mosquitto_message& message) {
             continue;
         const GpioDatagram request = gpioEncode({entry.line, state.value ? 1 : 0});
         const sockaddr_in daemon = loopback_address(LOOP_GPO_PORT);
-        if (sendto(gpo_.fd, request.data(), request.size(), 0,
+        if (sendto(gpo_.get(), request.data(), request.size(), 0,
                    reinterpret_cast<const sockaddr*>(&daemon), sizeof daemon) < 0)
             note("GPO request to 127.0.0.1:42001: %s", strerror(errno));
         else if (options_.verbose)
@@ -414,15 +404,15 @@ int run(int argc, char** argv) {
     sigaddset(&stopping, SIGINT);
     pthread_sigmask(SIG_BLOCK, &stopping, nullptr);
     signal(SIGPIPE, SIG_IGN);
-    const Fd signals(signalfd(-1, &stopping, SFD_CLOEXEC));
-    if (signals.fd < 0)
+    const UniqueFd signals(signalfd(-1, &stopping, SFD_CLOEXEC));
+    if (signals.get() < 0)
         throw std::runtime_error(std::string("signalfd: ") + strerror(errno));
     Gateway gateway(options);
     gateway.start();
     if (options.verbose)
         note("identity %s, connection %s", options.identity.c_str(),
              board_ids(options.identity).connection.c_str());
-    gateway.run(signals.fd);
+    gateway.run(signals.get());
     gateway.stop();
     return 0;
 }
