@@ -8,6 +8,7 @@
 // from /proc on every board.
 #include "cli.h"
 #include "ids.h"
+#include "json.h"
 #include "percentiles.h"
 #include "soak_figures.h"
 #include "soak_support.h"
@@ -23,7 +24,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <nlohmann/json.hpp>
 #include <sdiboard/sdiboard.h>
 #include <string>
 #include <sys/stat.h>
@@ -279,12 +279,15 @@ void Facility::take(const std::string& topic, const std::string& payload, Clock:
     }
     const auto source = sources_.find(topic.substr(topic.rfind('/') + 1));
     const auto message = nlohmann::json::parse(payload, nullptr, false);
-    if (source == sources_.end() || !message.is_object() || message.value("message_type", "") != "state")
+    if (source == sources_.end() ||
+        cli::member_or<std::string>(message, "/message_type", "") != "state")
         return;
-    const auto tai = [](const std::string& text) { return std::strtod(text.c_str(), nullptr); };
-    const bool republished = tai(message["timing"].value("creation_timestamp", "0")) -
-                                 tai(message["timing"].value("origin_timestamp", "0")) >= 0.5;
-    const bool value = message["payload"].value("value", false);
+    const auto tai = [&](const char* path) {
+        return std::strtod(cli::member_or<std::string>(message, path, "0").c_str(), nullptr);
+    };
+    const bool republished =
+        tai("/timing/creation_timestamp") - tai("/timing/origin_timestamp") >= 0.5;
+    const bool value = cli::member_or(message, "/payload/value", false);
     Server& server = *source->second.first;
     std::lock_guard serverLock(server.mutex);
     auto& waiting = server.waiting[static_cast<size_t>(source->second.second)];
@@ -317,8 +320,9 @@ bool Facility::retainedEqualLevels(std::string& why) {
         const size_t space = line.find(' ');
         const auto source = sources_.find(line.substr(0, space).substr(line.rfind('/', space) + 1));
         const auto message = nlohmann::json::parse(line.substr(space + 1), nullptr, false);
-        if (source != sources_.end() && message.is_object() && message.contains("payload"))
-            retained[source->second] = message["payload"].value("value", false);
+        if (source != sources_.end() &&
+            cli::member_or<std::string>(message, "/message_type", "") == "state")
+            retained[source->second] = cli::member_or(message, "/payload/value", false);
     }
     int wrong = 0;
     for (auto& server : servers_)

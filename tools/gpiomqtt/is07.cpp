@@ -1,15 +1,17 @@
-// IS-07 messages written and read with nlohmann-json.
+// IS-07 messages written and read with nlohmann-json, written as every program writes JSON.
 #include "is07.h"
+
+#include "json.h"
 
 #include <ctime>
 #include <iterator>
-#include <nlohmann/json.hpp>
 
 namespace gpiomqtt {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
+using cli::Json;
+using cli::json_text;
 
 Json identity_of(SourceIdentity identity) {
     return {{"source_id", identity.source_id}, {"flow_id", identity.flow_id}};
@@ -32,25 +34,23 @@ TaiTime tai_now() {
 }
 
 std::string state_message(SourceIdentity identity, bool value, TaiTime origin, TaiTime creation) {
-    return Json{{"identity", identity_of(identity)},
-                {"event_type", "boolean"},
-                {"timing",
-                 {{"creation_timestamp", tai_text(creation)},
-                  {"origin_timestamp", tai_text(origin)}}},
-                {"payload", {{"value", value}}},
-                {"message_type", "state"}}
-        .dump();
+    return json_text(
+        {{"identity", identity_of(identity)},
+         {"event_type", "boolean"},
+         {"timing",
+          {{"creation_timestamp", tai_text(creation)}, {"origin_timestamp", tai_text(origin)}}},
+         {"payload", {{"value", value}}},
+         {"message_type", "state"}});
 }
 
 std::string connection_status(bool active) {
-    return Json{{"active", active}, {"message_type", "connection_status"}}.dump();
+    return json_text({{"active", active}, {"message_type", "connection_status"}});
 }
 
 std::string shutdown_message(SourceIdentity identity, TaiTime creation) {
-    return Json{{"identity", identity_of(identity)},
-                {"timing", {{"creation_timestamp", tai_text(creation)}}},
-                {"message_type", "shutdown"}}
-        .dump();
+    return json_text({{"identity", identity_of(identity)},
+                      {"timing", {{"creation_timestamp", tai_text(creation)}}},
+                      {"message_type", "shutdown"}});
 }
 
 const char* refusal_text(Refusal refusal) {

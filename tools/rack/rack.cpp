@@ -2,6 +2,7 @@
 #include "rack.h"
 
 #include "cli.h"
+#include "json.h"
 #include "values.h"
 
 #include <arpa/inet.h>
@@ -105,24 +106,6 @@ const FaultRow* fault_row(const std::string& kind) {
 
 } // namespace
 
-std::string json_string(const std::string& text) {
-    std::string out = "\"";
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte == '"' || byte == '\\') {
-            out += '\\';
-            out += c;
-        } else if (byte < 0x20 || byte >= 0x7F) {
-            char escaped[8];
-            snprintf(escaped, sizeof escaped, "\\u%04x", byte);
-            out += escaped;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
-}
-
 Rack::Rack(const sdiboard::Options& board, const cli::CommandLine& line, uint16_t gpi_port,
            std::function<void(const std::string&)> print)
     : print_(std::move(print)), board_options_(board) {
@@ -194,11 +177,10 @@ void Rack::log(const std::string& source, const Bytes& bytes, const std::string&
     {
         std::lock_guard lock(mutex_);
         ++log_seq_;
-        std::string json =
-            "{\"seq\":" + std::to_string(log_seq_) + ",\"time\":" + json_string(time) +
-            ",\"source\":" + json_string(source) + ",\"answer\":" + (answer ? "true" : "false") +
-            ",\"hex\":" + json_string(bytes_hex) + ",\"text\":" + json_string(text) + "}";
-        log_.push_back({log_seq_, json, event("log", json, log_seq_)});
+        Json entry = {{"seq", log_seq_},  {"time", time},     {"source", source},
+                      {"answer", answer}, {"hex", bytes_hex}, {"text", text}};
+        Event shared = event("log", cli::json_text(entry), log_seq_);
+        log_.push_back({log_seq_, std::move(entry), std::move(shared)});
         if (log_.size() > kLogLength)
             log_.pop_front();
         if (print_) // under the lock, so the console keeps the log's order
@@ -258,13 +240,15 @@ void Rack::watch() {
 // sends, made here once. The watcher alone writes the panel, so what it read stays current.
 void Rack::sample_panel() {
     const devsim::Model::Snapshot server = sim_.model().snapshot();
-    const std::string panel = state_json(server, false), position = position_json(server);
+    const std::string panel = cli::json_text(state(server, false)),
+                      position = cli::json_text(position_of(server));
     std::unique_lock lock(mutex_);
     const bool new_state = panel != state_, new_position = position != position_;
     lock.unlock();
     if (!new_state && !new_position)
         return;
-    const Event state_event = new_state ? event("state", state_json(server, true)) : nullptr;
+    const Event state_event =
+        new_state ? event("state", cli::json_text(state(server, true))) : nullptr;
     const Event position_event = event("position", position);
     lock.lock();
     if (new_state) {
@@ -283,67 +267,66 @@ Rack::Event Rack::event(const std::string& name, const std::string& json, uint64
                                                "event: " + name + "\ndata: " + json + "\n\n");
 }
 
-std::string Rack::position_json(const devsim::Model::Snapshot& server) {
-    return "{\"position\":" + std::to_string(server.position) +
-           ",\"timecode\":" + json_string(timecode(server.standard, server.position)) + "}";
+Json Rack::position_of(const devsim::Model::Snapshot& server) {
+    return {{"position", server.position},
+            {"timecode", timecode(server.standard, server.position)}};
 }
 
 std::string Rack::state_json() const {
-    return state_json(sim_.model().snapshot(), true);
+    return cli::json_text(state(sim_.model().snapshot(), true));
 }
 
-std::string Rack::state_json(const devsim::Model::Snapshot& server, bool with_position) const {
+Json Rack::state(const devsim::Model::Snapshot& server, bool with_position) const {
     const devsim::Standard standard = server.standard;
-    auto flag = [](bool on) { return on ? std::string("true") : std::string("false"); };
     auto point = [&](devsim::Model::Point which) {
         const auto& frames = server.points[static_cast<size_t>(which)];
-        return frames ? json_string(timecode(standard, *frames)) : std::string("null");
+        return frames ? Json(timecode(standard, *frames)) : Json(nullptr);
     };
-    char speed[32];
-    snprintf(speed, sizeof speed, "%g", server.speed);
-    std::string clips;
+    Json clips = Json::array();
     for (const devsim::Model::Clip& clip : server.clips)
-        clips += std::string(clips.empty() ? "" : ",") +
-                 "{\"id\":" + json_string(trimmed(clip.id)) +
-                 ",\"start\":" + json_string(timecode(standard, clip.start)) +
-                 ",\"length\":" + json_string(timecode(standard, clip.length)) +
-                 ",\"frames\":" + std::to_string(clip.length) + "}";
+        clips.push_back({{"id", trimmed(clip.id)},
+                         {"start", timecode(standard, clip.start)},
+                         {"length", timecode(standard, clip.length)},
+                         {"frames", clip.length}});
     using Point = devsim::Model::Point;
-    std::string panel = "{\"standard\":" + json_string(devsim::standard_name(standard)) +
-                        ",\"state\":" + json_string(kStates[static_cast<int>(server.state)]) +
-                        ",\"speed\":" + speed + ",\"reverse\":" + flag(server.speed < 0) +
-                        ",\"edit\":" + json_string(kEdits[static_cast<int>(server.edit)]) +
-                        ",\"cued\":" + flag(server.cued) + ",\"local\":" + flag(server.local) +
-                        ",\"loaded\":" + json_string(trimmed(server.loaded)) +
-                        ",\"in\":" + point(Point::in) + ",\"out\":" + point(Point::out) +
-                        ",\"audio_in\":" + point(Point::audio_in) +
-                        ",\"audio_out\":" + point(Point::audio_out) +
-                        ",\"status\":" + json_string(hex(devsim::status_bytes(server)));
-    if (with_position) {
-        const std::string position = position_json(server);
-        panel += "," + position.substr(1, position.size() - 2);
-    }
+    Json panel = {{"standard", devsim::standard_name(standard)},
+                  {"state", kStates[static_cast<int>(server.state)]},
+                  {"speed", server.speed},
+                  {"reverse", server.speed < 0},
+                  {"edit", kEdits[static_cast<int>(server.edit)]},
+                  {"cued", server.cued},
+                  {"local", server.local},
+                  {"loaded", trimmed(server.loaded)},
+                  {"in", point(Point::in)},
+                  {"out", point(Point::out)},
+                  {"audio_in", point(Point::audio_in)},
+                  {"audio_out", point(Point::audio_out)},
+                  {"status", hex(devsim::status_bytes(server))}};
+    if (with_position)
+        panel.update(position_of(server));
     const uint8_t gpi = board_->registerValue(sdiboard::kGpiRegister),
                   gpo = board_->registerValue(sdiboard::kGpoRegister);
     std::lock_guard lock(mutex_);
-    std::string faults;
-    for (const std::string& fault : faults_)
-        faults += std::string(faults.empty() ? "" : ",") + json_string(fault);
-    return "{\"links\":" + json_string(links_) +
-           ",\"board\":{\"socket\":" + json_string(board_->path()) +
-           ",\"fault\":" + json_string(kBoardFaults[static_cast<int>(board_options_.fault)]) +
-           ",\"switches\":" + std::to_string(switches_) + ",\"gpi\":" + std::to_string(gpi) +
-           ",\"gpo\":" + std::to_string(gpo) + "},\"server\":" + panel + "},\"clips\":[" + clips +
-           "],\"faults\":[" + faults + "],\"gpi_events\":" + flag(gpi_fd_ >= 0) + "}";
+    return {{"links", links_},
+            {"board",
+             {{"socket", board_->path()},
+              {"fault", kBoardFaults[static_cast<int>(board_options_.fault)]},
+              {"switches", switches_},
+              {"gpi", gpi},
+              {"gpo", gpo}}},
+            {"server", std::move(panel)},
+            {"clips", std::move(clips)},
+            {"faults", faults_},
+            {"gpi_events", gpi_fd_ >= 0}};
 }
 
 std::string Rack::log_json(uint64_t after) const {
     std::lock_guard lock(mutex_);
-    std::string entries;
+    Json entries = Json::array();
     for (const Entry& entry : log_)
         if (entry.seq > after)
-            entries += (entries.empty() ? "" : ",") + entry.json;
-    return "{\"last\":" + std::to_string(log_seq_) + ",\"entries\":[" + entries + "]}";
+            entries.push_back(entry.json);
+    return cli::json_text({{"last", log_seq_}, {"entries", std::move(entries)}});
 }
 
 void Rack::next_events(Cursor& cursor, std::chrono::milliseconds wait,

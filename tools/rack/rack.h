@@ -3,6 +3,8 @@
 // JSON for the web page, and the switches and buttons a person uses on them.
 #pragma once
 
+#include "json.h"
+
 #include <devsim/devsim.h>
 #include <devsim/options.h>
 #include <sdiboard/options.h>
@@ -23,8 +25,7 @@
 
 namespace rack {
 
-// `text` as a JSON string, quotes included; bytes outside printable ASCII become \u00XX.
-std::string json_string(const std::string& text);
+using cli::Json;
 
 // Where a page's event stream stands: the last state, position and log entry it was sent.
 struct Cursor {
@@ -58,7 +59,9 @@ class Rack {
     devsim::DevSim& server() { return sim_; }
     sdiboard::Board& board() { return *board_; }
 
-    // The whole state, and the log entries after `after` (at most kLogLength), as JSON.
+    // The whole state, and the log entries after `after` (at most kLogLength), as JSON written by
+    // cli::json_text (json.h: UTF-8 kept, control characters escaped, bytes that are not UTF-8
+    // U+FFFD).
     std::string state_json() const;
     std::string log_json(uint64_t after) const;
     // One server-sent event, made once and shared by every stream that sends it.
@@ -92,7 +95,7 @@ class Rack {
   private:
     struct Entry {
         uint64_t seq;
-        std::string json;
+        Json json;
         Event event;
     };
     static Event event(const std::string& name, const std::string& json, uint64_t id = 0);
@@ -104,8 +107,8 @@ class Rack {
     void sample_panel();
     // The state as one snapshot of the model shows it: without the position, which moves on
     // its own, when not `with_position`; and the position alone.
-    std::string state_json(const devsim::Model::Snapshot& server, bool with_position) const;
-    static std::string position_json(const devsim::Model::Snapshot& server);
+    Json state(const devsim::Model::Snapshot& server, bool with_position) const;
+    static Json position_of(const devsim::Model::Snapshot& server);
 
     std::function<void(const std::string&)> print_;
     mutable std::mutex mutex_;

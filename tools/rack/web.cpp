@@ -34,7 +34,7 @@ void reply(httplib::Response& res, int status, const std::string& json) {
 }
 
 std::string error_json(const std::string& message) {
-    return "{\"error\":" + json_string(message) + "}";
+    return cli::json_text({{"error", message}});
 }
 
 // Requests come from this page or from a program on this machine: the page was reached by an

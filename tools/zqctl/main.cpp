@@ -91,68 +91,25 @@ std::string hex_bytes(std::span<const uint8_t> bytes) {
     return text;
 }
 
-std::string json_string(const std::string& text) {
-    std::string out = "\"";
-    for (size_t i = 0; i < text.size();) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        // A whole UTF-8 sequence of two to four bytes, not overlong, not a surrogate, not past
-        // U+10FFFF, goes as it is.
-        const size_t length = c >= 0xF0 && c <= 0xF4  ? 4
-                              : c >= 0xE0             ? 3
-                              : c >= 0xC2 && c < 0xE0 ? 2
-                                                      : 0;
-        uint32_t point = length == 4 ? c & 0x07u : length == 3 ? c & 0x0Fu : c & 0x1Fu;
-        bool whole = length > 0 && i + length <= text.size();
-        for (size_t k = 1; whole && k < length; ++k) {
-            const auto next = static_cast<unsigned char>(text[i + k]);
-            whole = (next & 0xC0) == 0x80;
-            point = point << 6 | (next & 0x3Fu);
-        }
-        whole = whole && (length != 3 || (point >= 0x800 && (point < 0xD800 || point > 0xDFFF))) &&
-                (length != 4 || (point >= 0x10000 && point <= 0x10FFFF));
-        if (whole) {
-            out.append(text, i, length);
-            i += length;
-            continue;
-        }
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c < 0x20 || c >= 0x7F) {
-            char escaped[8];
-            snprintf(escaped, sizeof escaped, "\\u%04x", c);
-            out += escaped;
-        } else {
-            out += static_cast<char>(c);
-        }
-        ++i;
-    }
-    return out + "\"";
-}
-
 void print_bytes(Session& s, const char* key, std::span<const uint8_t> bytes) {
     print_text(s, key, hex_bytes(bytes));
 }
 
-void print_text(Session& s, const char* key, const std::string& text) {
+void print_line(Session& s, const std::string& line) {
     s.printed = true;
-    if (s.json)
-        printf("{%s: %s}\n", json_string(key).c_str(), json_string(text).c_str());
-    else
-        printf("%s\n", text.c_str());
+    printf("%s\n", line.c_str());
+}
+
+void print_text(Session& s, const char* key, const std::string& text) {
+    print_line(s, s.json ? cli::json_text({{key, text}}) : text);
 }
 
 void print_list(Session& s, const char* key, const std::vector<std::string>& items) {
+    if (s.json)
+        return print_line(s, cli::json_text({{key, items}}));
     s.printed = true;
-    if (!s.json) {
-        for (const std::string& item : items)
-            printf("%s\n", item.c_str());
-        return;
-    }
-    std::string list;
     for (const std::string& item : items)
-        list += (list.empty() ? "" : ", ") + json_string(item);
-    printf("{%s: [%s]}\n", json_string(key).c_str(), list.c_str());
+        printf("%s\n", item.c_str());
 }
 
 } // namespace zqctl

@@ -144,17 +144,15 @@ int status(Session& s, Args) {
                     : zqhandler_cmd_sense_status(s.handle(), bytes);
     if (n < 0)
         return failed(s, "status");
-    s.printed = true;
-    std::string flags;
-    for (const StatusBit& bit : kStatusBits)
-        if (!s.louth && bit.byte < n && (bytes[bit.byte] & bit.mask))
-            flags += (flags.empty() ? "" : s.json ? "\", \"" : " ") + std::string(bit.name);
     const std::string hex = hex_bytes({bytes, static_cast<size_t>(n)});
-    if (s.json)
-        printf("{\"status\": \"%s\", \"flags\": [%s%s%s]}\n", hex.c_str(),
-               flags.empty() ? "" : "\"", flags.c_str(), flags.empty() ? "" : "\"");
-    else
-        printf("%s%s%s\n", hex.c_str(), flags.empty() ? "" : "  ", flags.c_str());
+    std::vector<std::string> flags;
+    std::string text = hex;
+    for (const StatusBit& bit : kStatusBits)
+        if (!s.louth && bit.byte < n && (bytes[bit.byte] & bit.mask)) {
+            text += (flags.empty() ? "  " : " ") + std::string(bit.name);
+            flags.push_back(bit.name);
+        }
+    print_line(s, s.json ? cli::json_text({{"status", hex}, {"flags", flags}}) : text);
     return 0;
 }
 
@@ -247,12 +245,10 @@ int watch(Session& s, Args) {
             return failed(s, "watch");
         const std::string hex = hex_bytes({bytes, static_cast<size_t>(n)});
         const std::string line =
-            s.json ? "{\"timecode\": " + json_string(tc) + ", \"status\": " + json_string(hex) + "}"
-                   : tc + "  " + hex;
+            s.json ? cli::json_text({{"timecode", tc}, {"status", hex}}) : tc + "  " + hex;
         if (line == last)
             continue;
-        s.printed = true;
-        printf("%s\n", line.c_str());
+        print_line(s, line);
         if (cli::output_lost())
             return 1;
         last = line;

@@ -2,6 +2,7 @@
 // ways a command prints (text for people, --json for scripts) or fails.
 #pragma once
 
+#include "json.h"
 #include "values.h"
 
 #include <cstdint>
@@ -63,13 +64,13 @@ int failed(Session& s, const std::string& operation);
 // "OPERATION: what" on standard error; returns the exit status 1.
 int missing(const std::string& operation, const std::string& what);
 
-// Output: one value per line as text, or one JSON object per call.
+// Output: one value per line as text, or one JSON object per call, written as cli::json_text
+// writes it (json.h: UTF-8 kept, control characters escaped, bytes that are not UTF-8 U+FFFD).
 void print_bytes(Session& s, const char* key, std::span<const uint8_t> bytes);
 void print_text(Session& s, const char* key, const std::string& text);
 void print_list(Session& s, const char* key, const std::vector<std::string>& items);
-// A JSON string literal of `text`: UTF-8 kept, control characters and bytes that are not UTF-8
-// escaped.
-std::string json_string(const std::string& text);
+// One line as it is: a command's own text or JSON.
+void print_line(Session& s, const std::string& line);
 std::string hex_bytes(std::span<const uint8_t> bytes);
 
 } // namespace zqctl
