@@ -15,7 +15,7 @@ namespace devsim {
 
 class Mgmt {
   public:
-    explicit Mgmt(const Model& model) : model_(model) {}
+    explicit Mgmt(Model& model) : model_(model) {}
 
     // What the server holds; any thread. An answer carries at most 1490 bytes of it. Until
     // set, the log is the server's own (the last 1490 bytes of what log_received wrote) and the
@@ -38,7 +38,7 @@ class Mgmt {
     std::vector<Piece> answer(const Bytes& request);
 
   private:
-    const Model& model_;
+    Model& model_;
     mutable std::mutex mutex_;
     std::optional<Bytes> log_, diskinfo_;
     Bytes own_log_, uploaded_;

@@ -172,13 +172,13 @@ void Model::set_local_enabled(bool enabled) {
     local_enabled_ = enabled;
 }
 
-Model::Clip* Model::find(const std::string& id) const {
+Model::Clip* Model::find(const std::string& id) {
     auto found = std::find_if(clips_.begin(), clips_.end(),
                               [&](const Clip& c) { return c.id == clip_id(id); });
     return found == clips_.end() ? nullptr : &*found;
 }
 
-void Model::advance(Clock::time_point now) const {
+void Model::advance(Clock::time_point now) {
     const double seconds = std::chrono::duration<double>(now - since_).count();
     since_ = now;
     if (!moving(state_))
@@ -251,13 +251,13 @@ void Model::edit(Edit edit, int64_t from, std::optional<int64_t> until) {
         edit_end_ = until;
 }
 
-Model::State Model::state() const {
+Model::State Model::state() {
     std::lock_guard lock(mutex_);
     advance(Clock::now());
     return state_;
 }
 
-int64_t Model::position() const {
+int64_t Model::position() {
     std::lock_guard lock(mutex_);
     advance(Clock::now());
     return static_cast<int64_t>(position_);
@@ -306,7 +306,7 @@ void Model::latch(size_t byte, uint8_t mask, bool on) {
     latched_.at(byte) = static_cast<uint8_t>(on ? latched_[byte] | mask : latched_[byte] & ~mask);
 }
 
-Model::Snapshot Model::snapshot() const {
+Model::Snapshot Model::snapshot() {
     std::lock_guard lock(mutex_);
     advance(Clock::now());
     return {standard_, state_, speed_,         static_cast<int64_t>(position_),
@@ -314,7 +314,7 @@ Model::Snapshot Model::snapshot() const {
             loaded_,   clips_, points_,        latched_};
 }
 
-Bytes Model::status() const {
+Bytes Model::status() {
     return status_bytes(snapshot());
 }
 
@@ -347,13 +347,13 @@ bool Model::erase(const std::string& id) {
            0;
 }
 
-std::vector<Model::Clip> Model::clips() const {
+std::vector<Model::Clip> Model::clips() {
     std::lock_guard lock(mutex_);
     advance(Clock::now());
     return clips_;
 }
 
-std::optional<Model::Clip> Model::clip(const std::string& id) const {
+std::optional<Model::Clip> Model::clip(const std::string& id) {
     std::lock_guard lock(mutex_);
     advance(Clock::now());
     const Clip* clip = find(id);
@@ -389,7 +389,7 @@ std::string Model::line_locked(const Clip& clip) const {
     return clip.id + " " + text(clip.start) + " " + text(clip.length) + "\n";
 }
 
-Bytes Model::listing() const {
+Bytes Model::listing() {
     std::lock_guard lock(mutex_);
     advance(Clock::now());
     std::string text;
@@ -398,7 +398,7 @@ Bytes Model::listing() const {
     return Bytes(text.begin(), text.end());
 }
 
-std::optional<Bytes> Model::listing_line(size_t clip) const {
+std::optional<Bytes> Model::listing_line(size_t clip) {
     std::lock_guard lock(mutex_);
     advance(Clock::now());
     if (clip >= clips_.size())

@@ -34,6 +34,12 @@ std::string bcd_text(const uint8_t* bcd);
 std::string clip_id(const std::string& id);
 
 // Thread-safe: every link's serving code and a test may call it at once.
+//
+// The position moves in real time, but only when the model is called: every operation and every
+// reader of the transport, the position or the clip store first brings the model up to now (a
+// play reaching its clip's end or its edit's end point stops there, a recording grows its clip).
+// Those readers therefore change the model and are not const; the const ones read what time
+// does not touch (the standard, the edit points, the loaded clip).
 class Model {
   public:
     enum class State {
@@ -91,8 +97,8 @@ class Model {
     void cue(int64_t frames);
     // Cues to `from`; but for a preroll, then plays and stops (still) at `until` when given.
     void edit(Edit edit, int64_t from, std::optional<int64_t> until);
-    State state() const;
-    int64_t position() const;
+    State state();
+    int64_t position();
 
     // The edit points: set to the position (entry) or a value (preset), moved by frames (shift),
     // cleared (reset; recall brings back the value a reset cleared).
@@ -105,9 +111,9 @@ class Model {
     // A status bit a command sets or clears, such as auto mode (byte 3, 0x80).
     void latch(size_t byte, uint8_t mask, bool on);
 
-    Snapshot snapshot() const;
+    Snapshot snapshot();
     // 16 Sony status bytes, from the table in model.cpp.
-    Bytes status() const;
+    Bytes status();
 
     // The clip store, in the order clips were added. IDs are padded or cut to 8 bytes.
     void add_clip(const std::string& id, int64_t start, int64_t length, uint8_t status = 0);
@@ -115,8 +121,8 @@ class Model {
     void append_clip(const std::string& id, int64_t length, uint8_t status = 0);
     // Erases one clip (true when it was there), or every clip when `id` is empty.
     bool erase(const std::string& id);
-    std::vector<Clip> clips() const;
-    std::optional<Clip> clip(const std::string& id) const;
+    std::vector<Clip> clips();
+    std::optional<Clip> clip(const std::string& id);
     // Record cue-up: creates the clip (empty, where the store's last clip ends) unless it exists,
     // loads it and cues to its start; recording then fills its length.
     void record_cue(const std::string& id);
@@ -126,30 +132,31 @@ class Model {
 
     // The store as text, one line a clip: its ID (8 bytes), its start and its length as
     // timecodes ("NEWS     00:00:10:00 00:00:04:00\n"); one clip's line (from 0), or nullopt.
-    Bytes listing() const;
-    std::optional<Bytes> listing_line(size_t clip) const;
+    Bytes listing();
+    std::optional<Bytes> listing_line(size_t clip);
 
   private:
     using Clock = std::chrono::steady_clock;
     std::string line_locked(const Clip& clip) const;
-    // Brings the position up to now and applies the clip's end, the edit's end and the record
-    // length.
-    void advance(Clock::time_point now) const;
+    // The one step of time: brings the position up to now and applies the clip's end, the
+    // edit's end and the record length. Under the lock, first thing in every caller that reads or
+    // changes what time moves.
+    void advance(Clock::time_point now);
     void move_locked(State state, double speed);
-    Clip* find(const std::string& id) const;
+    Clip* find(const std::string& id);
     int64_t end_locked() const; // where the store's last clip ends
 
     mutable std::mutex mutex_;
     Standard standard_ = Standard::pal25;
     bool local_ = false, local_enabled_ = true;
-    mutable State state_ = State::stopped;
+    State state_ = State::stopped;
     double speed_ = 0; // play speeds
-    mutable double position_ = 0;
-    mutable Clock::time_point since_;
-    mutable bool cued_ = false;
-    mutable Edit edit_ = Edit::none;
-    mutable std::optional<int64_t> edit_end_;
-    mutable std::vector<Clip> clips_;
+    double position_ = 0;
+    Clock::time_point since_; // when advance() last moved the position
+    bool cued_ = false;
+    Edit edit_ = Edit::none;
+    std::optional<int64_t> edit_end_;
+    std::vector<Clip> clips_;
     std::string loaded_;
     std::array<std::optional<int64_t>, 4> points_, cleared_;
     std::array<uint8_t, 16> latched_{};

@@ -69,7 +69,7 @@ void Transfers::take_upload(unsigned client, Bytes& stream) {
         finish_upload(session);
 }
 
-Bytes Transfers::model_gop() const {
+Bytes Transfers::model_gop() {
     std::string id = model_.loaded();
     id.resize(8, ' ');
     const auto position = static_cast<uint32_t>(model_.position());

@@ -15,7 +15,7 @@ namespace devsim {
 
 class Transfers {
   public:
-    explicit Transfers(const Model& model) : model_(model) {}
+    explicit Transfers(Model& model) : model_(model) {}
 
     // What the server holds; any thread. Until set, the disk information is the model's clip
     // store as text (Model::listing) and file entry N its clip N's line (none: size 0). The GOP
@@ -48,7 +48,7 @@ class Transfers {
 
   private:
     std::vector<Piece> raw(const Bytes& bytes);
-    const Model& model_;
+    Model& model_;
     struct Session {
         Bytes pending;                   // what the next "data" sends
         std::optional<size_t> expecting; // bytes of the upload under way
@@ -63,7 +63,7 @@ class Transfers {
     uint32_t version_[2] = {1, 0};
     std::optional<Bytes> diskinfo_;
     std::optional<Bytes> gop_;
-    Bytes model_gop() const;
+    Bytes model_gop();
     std::map<uint32_t, Bytes> entries_;
     bool accept_ = true;
     std::optional<Bytes> scripted_header_;
