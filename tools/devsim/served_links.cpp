@@ -1,16 +1,17 @@
-// The emulator's links: setting each up, reading what comes on it, sending what the outbox hands
-// over, and a restart's dropping and taking up of them. Every byte read and written passes
-// record() or tap() (devsim.cpp), where a recorder hooks in.
-#include "devsim.h"
+// The emulator's links: setting each up, the serving loop, reading what comes on each, sending
+// what the outbox hands over, and a restart's dropping and taking up of them. Every byte read and
+// written passes the server's record() or the log's tap(), where a recorder hooks in.
+#include "served_links.h"
 
-#include "louth.h"
-#include "names.h"
+#include "wire.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <termios.h>
@@ -78,7 +79,23 @@ Bytes take(Bytes& buffer, size_t n) {
 
 } // namespace
 
-uint16_t DevSim::listen_udp(const char* address, uint16_t port) {
+ServedLinks::ServedLinks(Server& server, TrafficLog& log) : server_(server), log_(log) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0)
+        fail("pipe");
+    wake_read_.reset(ends[0]);
+    wake_write_.reset(ends[1]);
+}
+
+void ServedLinks::set_protocol(Link link, Protocol protocol) {
+    if (link == Link::tcp)
+        throw std::runtime_error("the TCP link carries no Louth");
+    if (protocol != Protocol::sony && protocol != Protocol::louth)
+        throw std::runtime_error("a UDP or serial link speaks Sony or Louth");
+    (link == Link::udp ? louth_udp_ : louth_serial_) = protocol == Protocol::louth;
+}
+
+uint16_t ServedLinks::listen_udp(const char* address, uint16_t port) {
     udp_ = bound_socket(SOCK_DGRAM, ipv4(address, port));
     udp_other_ = bound_socket(SOCK_DGRAM, ipv4(address, 0));
     udp_address_ = bound_address(udp_.get());
@@ -88,21 +105,21 @@ uint16_t DevSim::listen_udp(const char* address, uint16_t port) {
     return udp_port_;
 }
 
-uint16_t DevSim::listen_tcp(const char* address, uint16_t port) {
+uint16_t ServedLinks::listen_tcp(const char* address, uint16_t port) {
     tcp_listener_ = bound_socket(SOCK_STREAM, ipv4(address, port));
     tcp_address_ = bound_address(tcp_listener_.get());
     tcp_port_ = ntohs(tcp_address_.sin_port);
     return tcp_port_;
 }
 
-uint16_t DevSim::listen_mgmt(const char* address, uint16_t port) {
+uint16_t ServedLinks::listen_mgmt(const char* address, uint16_t port) {
     mgmt_ = bound_socket(SOCK_DGRAM, ipv4(address, port));
     mgmt_address_ = bound_address(mgmt_.get());
     mgmt_port_ = ntohs(mgmt_address_.sin_port);
     return mgmt_port_;
 }
 
-std::string DevSim::open_pty() {
+std::string ServedLinks::open_pty() {
     pty_master_.reset(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     if (!pty_master_.valid() || grantpt(pty_master_.get()) != 0 || unlockpt(pty_master_.get()) != 0)
         fail("posix_openpt");
@@ -119,12 +136,110 @@ std::string DevSim::open_pty() {
     return pty_path_;
 }
 
-Endpoint DevSim::udp_endpoint(int fd, const sockaddr_in& peer) const {
+void ServedLinks::wake(char why) {
+    (void)!write(wake_write_.get(), &why, 1);
+}
+
+void ServedLinks::stop() {
+    wake('q');
+}
+
+void ServedLinks::restart(int ms) {
+    {
+        std::lock_guard lock(mutex_);
+        restart_asked_ = ms;
+    }
+    wake('r');
+}
+
+// A wake-up read: a restart asked is done now; false when it asks to stop.
+bool ServedLinks::take_wake() {
+    char why = 'q';
+    if (read(wake_read_.get(), &why, 1) != 1 || why == 'q')
+        return false;
+    std::unique_lock lock(mutex_);
+    const auto ms = std::exchange(restart_asked_, std::nullopt);
+    lock.unlock();
+    if (ms)
+        go_down(*ms);
+    return true;
+}
+
+// Until the next answer is due, a serial frame begun is given up, or a restart ends.
+int ServedLinks::poll_timeout(Clock::time_point now) const {
+    if (down_) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(down_until_ - now);
+        return static_cast<int>(std::max<long>(0, left.count()));
+    }
+    int timeout = outbox_.wait_ms(now);
+    if (serial_.holds()) {
+        const auto gap_ends =
+            std::chrono::ceil<std::chrono::milliseconds>(serial_last_byte_ + kInterByteGap - now);
+        const int ms = static_cast<int>(std::max<long>(1, gap_ends.count() + 1));
+        timeout = timeout < 0 ? ms : std::min(timeout, ms);
+    }
+    return timeout;
+}
+
+void ServedLinks::serve() {
+    std::vector<pollfd> fds;
+    std::vector<unsigned> clients; // the TCP client of each descriptor after the fixed ones
+    for (;;) {
+        const auto now = Clock::now();
+        if (down_ && now >= down_until_ && !come_back())
+            down_until_ = now + std::chrono::milliseconds(100); // the port is not free yet
+        fds = {{wake_read_.get(), POLLIN, 0},  {udp_.get(), POLLIN, 0},
+               {udp_other_.get(), POLLIN, 0},  {tcp_listener_.get(), POLLIN, 0},
+               {pty_master_.get(), POLLIN, 0}, {mgmt_.get(), POLLIN, 0}};
+        const size_t fixed = fds.size();
+        clients.clear();
+        for (const auto& [id, client] : tcp_clients_) {
+            fds.push_back({client.fd.get(), POLLIN, 0});
+            clients.push_back(id);
+        }
+        // poll() ignores negative descriptors, so links that are not set up cost nothing.
+        if (poll(fds.data(), fds.size(), poll_timeout(now)) < 0 && errno != EINTR)
+            return;
+        if (fds[0].revents && !take_wake())
+            return;
+        if (fds[1].revents)
+            receive_udp(udp_.get());
+        if (fds[2].revents)
+            receive_udp(udp_other_.get());
+        if (fds[3].revents)
+            accept_tcp();
+        if (fds[4].revents)
+            receive_serial();
+        else if (serial_quiet(Clock::now()))
+            take_serial_frames();
+        if (fds[5].revents)
+            receive_mgmt();
+        for (size_t i = fixed; i < fds.size(); ++i)
+            if (fds[i].revents)
+                receive_tcp(clients[i - fixed]);
+        outbox_.send_due(Clock::now(), [this](const Outbox::Outgoing& out) { send(out); });
+    }
+}
+
+void ServedLinks::queue(const Endpoint& to, std::vector<Piece> pieces, std::string text) {
+    outbox_.add(to, std::move(pieces), Clock::now(), std::move(text));
+    outbox_.send_due(Clock::now(), [this](const Outbox::Outgoing& out) { send(out); });
+}
+
+Endpoint ServedLinks::from_other_address(Endpoint to) const {
+    if (to.link == Link::udp) {
+        to.fd = udp_other_.get();
+        to.local = udp_other_address_;
+    }
+    return to;
+}
+
+Endpoint ServedLinks::udp_endpoint(int fd, const sockaddr_in& peer) const {
     const sockaddr_in& local = fd == udp_.get() ? udp_address_ : udp_other_address_;
     return {Link::udp, louth_udp_ ? Protocol::louth : Protocol::sony, fd, local, peer, 0};
 }
 
-void DevSim::receive_udp(int fd) {
+void ServedLinks::receive_udp(int fd) {
     uint8_t datagram[2048];
     sockaddr_in from{};
     socklen_t length = sizeof from;
@@ -149,14 +264,11 @@ void DevSim::receive_udp(int fd) {
     if (static_cast<size_t>(n) > kDatagramHeader)
         message.frame.assign(datagram + kDatagramHeader, datagram + n);
     const Bytes frame = message.frame;
-    record(endpoint, std::move(message));
-    if (endpoint.protocol == Protocol::louth)
-        answer_louth(endpoint, frame);
-    else
-        answer_sony(endpoint, frame);
+    server_.record(endpoint, std::move(message));
+    server_.command(endpoint, frame);
 }
 
-void DevSim::accept_tcp() {
+void ServedLinks::accept_tcp() {
     sockaddr_in peer{};
     socklen_t length = sizeof peer;
     UniqueFd client(
@@ -165,36 +277,42 @@ void DevSim::accept_tcp() {
         tcp_clients_[++next_tcp_] = {std::move(client), peer, {}};
 }
 
-void DevSim::close_tcp_client(unsigned id) {
+void ServedLinks::close_client(unsigned id) {
     tcp_clients_.erase(id);
-    transfers_.reset(id);
+    server_.closed(id);
 }
 
-void DevSim::receive_tcp(unsigned id) {
+void ServedLinks::receive_tcp(unsigned id) {
     auto found = tcp_clients_.find(id);
     if (found == tcp_clients_.end())
         return;
     uint8_t chunk[2048];
     ssize_t n = recv(found->second.fd.get(), chunk, sizeof chunk, 0);
     if (n <= 0) {
-        close_tcp_client(id);
+        close_client(id);
         return;
     }
     const Endpoint endpoint{Link::tcp,    Protocol::connection, -1,
                             tcp_address_, found->second.peer,   id};
     Bytes& buffer = found->second.buffer;
     buffer.insert(buffer.end(), chunk, chunk + n);
-    // An accepted upload's bytes are not messages.
-    auto take_upload = [&](Bytes& stream) {
-        const Bytes before = stream;
-        transfers_.take_upload(id, stream);
-        const auto taken = static_cast<long>(before.size() - stream.size());
-        if (taken > 0)
-            tap(endpoint, Direction::received, Bytes(before.begin(), before.begin() + taken), "");
-    };
-    take_upload(buffer);
-    // Messages: a 12-byte header; "s9p " carries arg1 frame bytes after it, the others nothing.
-    // An answer may close this client (a fault, a restart): it is looked up again each time.
+    take_upload(endpoint, buffer);
+    take_tcp_messages(endpoint);
+}
+
+// An accepted upload's bytes are not messages: the server takes them, the log sees them.
+void ServedLinks::take_upload(const Endpoint& from, Bytes& stream) {
+    const Bytes before = stream;
+    server_.take_upload(from, stream);
+    const auto taken = static_cast<long>(before.size() - stream.size());
+    if (taken > 0)
+        log_.tap(from, Direction::received, Bytes(before.begin(), before.begin() + taken), "");
+}
+
+// Messages: a 12-byte header; "s9p " carries arg1 frame bytes after it, the others nothing.
+// An answer may close this client (a fault, a restart): it is looked up again each time.
+void ServedLinks::take_tcp_messages(const Endpoint& from) {
+    const unsigned id = from.tcp_client;
     for (auto client = tcp_clients_.find(id); client != tcp_clients_.end();
          client = tcp_clients_.find(id)) {
         Bytes& stream = client->second.buffer;
@@ -202,41 +320,28 @@ void DevSim::receive_tcp(unsigned id) {
             return;
         const std::string tag(stream.begin(), stream.begin() + 4);
         const size_t body = tag == "s9p " ? be32(stream.data() + 4) : 0;
-        if (body > kMaxSonyFrame) {
-            // No Sony frame is that long: record the header and drop the client as a server would.
-            record(endpoint, {Link::tcp,
-                              take(stream, kStreamHeader),
-                              {},
-                              tag,
-                              tcp_port_,
-                              endpoint.peer,
-                              Protocol::connection,
-                              ""});
-            close_tcp_client(id);
+        const bool too_long = body > kMaxSonyFrame; // no Sony frame is that long
+        if (!too_long && stream.size() < kStreamHeader + body)
             return;
-        }
-        if (stream.size() < kStreamHeader + body)
-            return;
-        const Bytes wire = take(stream, kStreamHeader + body);
+        // A header announcing too long a frame is recorded, and the client dropped as a server
+        // would.
+        const Bytes wire = take(stream, kStreamHeader + (too_long ? 0 : body));
         const Bytes frame(wire.begin() + kStreamHeader, wire.end());
-        record(endpoint,
-               {Link::tcp, wire, frame, tag, tcp_port_, endpoint.peer, Protocol::connection, ""});
-        if (tag == "s9p ") {
-            answer_sony(endpoint, frame);
+        server_.record(
+            from, {Link::tcp, wire, frame, tag, tcp_port_, from.peer, Protocol::connection, ""});
+        if (too_long) {
+            close_client(id);
+        } else if (tag == "s9p ") {
+            server_.command(from, frame);
         } else {
-            const bool raw = tag == "data" || tag == "ggop";
-            std::vector<Piece> answer = transfers_.answer(id, wire.data());
-            Bytes whole;
-            for (const Piece& p : answer)
-                whole.insert(whole.end(), p.bytes.begin(), p.bytes.end());
-            queue(endpoint, std::move(answer), raw ? "" : describe_stream(whole, true));
+            server_.request(from, wire);
             if (auto still = tcp_clients_.find(id); still != tcp_clients_.end())
-                take_upload(still->second.buffer);
+                take_upload(from, still->second.buffer);
         }
     }
 }
 
-Endpoint DevSim::serial_endpoint() const {
+Endpoint ServedLinks::serial_endpoint() const {
     return {Link::serial,
             louth_serial_ ? Protocol::louth : Protocol::sony,
             pty_master_.get(),
@@ -245,7 +350,7 @@ Endpoint DevSim::serial_endpoint() const {
             0};
 }
 
-void DevSim::receive_serial() {
+void ServedLinks::receive_serial() {
     uint8_t chunk[256];
     ssize_t n = read(pty_master_.get(), chunk, sizeof chunk);
     if (n <= 0 || down_)
@@ -259,32 +364,29 @@ void DevSim::receive_serial() {
 
 // Bytes that waited longer than a deck's inter-byte gap began a frame that never came whole: a
 // deck's receiver gives up on it and starts afresh with the next byte.
-bool DevSim::serial_quiet(Clock::time_point now) {
+bool ServedLinks::serial_quiet(Clock::time_point now) {
     if (!serial_.holds() || now - serial_last_byte_ <= kInterByteGap)
         return false;
     serial_.quiet();
     return true;
 }
 
-void DevSim::take_serial_frames() {
+void ServedLinks::take_serial_frames() {
     const Endpoint endpoint = serial_endpoint();
     Bytes taken;
     for (LineStep step; (step = serial_.next(louth_serial_, taken)).kind != LineStep::wait;) {
         // Bytes dropped are no frame, but they crossed the line: a recorder sees them too.
         if (step.kind == LineStep::garbage) {
-            tap(endpoint, Direction::received, std::move(taken), "");
+            log_.tap(endpoint, Direction::received, std::move(taken), "");
             continue;
         }
         // A valid frame, or a bad one answered once (its NAK, or a Louth refusal).
-        record(endpoint, {Link::serial, taken, taken, "", 0, {}, endpoint.protocol, ""});
-        if (louth_serial_)
-            answer_louth(endpoint, taken);
-        else
-            answer_sony(endpoint, taken);
+        server_.record(endpoint, {Link::serial, taken, taken, "", 0, {}, endpoint.protocol, ""});
+        server_.command(endpoint, taken);
     }
 }
 
-void DevSim::receive_mgmt() {
+void ServedLinks::receive_mgmt() {
     uint8_t datagram[2048];
     sockaddr_in from{};
     socklen_t length = sizeof from;
@@ -294,18 +396,16 @@ void DevSim::receive_mgmt() {
         return;
     const Endpoint endpoint{Link::udp, Protocol::management, mgmt_.get(), mgmt_address_, from, 0};
     const Bytes wire(datagram, datagram + n);
-    record(endpoint, {Link::udp, wire, {}, "", mgmt_port_, from, Protocol::management, ""});
-    std::vector<Piece> answer = mgmt_model_.answer(wire);
-    const std::string text = answer.empty() ? "" : describe_mgmt(answer.back().bytes, true);
-    queue(endpoint, std::move(answer), text);
+    server_.record(endpoint, {Link::udp, wire, {}, "", mgmt_port_, from, Protocol::management, ""});
+    server_.request(endpoint, wire);
 }
 
-void DevSim::send(const Outbox::Outgoing& out) {
+void ServedLinks::send(const Outbox::Outgoing& out) {
     switch (out.to.link) {
     case Link::udp:
         sendto(out.to.fd, out.bytes.data(), out.bytes.size(), 0,
                reinterpret_cast<const sockaddr*>(&out.to.peer), sizeof out.to.peer);
-        tap(out.to, Direction::sent, out.bytes, out.last ? out.text : "");
+        log_.tap(out.to, Direction::sent, out.bytes, out.last ? out.text : "");
         break;
     case Link::tcp:
         if (auto client = tcp_clients_.find(out.to.tcp_client); client != tcp_clients_.end())
@@ -320,30 +420,26 @@ void DevSim::send(const Outbox::Outgoing& out) {
     if (!out.last)
         return;
     if (out.to.link != Link::udp)
-        tap(out.to, Direction::sent, out.whole, out.text);
-    {
-        std::lock_guard lock(mutex_);
-        ++counters_.answers;
-    }
-    changed_.notify_all();
+        log_.tap(out.to, Direction::sent, out.whole, out.text);
+    log_.count_answer_sent();
 }
 
 // A restart: what the server's process held goes (its TCP connections and listener, the answers
 // not yet sent, a serial frame half read, the Louth ports opened); the model stays.
-void DevSim::go_down(int ms) {
+void ServedLinks::go_down(int ms) {
     for (const auto& [id, client] : tcp_clients_)
-        transfers_.reset(id);
+        server_.closed(id);
     tcp_clients_.clear();
     tcp_listener_.reset();
     outbox_.clear();
     serial_.clear();
-    louth_ = std::make_unique<LouthServer>(model_);
+    server_.restarting();
     down_ = true;
     down_until_ = Clock::now() + std::chrono::milliseconds(ms);
 }
 
 // Up again, listening where it listened; false while that port is not free yet.
-bool DevSim::come_back() {
+bool ServedLinks::come_back() {
     if (tcp_port_ != 0 && !tcp_listener_.valid()) {
         tcp_listener_ = try_bound_socket(SOCK_STREAM, tcp_address_);
         if (!tcp_listener_.valid())
