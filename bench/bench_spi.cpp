@@ -6,7 +6,6 @@
 #include "tlapi.h"
 #include <sdiboard/sdiboard.h>
 
-#include <chrono>
 #include <cstring>
 #include <poll.h>
 #include <string>
@@ -15,12 +14,6 @@
 #include <unistd.h>
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double microseconds(Clock::duration d) {
-    return std::chrono::duration<double, std::micro>(d).count();
-}
 
 // The raw baseline: one autobound socket for the whole run, 3 bytes out, 3 bytes back.
 bool rawRoundTrip(int fd, const sockaddr_un& board) {
@@ -43,23 +36,12 @@ void BM_spi_read_vs_raw_round_trip(benchmark::State& state) {
     bind(raw, reinterpret_cast<sockaddr*>(&address), sizeof address.sun_family); // autobind
     SPIInit();
 
-    std::vector<double> rawUs, spiUs;
-    for (auto _ : state) {
-        auto start = Clock::now();
-        if (!rawRoundTrip(raw, address))
-            state.SkipWithError("raw round trip failed");
-        auto middle = Clock::now();
-        unsigned char frame[3] = {0x42, sdiboard::kGpoRegister, 0x00};
-        if (SPIRead(0, frame, 3) != 0 || frame[2] != 0x5A)
-            state.SkipWithError("SPI read failed");
-        auto end = Clock::now();
-        rawUs.push_back(microseconds(middle - start));
-        spiUs.push_back(microseconds(end - middle));
-    }
-    reportPercentiles(state, "raw_us", rawUs);
-    reportPercentiles(state, "spi_us", spiUs);
-    state.counters["ratio_p50"] = percentile(spiUs, 0.5) / percentile(rawUs, 0.5);
-    state.counters["ratio_p99"] = percentile(spiUs, 0.99) / percentile(rawUs, 0.99);
+    timeBesideBaseline(
+        state, "raw", [&] { return rawRoundTrip(raw, address); }, "spi",
+        [] {
+            unsigned char frame[3] = {0x42, sdiboard::kGpoRegister, 0x00};
+            return SPIRead(0, frame, 3) == 0 && frame[2] == 0x5A;
+        });
     close(raw);
 }
 BENCHMARK(BM_spi_read_vs_raw_round_trip)->Iterations(20000)->UseRealTime();

@@ -46,8 +46,8 @@ using Event = Gpio; // a GPI event or a GPO request, as the daemon's datagram ca
 
 using Clock = std::chrono::steady_clock;
 using Ms = std::chrono::milliseconds;
-using sdiboard::Transfer;
 using sdiboard::Fault;
+using sdiboard::Transfer;
 
 constexpr const char* kUsage =
     R"(usage: soak_daemon SECONDS [--seed N] [--phase-ms MS] [--wrap 'PROGRAM ARGS...']
@@ -1423,18 +1423,8 @@ int soakRun(const Options& options, const soak::TempDir& dir) {
 int main(int argc, char** argv) {
     return cli::run("soak_daemon", [&] {
         const Options options = parse(argc, argv);
-        if (geteuid() != 0) {
-            fprintf(stderr, "soak_daemon: needs root for a network namespace of its own\n");
-            return 77;
-        }
-        const soak::TempDir dir("vlm-soak");
-        const std::string entered =
-            dir.path().empty() ? "mkdtemp failed" : soak::enterFreshNetworkNamespace();
-        if (!entered.empty()) {
-            fprintf(stderr, "soak_daemon: %s\n", entered.c_str());
-            return 1;
-        }
-        signal(SIGPIPE, SIG_IGN);
-        return soakRun(options, dir);
+        return soak::runInFreshNamespace("soak_daemon", "vlm-soak", [&](const soak::TempDir& dir) {
+            return soakRun(options, dir);
+        });
     });
 }

@@ -454,18 +454,8 @@ int soakRun(const Options& o, const soak::TempDir& dir) {
 int main(int argc, char** argv) {
     return cli::run("soak_rack", [&] {
         const Options options = parse(argc, argv);
-        if (geteuid() != 0) {
-            fprintf(stderr, "soak_rack: needs root for a network namespace of its own\n");
-            return 77;
-        }
-        const soak::TempDir dir("vlm-soak-rack");
-        const std::string entered =
-            dir.path().empty() ? "mkdtemp failed" : soak::enterFreshNetworkNamespace();
-        if (!entered.empty()) {
-            fprintf(stderr, "soak_rack: %s\n", entered.c_str());
-            return 1;
-        }
-        signal(SIGPIPE, SIG_IGN);
-        return soakRun(options, dir);
+        return soak::runInFreshNamespace(
+            "soak_rack", "vlm-soak-rack",
+            [&](const soak::TempDir& dir) { return soakRun(options, dir); });
     });
 }

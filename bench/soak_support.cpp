@@ -4,6 +4,8 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
@@ -296,6 +298,23 @@ bool waitForTcpPort(uint16_t port, int timeoutMs, const char* address) {
             return accepted;
         },
         timeoutMs);
+}
+
+int runInFreshNamespace(const char* program, const std::string& prefix,
+                        const std::function<int(const TempDir&)>& run) {
+    if (geteuid() != 0) {
+        fprintf(stderr, "%s: needs root for a network namespace of its own\n", program);
+        return 77;
+    }
+    const TempDir dir(prefix);
+    const std::string entered =
+        dir.path().empty() ? "mkdtemp failed" : enterFreshNetworkNamespace();
+    if (!entered.empty()) {
+        fprintf(stderr, "%s: %s\n", program, entered.c_str());
+        return 1;
+    }
+    signal(SIGPIPE, SIG_IGN);
+    return run(dir);
 }
 
 } // namespace soak

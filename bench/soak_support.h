@@ -12,7 +12,8 @@
 //   thread that started it ends (PR_SET_PDEATHSIG): a run killed on its time-out leaves nothing.
 // - Time-outs are in milliseconds: 0 looks once without waiting, a negative one waits without
 //   limit. Waits survive EINTR.
-// - Nothing here prints: failures come back as text ("" when all went well) or as false.
+// - Nothing here prints but runInFreshNamespace, which says in one line why a run did not start:
+//   failures come back as text ("" when all went well) or as false.
 #pragma once
 
 #include <atomic>
@@ -145,5 +146,14 @@ bool waitReadable(int fd, int timeoutMs);
 bool waitForPath(const std::string& path, int timeoutMs);
 // A TCP connection to `address`:`port` (dotted IPv4) is accepted, in the caller's namespace.
 bool waitForTcpPort(uint16_t port, int timeoutMs, const char* address = "127.0.0.1");
+
+// ---- A whole run.
+
+// Runs `run` with the calling thread in a fresh network namespace, a directory of its own (a
+// TempDir of `prefix`) and SIGPIPE ignored, and gives what it returns. Without root: 77 (skipped);
+// when the directory or the namespace cannot be made: 1; each with one line on standard error
+// that starts with `program`.
+int runInFreshNamespace(const char* program, const std::string& prefix,
+                        const std::function<int(const TempDir&)>& run);
 
 } // namespace soak
