@@ -2,7 +2,6 @@
 #include "model.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 
 namespace devsim {
@@ -144,17 +143,18 @@ Bytes status_bytes(const Model::Snapshot& s) {
     return bytes;
 }
 
-Model::Model() : since_(Clock::now()) {
-    const uint8_t one_hour[4] = {0, 0, 0, 0x01};
-    position_ = static_cast<double>(bcd_to_frames(standard_, one_hour));
+namespace {
+const uint8_t kOneHour[4] = {0, 0, 0, 0x01};
 }
+
+Model::Model() : playhead_(static_cast<double>(bcd_to_frames(standard_, kOneHour)), Clock::now()) {}
 
 void Model::set_standard(Standard standard) {
     std::lock_guard lock(mutex_);
     advance(Clock::now());
-    const Bytes timecode = frames_to_bcd(standard_, static_cast<int64_t>(position_));
+    const Bytes timecode = frames_to_bcd(standard_, playhead_.frame());
     standard_ = standard;
-    position_ = static_cast<double>(bcd_to_frames(standard_, timecode.data()));
+    playhead_.go_to(static_cast<double>(bcd_to_frames(standard_, timecode.data())));
 }
 
 Standard Model::standard() const {
@@ -179,13 +179,13 @@ Model::Clip* Model::find(const std::string& id) {
 }
 
 void Model::advance(Clock::time_point now) {
-    const double seconds = std::chrono::duration<double>(now - since_).count();
-    since_ = now;
+    // A transport stopped at an end keeps its speed, but stands.
+    playhead_.advance(now, moving(state_) ? info(standard_).rate : 0);
     if (!moving(state_))
         return;
-    position_ = std::max(0.0, position_ + speed_ * seconds * info(standard_).rate);
-    if (edit_end_ && speed_ > 0 && position_ >= static_cast<double>(*edit_end_)) {
-        position_ = static_cast<double>(*edit_end_);
+    const bool forward = playhead_.speed() > 0;
+    if (edit_end_ && forward && playhead_.position() >= static_cast<double>(*edit_end_)) {
+        playhead_.go_to(static_cast<double>(*edit_end_));
         state_ = State::still; // the edit's end point
         edit_ = Edit::none;
         edit_end_.reset();
@@ -195,20 +195,20 @@ void Model::advance(Clock::time_point now) {
     if (!clip)
         return;
     if (state_ == State::recording) {
-        clip->length = std::max<int64_t>(0, static_cast<int64_t>(position_) - clip->start);
-    } else if (speed_ > 0 && position_ >= static_cast<double>(clip->start + clip->length)) {
-        position_ = static_cast<double>(clip->start + clip->length);
+        clip->length = std::max<int64_t>(0, playhead_.frame() - clip->start);
+    } else if (forward && playhead_.position() >= static_cast<double>(clip->start + clip->length)) {
+        playhead_.go_to(static_cast<double>(clip->start + clip->length));
         state_ = State::still; // the clip's end
     }
 }
 
 void Model::move_locked(State state, double speed) {
     state_ = state;
-    speed_ = state == State::fast_forward                           ? kFastSpeed
-             : state == State::rewind                               ? -kFastSpeed
-             : state == State::playing || state == State::recording ? 1
-             : moving(state)                                        ? speed
-                                                                    : 0;
+    playhead_.set_speed(state == State::fast_forward                           ? kFastSpeed
+                        : state == State::rewind                               ? -kFastSpeed
+                        : state == State::playing || state == State::recording ? 1
+                        : moving(state)                                        ? speed
+                                                                               : 0);
     if (state != State::stopped && state != State::still)
         cued_ = false;
     if (state == State::ejected)
@@ -226,7 +226,7 @@ void Model::command(State state, double speed) {
 void Model::step(int64_t frames) {
     std::lock_guard lock(mutex_);
     advance(Clock::now());
-    position_ = std::max(0.0, std::floor(position_) + static_cast<double>(frames));
+    playhead_.go_to(static_cast<double>(playhead_.frame() + frames));
     move_locked(State::still, 0);
     cued_ = false;
 }
@@ -234,7 +234,7 @@ void Model::step(int64_t frames) {
 void Model::cue(int64_t frames) {
     std::lock_guard lock(mutex_);
     advance(Clock::now());
-    position_ = static_cast<double>(std::max<int64_t>(0, frames));
+    playhead_.go_to(static_cast<double>(frames));
     move_locked(State::still, 0);
     cued_ = true;
     loaded_.clear();
@@ -243,7 +243,7 @@ void Model::cue(int64_t frames) {
 void Model::edit(Edit edit, int64_t from, std::optional<int64_t> until) {
     std::lock_guard lock(mutex_);
     advance(Clock::now());
-    position_ = static_cast<double>(std::max<int64_t>(0, from));
+    playhead_.go_to(static_cast<double>(from));
     move_locked(edit == Edit::preroll ? State::still : State::playing, 1);
     cued_ = edit == Edit::preroll;
     edit_ = edit;
@@ -260,13 +260,13 @@ Model::State Model::state() {
 int64_t Model::position() {
     std::lock_guard lock(mutex_);
     advance(Clock::now());
-    return static_cast<int64_t>(position_);
+    return playhead_.frame();
 }
 
 void Model::entry(Point point) {
     std::lock_guard lock(mutex_);
     advance(Clock::now());
-    points_[static_cast<size_t>(point)] = static_cast<int64_t>(position_);
+    points_[static_cast<size_t>(point)] = playhead_.frame();
 }
 
 void Model::preset(Point point, int64_t frames) {
@@ -309,9 +309,9 @@ void Model::latch(size_t byte, uint8_t mask, bool on) {
 Model::Snapshot Model::snapshot() {
     std::lock_guard lock(mutex_);
     advance(Clock::now());
-    return {standard_, state_, speed_,         static_cast<int64_t>(position_),
-            cued_,     local_, local_enabled_, edit_,
-            loaded_,   clips_, points_,        latched_};
+    return {standard_, state_, playhead_.speed(), playhead_.frame(),
+            cued_,     local_, local_enabled_,    edit_,
+            loaded_,   clips_, points_,           latched_};
 }
 
 Bytes Model::status() {
@@ -366,7 +366,7 @@ void Model::record_cue(const std::string& id) {
     if (!find(id))
         clips_.push_back({clip_id(id), end_locked(), 0, 0});
     loaded_ = clip_id(id);
-    position_ = static_cast<double>(find(id)->start);
+    playhead_.go_to(static_cast<double>(find(id)->start));
     move_locked(State::still, 0);
     cued_ = true;
 }
@@ -378,7 +378,7 @@ bool Model::load(const std::string& id) {
     if (!clip)
         return false;
     loaded_ = clip->id;
-    position_ = static_cast<double>(clip->start);
+    playhead_.go_to(static_cast<double>(clip->start));
     move_locked(State::still, 0);
     cued_ = true;
     return true;

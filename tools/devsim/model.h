@@ -3,6 +3,7 @@
 // edit points and modes a deck keeps, and the front panel's local switch.
 #pragma once
 
+#include "playhead.h"
 #include "wire.h"
 
 #include <array>
@@ -138,8 +139,8 @@ class Model {
   private:
     using Clock = std::chrono::steady_clock;
     std::string line_locked(const Clip& clip) const;
-    // The one step of time: brings the position up to now and applies the clip's end, the
-    // edit's end and the record length. Under the lock, first thing in every caller that reads or
+    // The one step of time: moves the playhead on to now and applies the clip's end, the edit's
+    // end and the record length. Under the lock, first thing in every caller that reads or
     // changes what time moves.
     void advance(Clock::time_point now);
     void move_locked(State state, double speed);
@@ -150,9 +151,7 @@ class Model {
     Standard standard_ = Standard::pal25;
     bool local_ = false, local_enabled_ = true;
     State state_ = State::stopped;
-    double speed_ = 0; // play speeds
-    double position_ = 0;
-    Clock::time_point since_; // when advance() last moved the position
+    Playhead playhead_;
     bool cued_ = false;
     Edit edit_ = Edit::none;
     std::optional<int64_t> edit_end_;
