@@ -247,6 +247,14 @@ struct ApiTimes {
             ms[phase].push_back(took);
         failures += !answered;
     }
+    // The medians and 99th percentiles, in ms, with one stream and with all of them.
+    struct Figures {
+        double one50, one99, all50, all99;
+    };
+    Figures figures() const {
+        return {percentile(ms[0], 0.5), percentile(ms[0], 0.99), percentile(ms[1], 0.5),
+                percentile(ms[1], 0.99)};
+    }
 };
 
 // ---- The run.
@@ -313,43 +321,57 @@ long descriptorsOf(pid_t pid) {
     return s ? s->fds : -1;
 }
 
-int soakRun(const Options& o, const soak::TempDir& dir) {
-    Programs programs = startPrograms(dir);
-    if (!programs.error.empty()) {
-        printf("soak rack: FAILED: %s\n", programs.error.c_str());
-        return 1;
-    }
-    const pid_t rack = programs.rack->pid();
+// What drives the rack for the whole run: its GPI lines through the API, a controller on UDP and
+// one on the serial line, the API's timer.
+struct Load {
     Controller udp, serial;
-    zqhandler_connect_eth(udp.handle, "127.0.0.1", "32896");
-    zqhandler_connect_serial(serial.handle, dir.file("vtr").c_str());
-    for (t_zqhandler* h : {udp.handle, serial.handle})
-        zqhandler_set_timeout(h, 500);
-    Streams streams;
-    streams.open(1);
-    streams.start();
-    soak::waitUntil([&] { return streams.with([](auto& all) { return all[0]->live; }); }, kWaitMs);
-    const long fdsWithOneStream = descriptorsOf(rack);
-    uint8_t levels = 0;
     ApiTimes api;
     soak::RunThread gpi, udpCalls, serialCalls, probe;
-    every(gpi, kGpiStepMs, [&] {
-        levels = static_cast<uint8_t>(levels == 0 || levels == 0x80 ? 1 : levels << 1);
-        exchange("POST", "/api/gpi", "levels=" + std::to_string(levels));
-    });
-    every(udpCalls, kControllerCallMs, [&] { udp.call(); });
-    every(serialCalls, kControllerCallMs, [&] { serial.call(); });
-    every(probe, kApiProbeMs, [&] { api.probe(); });
+    uint8_t levels = 0;
 
-    // The baseline: one page, as long as a tenth of the run (at least ten seconds).
-    const double baseline = std::max(10.0, o.seconds / 10);
-    std::this_thread::sleep_for(Ms(static_cast<long>(baseline * 1000)));
+    explicit Load(const soak::TempDir& dir) {
+        zqhandler_connect_eth(udp.handle, "127.0.0.1", "32896");
+        zqhandler_connect_serial(serial.handle, dir.file("vtr").c_str());
+        for (t_zqhandler* h : {udp.handle, serial.handle})
+            zqhandler_set_timeout(h, 500);
+    }
+    void start() {
+        every(gpi, kGpiStepMs, [this] {
+            levels = static_cast<uint8_t>(levels == 0 || levels == 0x80 ? 1 : levels << 1);
+            exchange("POST", "/api/gpi", "levels=" + std::to_string(levels));
+        });
+        every(udpCalls, kControllerCallMs, [this] { udp.call(); });
+        every(serialCalls, kControllerCallMs, [this] { serial.call(); });
+        every(probe, kApiProbeMs, [this] { api.probe(); });
+    }
+    void stop() {
+        for (soak::RunThread* part : {&probe, &gpi, &udpCalls, &serialCalls})
+            part->stop();
+    }
+};
+
+// What the run saw of the rack and its streams.
+struct Seen {
+    double baseline = 0; // seconds with one stream
+    bool allLive = false;
+    long fdsWithOneStream = -1, fdsAfter = -1;
+    long long last = 0; // the log's last entry
+    soak::Verdict verdict;
+    size_t refused = 0, missed = 0, behind = 0; // streams
+    uint64_t entries = 0, gpiEvents = 0;
+};
+
+// The baseline, one page as long as a tenth of the run (at least ten seconds); then every page,
+// the rack sampled for the measured run.
+void measure(const Options& o, Streams& streams, pid_t rack, ApiTimes& api, Seen& seen) {
+    seen.baseline = std::max(10.0, o.seconds / 10);
+    std::this_thread::sleep_for(Ms(static_cast<long>(seen.baseline * 1000)));
     {
         std::lock_guard lock(api.mutex);
         api.phase = 1;
     }
     streams.open(o.streams - 1);
-    const bool allLive = soak::waitUntil(
+    seen.allLive = soak::waitUntil(
         [&] {
             return streams.with([](auto& all) {
                 return std::all_of(all.begin(), all.end(), [](auto& s) { return s->live; });
@@ -357,7 +379,6 @@ int soakRun(const Options& o, const soak::TempDir& dir) {
         },
         kWaitMs);
     std::this_thread::sleep_for(Ms(kSettleMs));
-
     const auto runStart = Clock::now();
     const size_t samples = static_cast<size_t>(o.seconds * 1000 / kSampleMs) + 16;
     soak::ProcWatch watch(rack, samples);
@@ -366,85 +387,113 @@ int soakRun(const Options& o, const soak::TempDir& dir) {
         watch.sample(since(runStart), static_cast<uint64_t>(std::max(0LL, entries)));
         std::this_thread::sleep_until(next + Ms(kSampleMs));
     }
-    for (soak::RunThread* part : {&probe, &gpi, &udpCalls, &serialCalls})
-        part->stop();
+    seen.verdict = watch.verdict(o.seconds, "entry", false);
+}
 
-    // The last entry, then every stream up to it; then the pages go away.
+// The last entry, then every stream up to it, tallied; then the pages go away.
+void drain(Streams& streams, pid_t rack, Seen& seen) {
     std::this_thread::sleep_for(Ms(500));
-    const long long last =
-        numberAfter(exchange("GET", "/api/log?after=1000000000000"), "\"last\":");
+    seen.last = numberAfter(exchange("GET", "/api/log?after=1000000000000"), "\"last\":");
     soak::waitUntil(
         [&] {
             return streams.with([&](auto& all) {
                 return std::all_of(all.begin(), all.end(),
-                                   [&](auto& s) { return s->lastId >= last; });
+                                   [&](auto& s) { return s->lastId >= seen.last; });
             });
         },
         kWaitMs);
-    streams.closeAll();
-    long fdsAfter = -1;
-    soak::waitUntil([&] { return (fdsAfter = descriptorsOf(rack)) < fdsWithOneStream; }, kWaitMs,
-                    200);
-
-    // The report.
-    size_t refused = 0, missed = 0, behind = 0;
-    uint64_t entries = 0, gpiEvents = 0;
     streams.with([&](auto& all) {
         for (auto& s : all) {
-            refused += s->refused;
-            missed += s->gaps > 0;
-            behind += s->lastId < last;
-            entries += s->entries;
+            seen.refused += s->refused;
+            seen.missed += s->gaps > 0;
+            seen.behind += s->lastId < seen.last;
+            seen.entries += s->entries;
         }
-        gpiEvents = all[0]->gpiEvents;
+        seen.gpiEvents = all[0]->gpiEvents;
         return 0;
     });
-    const soak::Verdict verdict = watch.verdict(o.seconds, "entry", false);
-    const double one50 = percentile(api.ms[0], 0.5), one99 = percentile(api.ms[0], 0.99),
-                 all50 = percentile(api.ms[1], 0.5), all99 = percentile(api.ms[1], 0.99);
+    streams.closeAll();
+    soak::waitUntil([&] { return (seen.fdsAfter = descriptorsOf(rack)) < seen.fdsWithOneStream; },
+                    kWaitMs, 200);
+}
+
+void report(const Options& o, const Seen& seen, const Load& load, pid_t rack) {
+    const auto& ms = load.api.ms;
+    const auto [one50, one99, all50, all99] = load.api.figures();
     printf("soak_rack: %.0f s measured with %zu streams, after %.0f s with one; the daemon on the "
            "rack's board, its GPI lines changed every %d ms through the API; a controller on UDP "
            "and one on the serial line, %d calls a second each; rack pid %d\n",
-           o.seconds, o.streams, baseline, kGpiStepMs, 1000 / kControllerCallMs, rack);
+           o.seconds, o.streams, seen.baseline, kGpiStepMs, 1000 / kControllerCallMs, rack);
     printf("streams: %zu of %zu live, %zu refused; %llu log entries read in all (the last %lld); "
            "%zu missed one, %zu never reached the last; the first saw %llu GPI events\n",
-           o.streams - refused, o.streams, refused, (unsigned long long)entries, last, missed,
-           behind, (unsigned long long)gpiEvents);
+           o.streams - seen.refused, o.streams, seen.refused, (unsigned long long)seen.entries,
+           seen.last, seen.missed, seen.behind, (unsigned long long)seen.gpiEvents);
     printf("API (GET /api/state): p50 %.2f ms, p99 %.2f ms with one stream (%zu answers); p50 "
            "%.2f ms, p99 %.2f ms with %zu (%zu answers); ratio p50 %.2f, p99 %.2f; %llu failed\n",
-           one50, one99, api.ms[0].size(), all50, all99, o.streams, api.ms[1].size(),
+           one50, one99, ms[0].size(), all50, all99, o.streams, ms[1].size(),
            one50 > 0 ? all50 / one50 : 0, one99 > 0 ? all99 / one99 : 0,
-           (unsigned long long)api.failures);
+           (unsigned long long)load.api.failures);
     printf("controllers: udp %llu calls, %llu failed; serial %llu calls, %llu failed\n",
-           (unsigned long long)udp.calls, (unsigned long long)udp.failed,
-           (unsigned long long)serial.calls, (unsigned long long)serial.failed);
-    printf("rack: %s\n  %s (CPU per log entry printed, not judged)\n", verdict.figures.c_str(),
+           (unsigned long long)load.udp.calls, (unsigned long long)load.udp.failed,
+           (unsigned long long)load.serial.calls, (unsigned long long)load.serial.failed);
+    printf("rack: %s\n  %s (CPU per log entry printed, not judged)\n", seen.verdict.figures.c_str(),
            soak::ProcWatch::criterion().c_str());
     printf("pages gone: the rack's descriptors %ld with one stream open, %ld once every stream "
            "closed\n",
-           fdsWithOneStream, fdsAfter);
+           seen.fdsWithOneStream, seen.fdsAfter);
+}
+
+// What broke the run's criteria, each followed by ";" ("" when it passed). Ends the programs.
+std::string judge(const Seen& seen, const Load& load, Programs& programs) {
     std::string why;
     auto require = [&](bool holds, const std::string& what) {
         if (!holds)
             why += " " + what + ";";
     };
-    require(allLive && refused == 0, "not every stream was served");
-    require(missed == 0 && behind == 0 && last > 0, "a stream missed log entries");
-    require(gpiEvents > 0, "no GPI event reached the log");
-    require(udp.failed + serial.failed == 0 && udp.calls > 0 && serial.calls > 0,
+    require(seen.allLive && seen.refused == 0, "not every stream was served");
+    require(seen.missed == 0 && seen.behind == 0 && seen.last > 0, "a stream missed log entries");
+    require(seen.gpiEvents > 0, "no GPI event reached the log");
+    require(load.udp.failed + load.serial.failed == 0 && load.udp.calls > 0 &&
+                load.serial.calls > 0,
             "a controller's call failed");
-    require(api.failures == 0, "the API failed to answer");
-    require(verdict.flat, "the rack is not flat: " + verdict.why);
-    require(fdsAfter >= 0 && fdsAfter < fdsWithOneStream, "closed streams kept their descriptors");
+    require(load.api.failures == 0, "the API failed to answer");
+    require(seen.verdict.flat, "the rack is not flat: " + seen.verdict.why);
+    require(seen.fdsAfter >= 0 && seen.fdsAfter < seen.fdsWithOneStream,
+            "closed streams kept their descriptors");
     require(programs.rack->running() && programs.daemon->running(), "a program ended early");
     programs.daemon->stop();
     const int rackEnd = programs.rack->stop(SIGTERM);
     require(WIFEXITED(rackEnd) && WEXITSTATUS(rackEnd) == 0,
             "the rack did not end cleanly on SIGTERM");
+    return why;
+}
+
+int soakRun(const Options& o, const soak::TempDir& dir) {
+    Programs programs = startPrograms(dir);
+    if (!programs.error.empty()) {
+        printf("soak rack: FAILED: %s\n", programs.error.c_str());
+        return 1;
+    }
+    const pid_t rack = programs.rack->pid();
+    Load load(dir);
+    Streams streams;
+    streams.open(1);
+    streams.start();
+    soak::waitUntil([&] { return streams.with([](auto& all) { return all[0]->live; }); }, kWaitMs);
+    Seen seen;
+    seen.fdsWithOneStream = descriptorsOf(rack);
+    load.start();
+    measure(o, streams, rack, load.api, seen);
+    load.stop();
+    drain(streams, rack, seen);
+    report(o, seen, load, rack);
+    const std::string why = judge(seen, load, programs);
+    const auto [one50, one99, all50, all99] = load.api.figures();
     printf("soak rack %.0f s: %zu streams, every log entry to each: %s; API p50/p99 %.2f/%.2f ms "
            "with %zu streams, %.2f/%.2f ms with one; %s (first -> last tenth): %s\n",
-           o.seconds, o.streams, missed || behind ? "no" : "yes", all50, all99, o.streams, one50,
-           one99, verdict.brief.c_str(), why.empty() ? "passed" : ("FAILED:" + why).c_str());
+           o.seconds, o.streams, seen.missed || seen.behind ? "no" : "yes", all50, all99, o.streams,
+           one50, one99, seen.verdict.brief.c_str(),
+           why.empty() ? "passed" : ("FAILED:" + why).c_str());
     return why.empty() ? 0 : 1;
 }
 
