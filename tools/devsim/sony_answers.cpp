@@ -291,24 +291,31 @@ Bytes SonyAnswers::command(const Request& r) {
     }
     if (edit_point_command(model_, r, frames_of(model_, sense(0x31, -1))))
         return kAck;
-    if (group == 0x4) {
-        for (const auto& [cmd1, cmd2, sense_cmd2] : kReadBack)
-            if (r.cmd1 == cmd1 && r.cmd2 == cmd2)
-                senses_[key(sense_cmd2, -1)] = d;
-        if (r.cmd1 == 0x44 && r.cmd2 == 0x05)
-            user_bits_ = d;
-        if (r.cmd2 == 0xC0 && !d.empty()) // a menu section written: read back as written
-            senses_[key(0xC0, d[0])] = d;
-        if (r.cmd2 == 0x14 && (r.cmd1 == 0x48 || r.cmd1 == 0x4C)) { // in preset with an ID
-            model_.load(id_at(d, d.size() - kIdBytes));
-            if (r.cmd1 == 0x4C)
-                model_.preset(Point::in, frames_of(model_, Bytes(d.begin(), d.begin() + 4)));
-        }
-        return kAck;
+    if (group == 0x4)
+        return preset_command(r);
+    return group == 0x6 ? sense_request(r) : kAck;
+}
+
+// A preset command: kept, for its sense to read back.
+Bytes SonyAnswers::preset_command(const Request& r) {
+    const Bytes& d = r.data;
+    for (const auto& [cmd1, cmd2, sense_cmd2] : kReadBack)
+        if (r.cmd1 == cmd1 && r.cmd2 == cmd2)
+            senses_[key(sense_cmd2, -1)] = d;
+    if (r.cmd1 == 0x44 && r.cmd2 == 0x05)
+        user_bits_ = d;
+    if (r.cmd2 == 0xC0 && !d.empty()) // a menu section written: read back as written
+        senses_[key(0xC0, d[0])] = d;
+    if (r.cmd2 == 0x14 && (r.cmd1 == 0x48 || r.cmd1 == 0x4C)) { // in preset with an ID
+        model_.load(id_at(d, d.size() - kIdBytes));
+        if (r.cmd1 == 0x4C)
+            model_.preset(Point::in, frames_of(model_, Bytes(d.begin(), d.begin() + 4)));
     }
-    if (group != 0x6)
-        return kAck;
-    // Sense requests.
+    return kAck;
+}
+
+Bytes SonyAnswers::sense_request(const Request& r) {
+    const Bytes& d = r.data;
     const int first = d.empty() ? -1 : d[0];
     if (r.cmd2 == 0x0C && first >= 0)
         return has(0x0C, first) ? frame(0x70, 0x04, sense(0x0C, first))

@@ -63,6 +63,8 @@ class SonyAnswers {
     bool has(uint8_t cmd2, int selector) const { return senses_.count(key(cmd2, selector)) > 0; }
     Bytes sense(uint8_t cmd2, int selector) const;
     Bytes command(const Request& r);
+    Bytes preset_command(const Request& r); // 4X
+    Bytes sense_request(const Request& r);  // 6X
     Bytes current_time(uint8_t sources);
     Bytes odetics(const Request& r);
 
