@@ -35,6 +35,85 @@ double cpu_seconds() {
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
+t_zqhandler* connected(const std::string& port) {
+    t_zqhandler* h = zqhandler_create();
+    zqhandler_connect_eth(h, "127.0.0.1", port.c_str());
+    zqhandler_set_timeout(h, kTimeoutMs);
+    return h;
+}
+
+// The CPU clock of the emulator's serving thread, seen from its observer: one exchange tells
+// which thread it is. False when none was seen.
+bool serving_thread_clock(devsim::DevSim& sim, const std::string& port, clockid_t& clock) {
+    std::atomic<pthread_t> server_thread{};
+    std::atomic<bool> seen{false};
+    sim.on_receive([&](const devsim::Received&) {
+        if (!seen.exchange(true))
+            server_thread = pthread_self();
+    });
+    t_zqhandler* h = connected(port);
+    zqhandler_cmd_basic(h, BAS_CMD_STOP);
+    zqhandler_delete(h);
+    sim.on_receive(nullptr);
+    return seen && pthread_getcpuclockid(server_thread, &clock) == 0;
+}
+
+double thread_cpu_seconds(clockid_t clock) {
+    timespec t{};
+    clock_gettime(clock, &t);
+    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+}
+
+// What the pollers count, together.
+struct Polls {
+    std::atomic<long> answers{0}, failures{0};
+    std::mutex mutex;
+    std::vector<double> latency_us;
+};
+
+// One controller at 60 Hz until `end`: the model's two senses, or the baseline's one twice.
+void poll(const std::string& port, bool model, Clock::time_point end, Polls& polls) {
+    t_zqhandler* h = connected(port);
+    std::vector<double> mine;
+    for (auto next = Clock::now(); next < end;) {
+        uint8_t out[ZQ_SENSE_BYTES];
+        char tc[ZQ_TC_BYTES];
+        for (int sense = 0; sense < 2; ++sense) {
+            auto start = Clock::now();
+            const bool ok = !model ? zqhandler_cmd_sense_basic(h, BAS_SENSE_DEVICE_TYPE, out) == 2
+                            : sense == 0 ? zqhandler_cmd_sense_status(h, out) == 10
+                                         : zqhandler_cmd_sense_timecode(h, BAS_SENSE_TC, tc) == 0;
+            mine.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
+            ++(ok ? polls.answers : polls.failures);
+        }
+        std::this_thread::sleep_until(next += std::chrono::microseconds(16667));
+    }
+    zqhandler_delete(h);
+    std::lock_guard lock(polls.mutex);
+    polls.latency_us.insert(polls.latency_us.end(), mine.begin(), mine.end());
+}
+
+// The ninth controller until `end`: record a clip for 200 ms, stop, cue it, play it briefly, over
+// and over. Its failed calls.
+long record_and_cue(const std::string& port, Clock::time_point end) {
+    t_zqhandler* recorder = connected(port);
+    long failures = 0;
+    for (int clip = 0; Clock::now() < end; ++clip) {
+        char id_text[16]; // "C" + std::to_string: GCC 12 -O2 warns falsely (-Wrestrict)
+        snprintf(id_text, sizeof id_text, "C%d", clip);
+        const std::string id = id_text;
+        failures += zqhandler_cmd_odetics_recordCueUp(recorder, id.c_str(), nullptr) != 0;
+        failures += zqhandler_cmd_basic(recorder, BAS_CMD_RECORD) != 0;
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        failures += zqhandler_cmd_basic(recorder, BAS_CMD_STOP) != 0;
+        failures += zqhandler_cmd_odetics_inPreset(recorder, id.c_str(), nullptr) != 0;
+        failures += zqhandler_cmd_basic(recorder, BAS_CMD_PLAY) != 0;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    zqhandler_delete(recorder);
+    return failures;
+}
+
 // state.range(0): 1 polls the model's senses, 0 the baseline's.
 void BM_eight_pollers_and_a_recorder(benchmark::State& state) {
     const bool model = state.range(0) != 0;
@@ -42,94 +121,32 @@ void BM_eight_pollers_and_a_recorder(benchmark::State& state) {
     devsim::DevSim sim;
     const std::string port = std::to_string(sim.listen_udp("127.0.0.1", 0));
     sim.start();
-    // The serving thread, seen from its observer; one exchange before the run tells which it is.
-    std::atomic<pthread_t> server_thread{};
-    std::atomic<bool> seen{false};
-    sim.on_receive([&](const devsim::Received&) {
-        if (!seen.exchange(true))
-            server_thread = pthread_self();
-    });
-    {
-        t_zqhandler* h = zqhandler_create();
-        zqhandler_connect_eth(h, "127.0.0.1", port.c_str());
-        zqhandler_cmd_basic(h, BAS_CMD_STOP);
-        zqhandler_delete(h);
-    }
     clockid_t server_clock{};
-    if (!seen || pthread_getcpuclockid(server_thread, &server_clock) != 0)
+    if (!serving_thread_clock(sim, port, server_clock))
         state.SkipWithError("no serving thread seen");
-    auto server_cpu = [&] {
-        timespec t{};
-        clock_gettime(server_clock, &t);
-        return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
-    };
-    std::atomic<long> answers{0}, failures{0};
-    std::mutex samples_mutex;
-    std::vector<double> latency_us;
+    Polls polls;
     double cpu = 0, server = 0;
     for (auto _ : state) {
-        const double cpu_before = cpu_seconds(), server_before = server_cpu();
+        const double cpu_before = cpu_seconds(), server_before = thread_cpu_seconds(server_clock);
         const auto end = Clock::now() + run;
         std::vector<std::thread> pollers;
         for (int i = 0; i < kControllers; ++i)
-            pollers.emplace_back([&] {
-                t_zqhandler* h = zqhandler_create();
-                zqhandler_connect_eth(h, "127.0.0.1", port.c_str());
-                zqhandler_set_timeout(h, kTimeoutMs);
-                std::vector<double> mine;
-                for (auto next = Clock::now(); next < end;) {
-                    uint8_t out[ZQ_SENSE_BYTES];
-                    char tc[ZQ_TC_BYTES];
-                    for (int sense = 0; sense < 2; ++sense) {
-                        auto start = Clock::now();
-                        const bool ok =
-                            !model ? zqhandler_cmd_sense_basic(h, BAS_SENSE_DEVICE_TYPE, out) == 2
-                            : sense == 0 ? zqhandler_cmd_sense_status(h, out) == 10
-                                         : zqhandler_cmd_sense_timecode(h, BAS_SENSE_TC, tc) == 0;
-                        mine.push_back(
-                            std::chrono::duration<double, std::micro>(Clock::now() - start)
-                                .count());
-                        ++(ok ? answers : failures);
-                    }
-                    std::this_thread::sleep_until(next += std::chrono::microseconds(16667));
-                }
-                zqhandler_delete(h);
-                std::lock_guard lock(samples_mutex);
-                latency_us.insert(latency_us.end(), mine.begin(), mine.end());
-            });
-        // The ninth: record a clip for 200 ms, stop, cue it, play it briefly, over and over.
-        t_zqhandler* recorder = zqhandler_create();
-        zqhandler_connect_eth(recorder, "127.0.0.1", port.c_str());
-        zqhandler_set_timeout(recorder, kTimeoutMs);
-        long recorder_failures = 0;
-        for (int clip = 0; Clock::now() < end; ++clip) {
-            char id_text[16]; // "C" + std::to_string: GCC 12 -O2 warns falsely (-Wrestrict)
-            snprintf(id_text, sizeof id_text, "C%d", clip);
-            const std::string id = id_text;
-            recorder_failures +=
-                zqhandler_cmd_odetics_recordCueUp(recorder, id.c_str(), nullptr) != 0;
-            recorder_failures += zqhandler_cmd_basic(recorder, BAS_CMD_RECORD) != 0;
-            std::this_thread::sleep_for(std::chrono::milliseconds(200));
-            recorder_failures += zqhandler_cmd_basic(recorder, BAS_CMD_STOP) != 0;
-            recorder_failures += zqhandler_cmd_odetics_inPreset(recorder, id.c_str(), nullptr) != 0;
-            recorder_failures += zqhandler_cmd_basic(recorder, BAS_CMD_PLAY) != 0;
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        }
+            pollers.emplace_back([&] { poll(port, model, end, polls); });
+        polls.failures += record_and_cue(port, end);
         for (std::thread& t : pollers)
             t.join();
-        zqhandler_delete(recorder);
-        failures += recorder_failures;
         cpu = cpu_seconds() - cpu_before;
-        server = server_cpu() - server_before;
+        server = thread_cpu_seconds(server_clock) - server_before;
     }
     sim.stop(); // after the serving thread's clock was read
-    state.counters["answers"] = static_cast<double>(answers);
-    state.counters["failures"] = static_cast<double>(failures);
-    state.counters["cpu_us_per_answer"] = cpu * 1e6 / static_cast<double>(answers);
+    const auto answers = static_cast<double>(polls.answers);
+    state.counters["answers"] = answers;
+    state.counters["failures"] = static_cast<double>(polls.failures);
+    state.counters["cpu_us_per_answer"] = cpu * 1e6 / answers;
     state.counters["cpu_percent"] = cpu * 100 / 10;
-    state.counters["server_cpu_us_per_answer"] = server * 1e6 / static_cast<double>(answers);
+    state.counters["server_cpu_us_per_answer"] = server * 1e6 / answers;
     state.counters["server_cpu_percent"] = server * 100 / 10;
-    reportPercentiles(state, "latency_us", latency_us);
+    reportPercentiles(state, "latency_us", polls.latency_us);
 }
 BENCHMARK(BM_eight_pollers_and_a_recorder)
     ->Arg(0)
