@@ -169,4 +169,27 @@ TEST(Scenario, each_directive_shapes_what_the_server_answers) {
     }
 }
 
+// A play that reaches its loaded clip's end, or its edit's end point, stands there: the transport
+// in still, the position held while time goes on.
+TEST(Model, a_play_stops_at_the_end_of_its_clip_or_edit_and_stands_there) {
+    using State = devsim::Model::State;
+    const std::function<void(devsim::Model&)> plays[] = {
+        [](devsim::Model& m) {
+            m.add_clip("SHORT", 1000, 5);
+            m.load("SHORT");
+            m.command(State::playing);
+        },
+        [](devsim::Model& m) { m.edit(devsim::Model::Edit::preview, 1000, 1005); },
+    };
+    for (const auto& play : plays) {
+        devsim::Model model;
+        play(model);
+        usleep(400000); // 10 frames at 25 a second: past the end
+        EXPECT_EQ(model.state(), State::still);
+        EXPECT_EQ(model.position(), 1005);
+        usleep(200000);
+        EXPECT_EQ(model.position(), 1005) << "it stands";
+        EXPECT_EQ(model.state(), State::still);
+    }
+}
 } // namespace
