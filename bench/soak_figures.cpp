@@ -53,7 +53,8 @@ long countEntries(const std::string& path) {
 }
 
 struct Tenth {
-    long rssKb = 0, privateKb = 0, fds = 0;
+    long rssKb = 0, privateKb = 0; // the largest seen
+    long fds = -1;                 // the fewest seen
     double cpuMsPerWork = 0;
     size_t samples = 0;
 };
@@ -70,7 +71,7 @@ Tenth summarise(const std::vector<ProcSample>& all, double from, double to) {
         ++tenth.samples;
         tenth.rssKb = std::max(tenth.rssKb, s.rssKb);
         tenth.privateKb = std::max(tenth.privateKb, s.privateKb);
-        tenth.fds = std::max(tenth.fds, s.fds);
+        tenth.fds = tenth.fds < 0 ? s.fds : std::min(tenth.fds, s.fds);
     }
     if (first && last && last->work > first->work)
         tenth.cpuMsPerWork =
@@ -105,7 +106,7 @@ bool ProcWatch::sample(double seconds, uint64_t work) {
 std::string ProcWatch::criterion() {
     char text[256];
     snprintf(text, sizeof text,
-             "flat = descriptors not above the first tenth's; resident and private memory at "
+             "flat = fewest descriptors open not above the first tenth's; resident and private memory at "
              "most %ld kB above it; CPU per unit of work at most %.1f x it + %.2f ms",
              kMemoryNoiseKb, kCpuGrowth, kCpuNoiseMs);
     return text;

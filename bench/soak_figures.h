@@ -26,10 +26,11 @@ struct ProcSample {
 std::optional<ProcSample> sampleProcess(pid_t pid, double seconds, uint64_t work);
 
 // The verdict on a run's samples. Flat means:
-//   - descriptors: the last tenth's largest count is not above the first tenth's;
+//   - descriptors: the fewest open at once in the last tenth is not above the fewest in the
+//     first tenth. A descriptor that is never closed raises that floor; one open only for the
+//     length of an exchange (each SPI transfer has a socket of its own) does not;
 //   - resident and private (written) memory: the last tenth's largest value exceeds the first
-//   tenth's
-//     largest by at most kMemoryNoiseKb;
+//     tenth's largest by at most kMemoryNoiseKb;
 //   - CPU per unit of work (where it is judged): the last tenth's is at most kCpuGrowth times the
 //     first tenth's plus kCpuNoiseMs.
 // A leak of a few bytes per poll over an hour, or a descriptor per fault, breaks the first two.
