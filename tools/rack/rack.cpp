@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -21,6 +22,10 @@ using devsim::Bytes;
 
 constexpr int kSampleMs = 20;      // the panel is looked at 50 times a second
 constexpr size_t kShownBytes = 32; // of a message in the log (a transfer's are many)
+// The heap's free pages go back to the system this often: a burst of traffic (fifty pages
+// behind, a flood of commands) leaves them free but written, and a rack that runs for weeks
+// should be the size of what it holds, not of the most it ever held.
+constexpr auto kReturnFreeMemory = std::chrono::seconds(10);
 
 const char* const kStates[] = {"stopped", "playing", "still",   "fast_forward", "rewind",
                                "jog",     "var",     "shuttle", "recording",    "ejected"};
@@ -221,6 +226,7 @@ void Rack::answered(const devsim::Traffic& answer) {
 }
 
 void Rack::watch() {
+    auto next_return = std::chrono::steady_clock::now() + kReturnFreeMemory;
     while (!stop_) {
         pollfd gpi{gpi_fd_, POLLIN, 0};
         if (poll(&gpi, 1, kSampleMs) > 0 && (gpi.revents & POLLIN)) {
@@ -233,6 +239,10 @@ void Rack::watch() {
                        : "not an event (" + std::to_string(n) + " bytes)");
         }
         sample_panel();
+        if (std::chrono::steady_clock::now() >= next_return) {
+            malloc_trim(0);
+            next_return += kReturnFreeMemory;
+        }
     }
 }
 
