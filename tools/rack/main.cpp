@@ -6,6 +6,7 @@
 #include "values.h"
 #include "web.h"
 
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -93,8 +94,14 @@ void start_without_thread_caches(char** argv) {
         return;
     const std::string tunables =
         given != nullptr && *given != '\0' ? std::string(given) + ":" + kNoCache : kNoCache;
+    // By its own path, not /proc/self/exe, so that ps and pgrep still know it as rack.
+    char self[PATH_MAX];
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (length <= 0)
+        return;
+    self[length] = '\0';
     if (setenv("GLIBC_TUNABLES", tunables.c_str(), 1) == 0)
-        execv("/proc/self/exe", argv);
+        execv(self, argv);
     // Where it cannot, it runs with the caches: it only takes longer to reach its size.
 }
 
