@@ -1157,7 +1157,7 @@ bool reportEnd(FILE* out, const Captured& captured, const Totals& t, const Optio
     fprintf(out,
             "controller: %s\n  %s (CPU printed, not judged: calls that wait out a time-out "
             "cost another CPU time than those answered)\n",
-            verdict.figures.c_str(), soak::ProcWatch::criterion().c_str());
+            verdict.figures.c_str(), verdict.criterion.c_str());
     fprintf(out, "emulator: %s\n", emulatorFigures.figures.c_str());
     const auto [printed, flushes] = captured.lines(STDOUT_FILENO, "mgmt_send_cmd: flush");
     const auto [traced, keepAliveLines] = captured.lines(STDERR_FILENO, "cnxn.cpp");

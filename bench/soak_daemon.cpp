@@ -1324,7 +1324,7 @@ void reportBoardAndDaemon(const Rig& rig, const Accounts& a, const soak::Verdict
     for (const auto& d : rig.board.disagreements())
         printf("  %s\n", d.c_str());
     reportOutages(rig.board.episodes(), a.gpi, a.gpiArrivals);
-    printf("daemon: %s\n  %s\n", verdict.figures.c_str(), soak::ProcWatch::criterion().c_str());
+    printf("daemon: %s\n  %s\n", verdict.figures.c_str(), verdict.criterion.c_str());
     printf("longest poll gap: %s (ctrld.out %s); the loop's own bound with a 60 ms time-out is "
            "100 ms of waiting + 60 ms + the SPI transfers\n",
            ms(a.longestGap).c_str(), a.gapPhase.c_str());
@@ -1397,7 +1397,8 @@ int soakRun(const Options& options, const soak::TempDir& dir) {
     rig.ctrld.start();
     rig.gpo.start();
     rig.net.start();
-    soak::ProcWatch watch(rig.daemon->pid());
+    // Each SPI transfer holds a socket of its own for its window: the daemon's floor is judged.
+    soak::ProcWatch watch(rig.daemon->pid(), 0, soak::Descriptors::floor);
     Queues queues;
     measure(rig, watch, queues);
     const Ended ended = finish(rig, queues);

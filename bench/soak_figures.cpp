@@ -54,7 +54,7 @@ long countEntries(const std::string& path) {
 
 struct Tenth {
     long rssKb = 0, privateKb = 0; // the largest seen
-    long fds = -1;                 // the fewest seen
+    long fdsPeak = 0, fdsFloor = -1;
     double cpuMsPerWork = 0;
     size_t samples = 0;
 };
@@ -71,7 +71,8 @@ Tenth summarise(const std::vector<ProcSample>& all, double from, double to) {
         ++tenth.samples;
         tenth.rssKb = std::max(tenth.rssKb, s.rssKb);
         tenth.privateKb = std::max(tenth.privateKb, s.privateKb);
-        tenth.fds = tenth.fds < 0 ? s.fds : std::min(tenth.fds, s.fds);
+        tenth.fdsPeak = std::max(tenth.fdsPeak, s.fds);
+        tenth.fdsFloor = tenth.fdsFloor < 0 ? s.fds : std::min(tenth.fdsFloor, s.fds);
     }
     if (first && last && last->work > first->work)
         tenth.cpuMsPerWork =
@@ -103,35 +104,39 @@ bool ProcWatch::sample(double seconds, uint64_t work) {
     return s.has_value();
 }
 
-std::string ProcWatch::criterion() {
+std::string ProcWatch::criterion() const {
     char text[256];
     snprintf(text, sizeof text,
-             "flat = fewest descriptors open not above the first tenth's; resident and private memory at "
-             "most %ld kB above it; CPU per unit of work at most %.1f x it + %.2f ms",
-             kMemoryNoiseKb, kCpuGrowth, kCpuNoiseMs);
+             "flat = %s descriptors open not above the first tenth's; resident and private memory "
+             "at most %ld kB above it; CPU per unit of work at most %.1f x it + %.2f ms",
+             rule_ == Descriptors::floor ? "fewest" : "most", kMemoryNoiseKb, kCpuGrowth,
+             kCpuNoiseMs);
     return text;
 }
 
 Verdict ProcWatch::verdict(double runSeconds, const char* workName, bool judgeCpu) const {
     const Tenth a = summarise(samples_, 0, runSeconds / 10);
     const Tenth b = summarise(samples_, runSeconds * 0.9, runSeconds + 1);
+    const bool floor = rule_ == Descriptors::floor;
+    const long fdsA = floor ? a.fdsFloor : a.fdsPeak, fdsB = floor ? b.fdsFloor : b.fdsPeak;
     Verdict v;
     char text[512];
     snprintf(
         text, sizeof text,
         "resident %ld -> %ld kB, private dirty %ld -> %ld kB, descriptors %ld -> %ld, CPU per %s "
         "%.3f -> %.3f ms (first tenth -> last tenth, %zu and %zu samples)",
-        a.rssKb, b.rssKb, a.privateKb, b.privateKb, a.fds, b.fds, workName, a.cpuMsPerWork,
+        a.rssKb, b.rssKb, a.privateKb, b.privateKb, fdsA, fdsB, workName, a.cpuMsPerWork,
         b.cpuMsPerWork, a.samples, b.samples);
     v.figures = text;
+    v.criterion = criterion();
     snprintf(text, sizeof text,
              "resident %ld -> %ld kB, private %ld -> %ld kB, descriptors %ld -> %ld", a.rssKb,
-             b.rssKb, a.privateKb, b.privateKb, a.fds, b.fds);
+             b.rssKb, a.privateKb, b.privateKb, fdsA, fdsB);
     v.brief = text;
     std::ostringstream why;
     if (a.samples < 2 || b.samples < 2)
         why << "too few samples in a tenth; ";
-    if (b.fds > a.fds)
+    if (fdsB > fdsA)
         why << "descriptors grew; ";
     if (b.rssKb - a.rssKb > kMemoryNoiseKb)
         why << "resident memory grew; ";

@@ -25,10 +25,17 @@ struct ProcSample {
 // Reads /proc/PID; nothing when the process is gone or /proc cannot be read.
 std::optional<ProcSample> sampleProcess(pid_t pid, double seconds, uint64_t work);
 
+// How descriptors are compared between the tenths:
+//   - peak: the most open at once. For a process whose descriptors last, or whose links close
+//     and open again under faults (a sample taken during a reconnection sees fewer);
+//   - floor: the fewest open at once. For a process that opens one for the length of an exchange
+//     (the daemon: each SPI transfer has a socket of its own for its 20 ms window), so that a
+//     sample taken during an exchange is not taken for a leak; a descriptor never closed raises
+//     the floor all the same.
+enum class Descriptors { peak, floor };
+
 // The verdict on a run's samples. Flat means:
-//   - descriptors: the fewest open at once in the last tenth is not above the fewest in the
-//     first tenth. A descriptor that is never closed raises that floor; one open only for the
-//     length of an exchange (each SPI transfer has a socket of its own) does not;
+//   - descriptors: the last tenth's count (peak or floor) is not above the first tenth's;
 //   - resident and private (written) memory: the last tenth's largest value exceeds the first
 //     tenth's largest by at most kMemoryNoiseKb;
 //   - CPU per unit of work (where it is judged): the last tenth's is at most kCpuGrowth times the
@@ -36,9 +43,10 @@ std::optional<ProcSample> sampleProcess(pid_t pid, double seconds, uint64_t work
 // A leak of a few bytes per poll over an hour, or a descriptor per fault, breaks the first two.
 struct Verdict {
     bool flat = false;
-    std::string figures; // one line: first tenth -> last tenth of each figure
-    std::string brief;   // memory and descriptors only, for a summary line
-    std::string why;     // what broke the criterion, "" when flat
+    std::string figures;   // one line: first tenth -> last tenth of each figure
+    std::string brief;     // memory and descriptors only, for a summary line
+    std::string criterion; // the rule in words, for the report
+    std::string why;       // what broke the criterion, "" when flat
 };
 
 constexpr long kMemoryNoiseKb = 16; // four pages
@@ -49,7 +57,8 @@ class ProcWatch {
   public:
     // Room for `expected` samples is made, and written, at once: a watch on its own process
     // must not grow it while it samples.
-    explicit ProcWatch(pid_t pid, size_t expected = 0) : pid_(pid) {
+    explicit ProcWatch(pid_t pid, size_t expected = 0, Descriptors rule = Descriptors::peak)
+        : pid_(pid), rule_(rule) {
         samples_.resize(expected);
         samples_.clear();
     }
@@ -61,11 +70,12 @@ class ProcWatch {
     // work is printed but not judged: where units differ in cost (a call answered at once, one
     // that waits out its time-out) the tenths hold different mixes of them.
     Verdict verdict(double runSeconds, const char* workName, bool judgeCpu = true) const;
-    // The criterion in words, for the report.
-    static std::string criterion();
 
   private:
+    std::string criterion() const;
+
     pid_t pid_;
+    Descriptors rule_;
     std::vector<ProcSample> samples_;
 };
 

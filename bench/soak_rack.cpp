@@ -437,7 +437,7 @@ void report(const Options& o, const Seen& seen, const Load& load, pid_t rack) {
            (unsigned long long)load.udp.calls, (unsigned long long)load.udp.failed,
            (unsigned long long)load.serial.calls, (unsigned long long)load.serial.failed);
     printf("rack: %s\n  %s (CPU per log entry printed, not judged)\n", seen.verdict.figures.c_str(),
-           soak::ProcWatch::criterion().c_str());
+           seen.verdict.criterion.c_str());
     printf("pages gone: the rack's descriptors %ld with one stream open, %ld once every stream "
            "closed\n",
            seen.fdsWithOneStream, seen.fdsAfter);
